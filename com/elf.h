@@ -1,0 +1,32 @@
+// The output image: a duplicate of the input that every update patches,
+// section lookups, section growth and writing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <libelf.h>
+
+namespace vesk {
+
+void duplicate_elf();
+void duplicate_elf32();
+void duplicate_elf64();
+Elf_Scn *find_section_by_name(Elf *elf, const char *name);
+Elf_Data *find_section_data_by_name(Elf *elf, const char *name);
+// Pointer into the data of the allocated section that holds addr; null when
+// none does.  Callers needing n bytes use get_textdata_range instead, which
+// also checks that the n bytes lie inside the section's data.
+uint8_t *get_textdata_by_addr(Elf *elf, uint64_t addr);
+uint8_t *get_textdata_range(Elf *elf, uint64_t addr, size_t n);
+void expand_section(Elf_Scn *scn, uint32_t n);
+void expand_section32(Elf_Scn *scn, uint32_t n);
+void expand_section64(Elf_Scn *scn, uint32_t n);
+void expand_text();
+uint32_t get_addr_by_got_offset(int32_t off);
+void write_it();
+void open_new_binary();
+void copy_binary();
+// Allocates size bytes and copies them from src ("malloc error" on failure).
+void *dup_buffer(const void *src, size_t size);
+
+} // namespace vesk

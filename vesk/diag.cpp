@@ -1,0 +1,122 @@
+#include "vesk/diag.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <libelf.h>
+
+namespace vesk {
+
+namespace {
+
+void vprint(FILE *stream, const char *prefix, const char *fmt, va_list ap, const char *ending) {
+  std::fputs(prefix, stream);
+  std::vfprintf(stream, fmt, ap);
+  std::fputs(ending, stream);
+}
+
+[[noreturn]] void die() {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  std::exit(1);
+}
+
+// Number of entries of the system's error-text table: the first number
+// strerrordesc_np has no text for.
+int error_table_size() {
+  static int n = [] {
+    int i = 0;
+    while (i < 4096 && strerrordesc_np(i) != nullptr)
+      ++i;
+    return i;
+  }();
+  return n;
+}
+
+} // namespace
+
+void note(const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprint(stderr, "Note: ", fmt, ap, "\n");
+  va_end(ap);
+}
+
+void warning(const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprint(stderr, "Warning: ", fmt, ap, ".\n");
+  va_end(ap);
+}
+
+void error(const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprint(stderr, "Error: ", fmt, ap, ".\n");
+  va_end(ap);
+  die();
+}
+
+void sysfatal(const char *fmt, ...) {
+  int e = errno;
+  std::fputs("Error: ", stderr);
+  if (e == -1)
+    std::fputs("unexpected end of file, ", stderr);
+  else if (e >= 0 && e < error_table_size())
+    std::fprintf(stderr, "%s, ", strerrordesc_np(e));
+  else
+    std::fprintf(stderr, "error code %d, ", e);
+  va_list ap;
+  va_start(ap, fmt);
+  std::vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  std::fputs(".\n", stderr);
+  die();
+}
+
+void dump(const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprint(stdout, "<Debug> ", fmt, ap, "\n");
+  va_end(ap);
+}
+
+void print_dwarf_error(Dwarf_Debug dbg, int result, Dwarf_Error err, const char *fmt, ...) {
+  std::fputs("Dwarf Error: ", stderr);
+  if (result == DW_DLV_ERROR) {
+    std::fprintf(stderr, "%s (%lld) ", dwarf_errmsg(err), (long long)dwarf_errno(err));
+    dwarf_dealloc(dbg, err, DW_DLA_ERROR);
+  } else if (result == DW_DLV_NO_ENTRY) {
+    std::fputs("NO ENTRY ", stderr);
+  } else if (result == DW_DLV_OK) {
+    std::fputs("DLV_OK ", stderr);
+  } else {
+    std::fprintf(stderr, "code %d ", result);
+  }
+  va_list ap;
+  va_start(ap, fmt);
+  std::vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  std::fputs("\n", stderr);
+  die();
+}
+
+void print_elf_error() {
+  int e = elf_errno();
+  if (e != 0)
+    error("%s", elf_errmsg(e));
+}
+
+const char *basename(const char *path) {
+  const char *slash = std::strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+char *basename(char *path) {
+  char *slash = std::strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+} // namespace vesk

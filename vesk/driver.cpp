@@ -1,0 +1,105 @@
+#include "vesk/driver.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "com/branch.h"
+#include "com/elf.h"
+#include "com/events.h"
+#include "com/mdebug.h"
+#include "com/rpt.h"
+#include "com/update.h"
+#include "com/update_compact_rel.h"
+#include "vesk/bin.h"
+#include "vesk/checks.h"
+#include "vesk/diag.h"
+#include "vesk/feedback.h"
+#include "vesk/options.h"
+#include "vesk/order.h"
+#include "vesk/proc.h"
+#include "vesk/r4000.h"
+#include "vesk/reader.h"
+
+namespace vesk {
+
+int vesk_main(int argc, char **argv) {
+  // The platform's fix-up of misaligned accesses has no Linux equivalent;
+  // every read and write of section contents goes through vesk/bytes.h.
+  parse_command_line(argc, argv);
+  read_orig_binary();
+  read_reorder_files();
+  if (option.debug)
+    dump_procs();
+  check_output_is_not_input();
+  bin.out_fd = open(option.output, O_WRONLY | O_CREAT | O_TRUNC, 0755);
+  if (bin.out_fd < 1)
+    sysfatal("cannot open %s", option.output);
+  bin_copy(bin.in_fd, bin.out_fd);
+  reorder_it();
+  write_it();
+  elf_end(bin.in_elf);
+  elf_end(bin.out_elf);
+  post_process_rpt(bin.in_fd, bin.out_fd);
+  post_process_line(bin.in_fd, bin.out_fd);
+  return 0;
+}
+
+void reorder_it() {
+  bin.text_map = static_cast<uint64_t *>(std::calloc(bin.text_words ? bin.text_words : 1, sizeof(uint64_t)));
+  duplicate_elf();
+  verify_proc();
+  check_branch_out_of_procedure();
+  check_merged_procedure();
+  check_procedure_with_no_return();
+  if (option.r4000_fix == 1)
+    fix_r4000_bug();
+  reorder_procedures();
+  update_elf_header();
+  update_dynamic();
+  update_got();
+  update_reldyn();
+  update_dynsym();
+  update_symtab();
+  if (is_o32())
+    update_rpt();
+  update_branch_offset();
+  if (!is_o32())
+    process_update_events();
+  else
+    update_compact_rel();
+  if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
+    check_r4000_bug();
+  update_mdebug();
+}
+
+void bin_copy(int in_fd, int out_fd) {
+  off_t size = lseek(in_fd, 0, SEEK_END);
+  lseek(in_fd, 0, SEEK_SET);
+  lseek(out_fd, 0, SEEK_SET);
+  char *buf = static_cast<char *>(std::malloc(size > 0 ? size_t(size) : 1));
+  ssize_t got = read(in_fd, buf, size_t(size));
+  if (got != size) {
+    if (got >= 0)
+      errno = -1;
+    sysfatal("reading %s", option.program);
+  }
+  ssize_t put = write(out_fd, buf, size_t(size));
+  (void)put;
+  std::free(buf);
+}
+
+void check_output_is_not_input() {
+  struct stat in_st, out_st;
+  if (fstat(bin.in_fd, &in_st) != 0)
+    return;
+  if (stat(option.output, &out_st) != 0)
+    return; // the output does not exist yet
+  if (in_st.st_dev == out_st.st_dev && in_st.st_ino == out_st.st_ino)
+    error("output file %s is the input file %s; name another output with -o", option.output,
+          option.program);
+}
+
+} // namespace vesk
