@@ -31,10 +31,6 @@ if [ "${1:-}" = "--compile" ]; then
     n32) cc="mips64-linux-gnuabi64-gcc -mabi=n32" ;;
     n64) cc="mips64-linux-gnuabi64-gcc" ;;
   esac
-  case $debug in
-    mdebug) dflags="-Wa,-mdebug" ;;
-    dwarf) dflags="-g" ;;
-  esac
   case $model in
     pie) mflags="" ;;
     no-pie) mflags="-no-pie" ;;
@@ -46,8 +42,31 @@ if [ "${1:-}" = "--compile" ]; then
     name=$name-noexplicit
     xflags="-mno-explicit-relocs"
   fi
-  # shellcheck disable=SC2086
-  if ! $cc -O2 -Wl,-q $dflags $mflags $xflags -o "$out/$name.tmp" "$here/$prog"/*.c; then
+  flags="-O2 $mflags $xflags"
+  cd "$here/$prog"
+  ok=yes
+  if [ "$debug" = dwarf ]; then
+    # shellcheck disable=SC2086
+    $cc $flags -g -Wl,-q -o "$out/$name.tmp" *.c || ok=no
+  else
+    # gcc hands the assembler a temporary file, and the assembler names
+    # each mdebug file descriptor after its input: every file would be
+    # called /tmp/ccXXXXXX.s, differently on every build.  So compile to
+    # assembly first and give the assembler the source name with a line
+    # marker; the file descriptors then say main.c, eval.c, ...
+    work=$out/.work-$name
+    rm -rf "$work"
+    mkdir -p "$work"
+    for src in *.c; do
+      # shellcheck disable=SC2086
+      $cc $flags -S -o "$work/${src%.c}.s" "$src" || ok=no
+      sed -i "1i # 1 \"$src\"" "$work/${src%.c}.s"
+    done
+    # shellcheck disable=SC2086
+    [ $ok = no ] || (cd "$work" && $cc $flags -Wa,-mdebug -Wl,-q -o "$out/$name.tmp" *.s) || ok=no
+    rm -rf "$work"
+  fi
+  if [ $ok = no ]; then
     echo "build.sh: cannot build $name" >&2
     exit 255 # stops xargs
   fi
