@@ -2,11 +2,15 @@
 // it is refused, and what a completed run leaves behind.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/bench.h"
+#include "support/child.h"
 #include "support/scratch.h"
+#include "vesk/driver.h"
+#include "vesk/options.h"
 
 using namespace vesk::test;
 
@@ -101,4 +105,33 @@ TEST(RunErrors, RefusesToWriteOverItsInput) {
   auto r = run_vesk({"-o", "prog", "soft", "prog.fb"}, dir.path());
   EXPECT_EQ(r.status, 1);
   EXPECT_TRUE(read_file(dir / "prog") == original);
+}
+
+TEST(RunErrors, CopyThatCannotReadTheInput) {
+  ScratchDir dir("run");
+  write_file(dir / "in", "0123456789");
+  const std::string in = dir / "in", out = dir / "out";
+  auto copy = [&](int in_flags) {
+    return run_in_child([&] {
+      vesk::option.program = "prog";
+      int in_fd = open(in.c_str(), in_flags);
+      int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      vesk::bin_copy(in_fd, out_fd);
+    });
+  };
+  auto r = copy(O_RDONLY);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(read_file(out), "0123456789");
+  r = copy(O_WRONLY); // the read fails
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: Bad file descriptor, reading prog.\n");
+  r = run_in_child([] {
+    vesk::option.program = "prog";
+    int p[2];
+    if (pipe(p) != 0)
+      std::exit(9);
+    vesk::bin_copy(p[0], p[1]); // no size to take
+  });
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: Illegal seek, reading prog.\n");
 }
