@@ -10,6 +10,7 @@
 #include "com/elf.h"
 #include "com/mdebug.h"
 #include "vesk/bin.h"
+#include "vesk/bytes.h"
 #include "vesk/diag.h"
 #include "vesk/elf_class.h"
 #include "vesk/options.h"
@@ -73,6 +74,24 @@ template <class C> Elf_Data *section_data_at(Elf *elf, uint64_t addr, uint64_t *
   }
 }
 
+// libelf hands arrays of addresses (.init_array, .fini_array,
+// .preinit_array) over in host order.  Dynamic relocations and the other
+// updates patch address words wherever they lie through the raw big-endian
+// view that every other allocated section has, so the output copy of such
+// an array is turned back into file order and written out as plain bytes.
+template <class C> void addresses_to_file_order(Elf_Data *d) {
+  auto *p = static_cast<uint8_t *>(d->d_buf);
+  for (size_t off = 0; off + sizeof(typename C::Addr) <= d->d_size; off += sizeof(typename C::Addr)) {
+    typename C::Addr v;
+    std::memcpy(&v, p + off, sizeof v);
+    if constexpr (C::is_64)
+      store64(p + off, v);
+    else
+      store32(p + off, v);
+  }
+  d->d_type = ELF_T_BYTE;
+}
+
 // A copy of the input in bin.out_elf: same headers, same section indices,
 // private copies of every section's contents.
 template <class C> void duplicate_elf_t() {
@@ -128,6 +147,8 @@ template <class C> void duplicate_elf_t() {
     *out_d = *in_d;
     if (in_d->d_buf != nullptr)
       out_d->d_buf = dup_buffer(in_d->d_buf, in_d->d_size);
+    if (out_d->d_type == ELF_T_ADDR && out_d->d_buf != nullptr)
+      addresses_to_file_order<C>(out_d);
     const char *name = section_name<C>(bin.in_elf, in_scn);
     if (name != nullptr && std::strcmp(name, ".text") == 0)
       bin.new_text = static_cast<uint8_t *>(out_d->d_buf);
