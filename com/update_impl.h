@@ -128,10 +128,24 @@ template <class C> void update_reloc_target(uint64_t where, const char *complain
     set_got_entry<C>(p, 0, v);
 }
 
+// The address range of the output .got; empty when there is none.
+template <class C> void output_got_range(uint64_t *lo, uint64_t *hi) {
+  *lo = *hi = 0;
+  if (Elf_Scn *scn = find_section_by_name(bin.out_elf, ".got"))
+    if (typename C::Shdr *sh = C::getshdr(scn)) {
+      *lo = sh->sh_addr;
+      *hi = sh->sh_addr + sh->sh_size;
+    }
+}
+
 template <class C> void update_reldyn_t() {
   Elf_Data *d = typed_output_data(".rel.dyn", ELF_T_REL);
   if (d == nullptr)
     return;
+  // The GOT update has already dealt with every GOT entry; a relocation of
+  // one must not move it a second time.
+  uint64_t got_lo, got_hi;
+  output_got_range<C>(&got_lo, &got_hi);
   const auto *rel = static_cast<const typename C::Rel *>(d->d_buf);
   size_t n = d->d_size / sizeof(typename C::Rel);
   for (size_t i = 0; i < n; ++i) {
@@ -147,10 +161,11 @@ template <class C> void update_reldyn_t() {
         warning("unknown R_MIPS_REL");
         continue;
       }
-      update_reloc_target<C>(rel[i].r_offset, "ignoring incorrect R_MIPS_REL64");
-    } else {
-      update_reloc_target<C>(rel[i].r_offset, "ignoring incorrect R_MIPS_REL32");
     }
+    if (rel[i].r_offset >= got_lo && rel[i].r_offset < got_hi)
+      continue;
+    update_reloc_target<C>(rel[i].r_offset, C::is_64 ? "ignoring incorrect R_MIPS_REL64"
+                                                     : "ignoring incorrect R_MIPS_REL32");
   }
 }
 

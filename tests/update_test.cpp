@@ -94,7 +94,7 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
                         dyn<Dyn>(DT_FINI, TEXT + 0x10)}; // behind DT_NULL: not an entry
   img.add(section(".dynamic", SHT_DYNAMIC, SHF_ALLOC | SHF_WRITE, 0x420000, records(d), ELF_T_DYN));
 
-  std::vector<Rel> rel(is64 ? 5 : 4);
+  std::vector<Rel> rel(is64 ? 6 : 5);
   auto info = [](uint32_t sym, uint32_t type, uint32_t type2) -> uint64_t {
     return is64 ? (uint64_t(sym) << 32 | type2 << 8 | type) : (uint64_t(sym) << 8 | type);
   };
@@ -102,8 +102,10 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
   rel[1] = {decltype(rel[1].r_offset)(DATA), decltype(rel[1].r_info)(info(0, 3, 18))};
   rel[2] = {decltype(rel[2].r_offset)(0x500000), decltype(rel[2].r_info)(info(0, 3, 18))};
   rel[3] = {decltype(rel[3].r_offset)(DATA + (is64 ? 8 : 4)), decltype(rel[3].r_info)(info(0, 2, 0))};
+  // A GOT entry that the GOT update re-points anyway.
+  rel[4] = {decltype(rel[4].r_offset)(GOT + 5 * (is64 ? 8 : 4)), decltype(rel[4].r_info)(info(0, 3, 18))};
   if (is64)
-    rel[4] = {decltype(rel[4].r_offset)(DATA + 8), decltype(rel[4].r_info)(info(0, 3, 1))};
+    rel[5] = {decltype(rel[5].r_offset)(DATA + 8), decltype(rel[5].r_info)(info(0, 3, 1))};
   img.add(section(".rel.dyn", SHT_REL, SHF_ALLOC, 0x430000, records(rel), ELF_T_REL));
 
   std::vector<Sym> dynsym = {Sym{}, sym<Sym>(TEXT + 0x20, 2), sym<Sym>(STUBS, 3), sym<Sym>(0, SHN_UNDEF),
@@ -152,17 +154,18 @@ struct Written {
     elf_end(e);
     close(fd);
   }
-  Elf_Data *data(const char *name) {
+  Elf_Scn *scn(const char *name) {
     size_t shstrndx;
     elf_getshdrstrndx(e, &shstrndx);
     for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
       GElf_Shdr sh;
       gelf_getshdr(s, &sh);
       if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == name)
-        return elf_getdata(s, nullptr);
+        return s;
     }
     return nullptr;
   }
+  Elf_Data *data(const char *name) { return elf_getdata(scn(name), nullptr); }
   uint64_t word(const char *name, size_t i, bool is64) {
     auto *p = static_cast<const uint8_t *>(data(name)->d_buf);
     return is64 ? load64(p + 8 * i) : load32(p + 4 * i);
@@ -196,6 +199,16 @@ template <class C> void check_all_updates() {
   EXPECT_EQ(d[0].d_un.d_val, INIT);               // in .init: stays
   EXPECT_EQ(d[1].d_un.d_val, moved(TEXT + 0x10)); // in .text: follows
   EXPECT_NE(d[2].d_un.d_val, 5u);                 // a new time stamp
+  {
+    // Outputs of two runs compare equal apart from the stamp.
+    GElf_Shdr dsh;
+    gelf_getshdr(w.scn(".dynamic"), &dsh);
+    size_t half = is64 ? 8 : 4, at = dsh.sh_offset + 2 * 2 * half + half;
+    std::vector<uint8_t> raw = file_bytes(out), masked = file_bytes_without_time_stamp(out);
+    ASSERT_EQ(raw.size(), masked.size());
+    for (size_t i = 0; i < raw.size(); ++i)
+      EXPECT_EQ(masked[i], i >= at && i < at + half ? 0 : raw[i]) << i;
+  }
   EXPECT_EQ(d[3].d_un.d_val, 0x1002u);
   EXPECT_EQ(bin.mips_flags, 0x2u);
   EXPECT_EQ(d[7].d_un.d_val, TEXT + 0x10); // behind DT_NULL
