@@ -52,8 +52,10 @@ template <class C> Elf_Scn *find_section_by_name_t(Elf *elf, const char *name) {
   }
 }
 
-// The data of the first allocated section holding addr, and addr's offset in
-// it.  The 32-bit image computes addresses on 32 bits.
+// The data of the first allocated section with contents that holds addr,
+// and addr's offset in it.  Sections without contents are passed over: a
+// .tbss shares its addresses with the sections behind it.  The 32-bit image
+// computes addresses on 32 bits.
 template <class C> Elf_Data *section_data_at(Elf *elf, uint64_t addr, uint64_t *offset) {
   if (!C::is_64)
     addr = uint32_t(addr);
@@ -64,7 +66,7 @@ template <class C> Elf_Data *section_data_at(Elf *elf, uint64_t addr, uint64_t *
       return nullptr;
     }
     typename C::Shdr *sh = C::getshdr(scn);
-    if (sh == nullptr || !(sh->sh_flags & SHF_ALLOC))
+    if (sh == nullptr || !(sh->sh_flags & SHF_ALLOC) || sh->sh_type == SHT_NOBITS)
       continue;
     uint64_t lo = sh->sh_addr, hi = lo + sh->sh_size;
     if (addr >= lo && addr < hi) {

@@ -203,6 +203,13 @@ TEST_F(OutputImage, DuplicateOwnsItsContentsAndKnowsTheNewText) {
 TEST_F(OutputImage, AddressLookupFindsTheHoldingSectionAndChecksTheRange) {
   SynthElf img;
   img.add(text_section(0x400100, {0x11111111, 0x22222222}));
+  SynthSection tbss; // thread-local, shares its addresses with .next
+  tbss.name = ".tbss";
+  tbss.type = SHT_NOBITS;
+  tbss.flags = SHF_ALLOC | SHF_WRITE | SHF_TLS;
+  tbss.addr = 0x400108;
+  tbss.nobits_size = 8;
+  img.add(tbss);
   SynthSection next;
   next.name = ".next";
   next.type = SHT_PROGBITS;
@@ -232,7 +239,8 @@ TEST_F(OutputImage, AddressLookupFindsTheHoldingSectionAndChecksTheRange) {
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(load32(p), 0x22222222u);
   EXPECT_EQ(p, bin.new_text + 4);
-  // The end of .text is the start of .next.
+  // The end of .text is the start of .next (and of .tbss, which has no
+  // contents).
   p = get_textdata_by_addr(bin.out_elf, 0x400108);
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(load32(p), 0x33333333u);
