@@ -24,19 +24,20 @@ uint64_t repoint_code_address(uint64_t a);
 inline void check_for_text_and_update(uint32_t *a) { check_for_text_and_update32(a); }
 inline void check_for_text_and_update(uint64_t *a) { check_for_text_and_update64(a); }
 
-// One GOT entry (4 or 8 bytes by class) of a raw big-endian buffer.
-template <class C> uint64_t got_entry(const uint8_t *got, size_t i) {
+// Address word i (4 or 8 bytes by class: a GOT entry, a relocated word) of
+// a raw big-endian buffer.
+template <class C> uint64_t address_word(const uint8_t *buf, size_t i) {
   if constexpr (C::is_64)
-    return load64(got + i * 8);
+    return load64(buf + i * 8);
   else
-    return load32(got + i * 4);
+    return load32(buf + i * 4);
 }
 
-template <class C> void set_got_entry(uint8_t *got, size_t i, uint64_t v) {
+template <class C> void set_address_word(uint8_t *buf, size_t i, uint64_t v) {
   if constexpr (C::is_64)
-    store64(got + i * 8, v);
+    store64(buf + i * 8, v);
   else
-    store32(got + i * 4, uint32_t(v));
+    store32(buf + i * 4, uint32_t(v));
 }
 
 // The first data of the output section `name` when it holds records of the
@@ -103,14 +104,14 @@ template <class C> void update_got_t() {
   // The leading page entries serve gp-relative page/offset pairs, which
   // keep their page and only change the offset; they are never re-pointed.
   size_t i = 1;
-  while (i < bin.local_gotno && i < n && (got_entry<C>(got, i) & 0xffff) == 0)
+  while (i < bin.local_gotno && i < n && (address_word<C>(got, i) & 0xffff) == 0)
     ++i;
   for (; i < n; ++i) {
-    typename C::Addr v = typename C::Addr(got_entry<C>(got, i));
+    typename C::Addr v = typename C::Addr(address_word<C>(got, i));
     typename C::Addr old = v;
     check_for_text_and_update(&v);
     if (v != old)
-      set_got_entry<C>(got, i, v);
+      set_address_word<C>(got, i, v);
   }
 }
 
@@ -121,11 +122,11 @@ template <class C> void update_reloc_target(uint64_t where, const char *complain
     warning("%s", complaint);
     return;
   }
-  typename C::Addr v = typename C::Addr(got_entry<C>(p, 0));
+  typename C::Addr v = typename C::Addr(address_word<C>(p, 0));
   typename C::Addr old = v;
   check_for_text_and_update(&v);
   if (v != old)
-    set_got_entry<C>(p, 0, v);
+    set_address_word<C>(p, 0, v);
 }
 
 // The address range of the output .got; empty when there is none.
@@ -214,7 +215,7 @@ template <class C> uint32_t got_index_by_gpoffset_t(int32_t off) {
 }
 
 template <class C> uint64_t got_content_by_gpoffset_t(int32_t off) {
-  return got_entry<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off));
+  return address_word<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off));
 }
 
 template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index) {
@@ -225,8 +226,8 @@ template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32
   const uint8_t *out_got = out && out->d_buf ? static_cast<const uint8_t *>(out->d_buf) : nullptr;
   size_t out_n = out_got ? out->d_size / C::word_size : 0;
   for (size_t i = 1; i < bin.local_gotno && i < n; ++i) {
-    uint64_t entry = got_entry<C>(bin.got_buf, i);
-    if (out_got && (i >= out_n || got_entry<C>(out_got, i) != entry))
+    uint64_t entry = address_word<C>(bin.got_buf, i);
+    if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
       continue;
     int32_t diff = int32_t(uint32_t(addr) - uint32_t(entry));
     if (diff >= -32768 && diff <= 32767) {
