@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "com/elf.h"
+#include "support/bench.h"
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
@@ -21,34 +22,6 @@ using OutputImageDeathTest = RewriteTest;
 
 namespace {
 
-const char *const kProgram = R"(
-#include <stdio.h>
-#include <string.h>
-static int counter;
-static const char *names[] = {"alpha", "beta", "gamma"};
-static int twice(int x) { return 2 * x; }
-int (*volatile op)(int) = twice;
-int main(int argc, char **argv) {
-  (void)argv;
-  for (int i = 0; i < 3; i++)
-    counter += (int)strlen(names[i]) + op(argc);
-  printf("%d\n", counter);
-  return 0;
-}
-)";
-
-struct Variant {
-  const char *name;
-  std::vector<std::string> flags;
-};
-
-const std::vector<Variant> kVariants = {
-    {"pie", {"-O2", "-Wl,-q", "-fPIE", "-pie"}},
-    {"nopie", {"-O2", "-Wl,-q", "-fno-pie", "-no-pie"}},
-    {"dwarf", {"-O2", "-g", "-Wl,-q"}},
-    {"mdebug", {"-O2", "-Wa,-mdebug", "-Wl,-q"}},
-};
-
 // Duplicates path and writes the duplicate without any update.
 std::string write_untouched(const std::string &path) {
   std::string out = temp_path("untouched");
@@ -61,16 +34,12 @@ std::string write_untouched(const std::string &path) {
 } // namespace
 
 TEST_F(OutputImage, UntouchedRealExecutablesAreWrittenBackByteForByte) {
-  for (Abi abi : {Abi::o32, Abi::n32, Abi::n64}) {
-    for (const Variant &v : kVariants) {
-      SCOPED_TRACE(std::string(abi_name(abi)) + " " + v.name);
-      std::string exe = cross_compile(abi, kProgram, v.flags);
-      if (exe.empty())
-        GTEST_SKIP() << "no cross compiler";
-      std::string out = write_untouched(exe);
-      EXPECT_TRUE(file_bytes(out) == file_bytes(exe));
-      unlink(out.c_str());
-    }
+  VESK_REQUIRE_BENCH();
+  for (const BenchExe &e : bench_executables()) {
+    SCOPED_TRACE(e.name);
+    std::string out = write_untouched(e.path);
+    EXPECT_TRUE(file_bytes(out) == file_bytes(e.path));
+    unlink(out.c_str());
   }
 }
 
