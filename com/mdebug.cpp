@@ -23,9 +23,6 @@ IpdCarry discovery_carry;
 // One copy of every file name, shared by the procedure records of the file.
 std::deque<std::string> file_names;
 
-// The handle of the input; kept, since procedure names point into it.
-MdebugHandle *input_handle;
-
 // Line numbers of the header checks of move_mdebug, as the assertions print.
 constexpr int MOVE_SIZE_CHECK_LINE = 330;
 constexpr int MOVE_MAGIC_CHECK_LINE = 331;
@@ -84,7 +81,6 @@ void mdebug_interface() {
   if (st == nullptr)
     error("%s:%d ASSERT(st)", "com/mdebug", 43);
   mdebug_read_tables(ldptr);
-  input_handle = ldptr;
 
   // The code at the start of .text that no descriptor describes (library
   // stubs and the like) is one pseudo procedure.
@@ -111,7 +107,6 @@ void move_mdebug(const uint8_t *contents, size_t length, uint64_t) {
 void reset_mdebug_discovery() {
   discovery_carry = IpdCarry{};
   file_names.clear();
-  input_handle = nullptr;
 }
 
 } // namespace vesk
