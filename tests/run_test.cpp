@@ -36,7 +36,7 @@ const BenchExe *prepare(const ScratchDir &dir, const char *abi, const char *debu
 TEST(CompletedRun, ExitsZeroAndCopiesTheInputByteForByteWhileRewritingIsPending) {
   VESK_REQUIRE_BENCH();
   const char *const kinds[][3] = {
-      {"o32", "mdebug", "no-pie"}, {"n32", "dwarf", "pie"}, {"n64", "mdebug", "fno-pie"}};
+      {"o32", "mdebug", "no-pie"}, {"n32", "dwarf", "pie"}, {"n64", "dwarf", "fno-pie"}};
   for (const auto &k : kinds) {
     ScratchDir dir("run");
     const BenchExe *e = prepare(dir, k[0], k[1], k[2]);
