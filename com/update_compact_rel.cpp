@@ -58,14 +58,31 @@ uint8_t *new_insn(uint64_t a) {
 void patch_imm16(uint8_t *insn, uint32_t imm) { store32(insn, mips::with_imm16(load32(insn), imm)); }
 
 // The data word that an entry of type 2 or 3 describes, in the output.  A
-// word inside .text has moved with its procedure.
-uint8_t *data_word(const CompactRelEntry &e) {
-  if (in_text(e.vaddr))
-    return new_insn(new_addr(e.vaddr));
-  uint8_t *p = get_textdata_range(bin.out_elf, e.vaddr, 4);
-  if (p == nullptr)
-    error(".compact_rel entry of type %u: no section of the output holds the word at %#x", e.type, e.vaddr);
-  return p;
+// word inside .text has moved with its procedure.  libelf hands some
+// sections over converted to host order (.init_array, .fini_array and the
+// other typed ones): their words are written in host order, the raw ones
+// big-endian.
+void set_data_word(const CompactRelEntry &e, uint32_t value) {
+  if (in_text(e.vaddr)) {
+    store32(new_insn(new_addr(e.vaddr)), value);
+    return;
+  }
+  for (Elf_Scn *scn = elf_nextscn(bin.out_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.out_elf, scn)) {
+    const Elf32_Shdr *sh = elf32_getshdr(scn);
+    if (sh == nullptr || (sh->sh_flags & SHF_ALLOC) == 0 || e.vaddr < sh->sh_addr || e.vaddr - sh->sh_addr >= sh->sh_size)
+      continue;
+    Elf_Data *d = elf_getdata(scn, nullptr);
+    uint32_t off = e.vaddr - sh->sh_addr;
+    if (d == nullptr || d->d_buf == nullptr || d->d_size < 4 || off > d->d_size - 4)
+      break;
+    uint8_t *p = static_cast<uint8_t *>(d->d_buf) + off;
+    if (d->d_type == ELF_T_BYTE)
+      store32(p, value);
+    else
+      std::memcpy(p, &value, 4);
+    return;
+  }
+  error(".compact_rel entry of type %u: no section of the output holds the word at %#x", e.type, e.vaddr);
 }
 
 // Rewrites a gp set-up pair (lui at lui_new, addiu at addiu_new) for the
@@ -110,7 +127,7 @@ void update_rel32(CompactRelEntry &e) {
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  store32(data_word(e), target - bin.gp_value);
+  set_data_word(e, target - bin.gp_value);
   if (in_text(e.vaddr)) {
     uint32_t moved = new_addr(e.vaddr);
     warning("REL32 %#x updated to %#x", e.vaddr, moved);
@@ -123,7 +140,7 @@ void update_word(CompactRelEntry &e) {
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  store32(data_word(e), target);
+  set_data_word(e, target);
   if (in_text(e.vaddr)) {
     uint32_t moved = new_addr(e.vaddr);
     warning("WORD %#x updated to %#x", e.vaddr, moved);

@@ -20,7 +20,7 @@ using namespace vesk::test;
 namespace {
 
 constexpr uint32_t TEXT = 0x407ff0, A = TEXT, B = TEXT + 16;
-constexpr uint32_t DATA = 0x410000;
+constexpr uint32_t DATA = 0x410000, INIT_ARRAY = 0x411000;
 constexpr uint32_t PLTGOT = 0x420000, GP = PLTGOT + 0x7ff0;
 
 uint32_t lui(uint32_t rt, uint32_t imm) { return 0x3c000000u | rt << 16 | (imm & 0xffff); }
@@ -30,6 +30,7 @@ uint32_t lw(uint32_t rt, uint32_t base, uint32_t imm) { return 0x8c000000u | bas
 struct Image {
   std::vector<uint32_t> text = std::vector<uint32_t>(8, 0);
   std::vector<uint32_t> data = std::vector<uint32_t>(4, 0);
+  std::vector<uint32_t> init_array = std::vector<uint32_t>(2, 0);
   std::vector<CompactRelEntry> entries;
   std::vector<uint8_t> header_override; // whole section, when set
   bool with_section = true;
@@ -51,6 +52,15 @@ struct Image {
     for (uint32_t w : data)
       put32(d.data, w);
     img.add(d);
+    // libelf hands .init_array over in host order.
+    SynthSection init;
+    init.name = ".init_array";
+    init.type = SHT_INIT_ARRAY;
+    init.flags = SHF_ALLOC | SHF_WRITE;
+    init.addr = INIT_ARRAY;
+    init.dtype = ELF_T_ADDR;
+    init.data = records(init_array);
+    img.add(init);
     if (with_section) {
       SynthSection c;
       c.name = ".compact_rel";
@@ -129,6 +139,17 @@ struct Image {
     for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
       if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".data")
         return load32(static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i);
+    return 0;
+  }
+  uint32_t init_array_word(uint32_t i) const {
+    size_t n;
+    elf_getshdrstrndx(elf, &n);
+    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
+      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".init_array") {
+        uint32_t v;
+        std::memcpy(&v, static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i, 4);
+        return v;
+      }
     return 0;
   }
   // The entries of the rebuilt section.
@@ -234,7 +255,9 @@ TEST(UpdateCompactRel, RepointsDataWordsHoldingCodeAddresses) {
   Image im;
   im.data = {(B + 8) - GP, A, 0x500000, 0};
   im.text[7] = B + 4; // a word inside the text
-  im.entries = {{3, B + 4, 0, B + 12}, {2, B + 8, 0, DATA}, {3, A, 0, DATA + 4}, {3, 0x500000, 0, DATA + 8}};
+  im.init_array = {B, 0};
+  im.entries = {{3, B + 4, 0, B + 12}, {2, B + 8, 0, DATA}, {3, A, 0, DATA + 4}, {3, 0x500000, 0, DATA + 8},
+                {3, B, 0, INIT_ARRAY}};
   im.load();
   testing::internal::CaptureStderr();
   update_compact_rel();
@@ -242,9 +265,10 @@ TEST(UpdateCompactRel, RepointsDataWordsHoldingCodeAddresses) {
   EXPECT_EQ(im.data_word(0), 0x407ff8u - GP);
   EXPECT_EQ(im.data_word(1), 0x408000u);
   EXPECT_EQ(im.data_word(2), 0x500000u);
+  EXPECT_EQ(im.init_array_word(0), TEXT);
   EXPECT_EQ(im.new_word(0x407ffc), 0x407ff4u); // the text word moved with B and was repaired there
   auto r = im.result();
-  ASSERT_EQ(r.size(), 4u);
+  ASSERT_EQ(r.size(), 5u);
   EXPECT_EQ(r[0].vaddr, 0x407ffcu);
   EXPECT_EQ(r[0].konst, 0x407ff4u);
   EXPECT_EQ(r[1].konst, 0x407ff8u);
