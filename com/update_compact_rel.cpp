@@ -246,7 +246,8 @@ void update_compact_rel() {
   if (out_size < size) {
     // A stream that became shorter is padded: the count in the header
     // says where it ends, and nothing behind the section has to move.
-    auto *padded = static_cast<uint8_t *>(std::calloc(size, 1));
+    static uint8_t *padded; // lives as long as the output image
+    padded = static_cast<uint8_t *>(std::calloc(size, 1));
     std::memcpy(padded, out, out_size);
     out = padded;
     out_size = size;
