@@ -106,3 +106,31 @@ INSTANTIATE_TEST_SUITE_P(Bench, O32EndToEnd, testing::ValuesIn(o32_bench_names()
                            return n;
                          });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(O32EndToEnd);
+
+// vesk reading an annotated executable whose .compact_rel claims more
+// entries than it holds stops with a clear error.
+TEST(O32CompactRel, VeskRefusesAnEntryCountLargerThanTheStream) {
+  VESK_REQUIRE_BENCH();
+  const BenchExe *e = find_bench("textstats", "o32", "mdebug", "fno-pie");
+  ASSERT_NE(e, nullptr);
+  O32Build tmp;
+  const std::string ann = tmp.dir() + "/annotated", bad = tmp.dir() + "/bad", none = tmp.dir() + "/none.fb";
+  ASSERT_EQ(run_command({annotate_binary(), e->path, "-o", ann}).status, 0);
+  size_t count = compact_rel_entries(ann).size();
+  // The header lies at the start of the last section: tag 1, then the count.
+  std::string bytes = read_file(ann);
+  size_t shoff = (uint8_t(bytes[32]) << 24) | (uint8_t(bytes[33]) << 16) | (uint8_t(bytes[34]) << 8) | uint8_t(bytes[35]);
+  size_t shnum = (uint8_t(bytes[48]) << 8) | uint8_t(bytes[49]);
+  size_t h = shoff + 40 * (shnum - 1) + 16;
+  size_t off = (uint8_t(bytes[h]) << 24) | (uint8_t(bytes[h + 1]) << 16) | (uint8_t(bytes[h + 2]) << 8) | uint8_t(bytes[h + 3]);
+  ASSERT_EQ(bytes[off + 3], 1);
+  bytes[off + 6] = char(uint8_t(bytes[off + 6]) + 1); // 256 more entries
+  write_file(bad, bytes);
+  write_file(none, kNoFeedback);
+  RunResult r = run_vesk({bad, none, "-o", tmp.dir() + "/out"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error: .compact_rel entry " + std::to_string(count + 1) + " of " +
+                       std::to_string(count + 256) + " runs past the end of the section.\n"),
+            std::string::npos)
+      << r.err;
+}
