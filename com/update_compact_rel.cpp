@@ -178,10 +178,7 @@ void update_got_pair(CompactRelEntry &e) {
     return;
   uint32_t page_old = e.vaddr - e.dist2to;
   require_in_text(e, page_old);
-  int64_t got_off = int64_t(bin.gp_value) + mips::simm16(old_insn(page_old)) - int64_t(bin.pltgot);
-  if (got_off < 0 || (got_off & 3) != 0 || uint64_t(got_off) / 4 >= bin.got_count)
-    error(".compact_rel GOT pair at %#x: the page load at %#x does not address a GOT entry", e.vaddr, page_old);
-  uint32_t got_index = uint32_t(got_off / 4);
+  uint32_t got_index = got_index_by_gpoffset(mips::simm16(old_insn(page_old)));
   uint32_t offset_new = new_addr(e.vaddr);
   int32_t low = mips::simm16(load32(new_insn(offset_new)));
   update_got_page(new_addr(page_old), low, got_index, e.konst);
