@@ -1,13 +1,152 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// The .compact_rel entry codec: a cursor that decodes the entry stream and
+// a writer that encodes a rebuilt section behind a copy of its header.
+//
+// First word of an entry:
+//   bit 31      an absolute address word follows (after the konst word)
+//   bit 30      a konst word follows
+//   bits 29..27 relocation type
+//   bits 26..19 distance to the partner instruction, in words
+//   bits 18..0  signed distance from the previous entry's address, in words
 #include "com/compact_rel.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
 
 namespace vesk {
 
-void cm_rlc_reset(CompactRelCursor *) {}
-bool cm_rlc_get(CompactRelCursor *, CompactRelEntry *) { return false; }
-void new_cr_header(const uint8_t *, size_t) {}
-void add_cr(uint32_t, uint32_t, uint32_t, uint32_t) {}
-uint8_t *cr_head() { return nullptr; }
-size_t cr_size() { return 0; }
+namespace {
+
+constexpr uint32_t CR_ADDR_WORD = 0x80000000u;
+constexpr uint32_t CR_KONST_WORD = 0x40000000u;
+constexpr unsigned CR_TYPE_SHIFT = 27;
+constexpr unsigned CR_DIST_SHIFT = 19;
+constexpr uint32_t CR_DELTA_MASK = 0x7ffff;
+constexpr size_t CR_FIRST_BUFFER = 2048;
+constexpr size_t CR_LARGEST_ENTRY = 12;
+
+#define CR_ASSERT(expr)                                                  \
+  do {                                                                   \
+    if (!(expr))                                                         \
+      error("%s:%d ASSERT(%s)", "com/compact_rel", __LINE__, #expr);     \
+  } while (0)
+
+// The section being rebuilt.
+struct CrWriter {
+  uint8_t *buf = nullptr;
+  size_t size = 0;     // bytes used
+  size_t capacity = 0; // bytes allocated
+  uint32_t prev_addr = 0;
+  uint32_t count = 0;
+};
+
+CrWriter cr;
+
+[[noreturn]] void out_of_memory() {
+  std::fputs("Out of Memory doing compact relocation\n", stderr);
+  std::fflush(stdout);
+  std::exit(1);
+}
+
+// The next word of the entry stream; the entry must not run past the data.
+uint32_t next_word(CompactRelCursor *cm) {
+  if (cm->end == nullptr || cm->cur_rlc_ptr > cm->end || size_t(cm->end - cm->cur_rlc_ptr) < 4)
+    error(".compact_rel entry %u of %u runs past the end of the section", cm->cur_rlc_no + 1, cm->rlc_no);
+  uint32_t w = load32(cm->cur_rlc_ptr);
+  cm->cur_rlc_ptr += 4;
+  return w;
+}
+
+void put_word(uint32_t w) {
+  store32(cr.buf + cr.size, w);
+  cr.size += 4;
+}
+
+} // namespace
+
+void cm_rlc_reset(CompactRelCursor *cm) {
+  CR_ASSERT(cm);
+  cm->cur_rlc_ptr = cm->rlc_ptr;
+  cm->cur_rlc_no = 0;
+  cm->prev_addr = 0;
+}
+
+bool cm_rlc_get(CompactRelCursor *cm, CompactRelEntry *entry) {
+  CR_ASSERT(cm);
+  CR_ASSERT(cm->rlc_ptr);
+  CR_ASSERT(cm->cur_rlc_ptr);
+  CR_ASSERT(cm->cur_rlc_no <= cm->rlc_no);
+  if (cm->cur_rlc_no == cm->rlc_no)
+    return false;
+
+  uint32_t w = next_word(cm);
+  // The 19-bit delta is signed; the writer only ever stores small positive ones.
+  int32_t delta = int32_t((w & CR_DELTA_MASK) << 13) >> 13;
+  entry->type = (w >> CR_TYPE_SHIFT) & 7;
+  entry->dist2to = ((w >> CR_DIST_SHIFT) & 0xff) * 4;
+  entry->konst = (w & CR_KONST_WORD) ? next_word(cm) : 0;
+  uint32_t step = uint32_t(delta) * 4;
+  if (w & CR_ADDR_WORD) {
+    uint32_t a = next_word(cm);
+    entry->vaddr = (w & CR_KONST_WORD) ? a : a + step;
+  } else {
+    entry->vaddr = cm->prev_addr + step;
+  }
+  cm->prev_addr = entry->vaddr;
+  cm->cur_rlc_no++;
+  return true;
+}
+
+void new_cr_header(const uint8_t *header, size_t header_length) {
+  size_t capacity = CR_FIRST_BUFFER;
+  while (capacity < header_length + CR_LARGEST_ENTRY)
+    capacity *= 2;
+  std::free(cr.buf);
+  cr = CrWriter{};
+  cr.buf = static_cast<uint8_t *>(std::malloc(capacity));
+  if (cr.buf == nullptr)
+    out_of_memory();
+  cr.capacity = capacity;
+  if (header_length != 0)
+    std::memcpy(cr.buf, header, header_length);
+  cr.size = header_length;
+}
+
+void add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr) {
+  if (cr.capacity < cr.size + CR_LARGEST_ENTRY) {
+    size_t capacity = cr.capacity ? cr.capacity * 2 : CR_FIRST_BUFFER;
+    auto *grown = static_cast<uint8_t *>(std::realloc(cr.buf, capacity));
+    if (grown == nullptr)
+      out_of_memory();
+    cr.buf = grown;
+    cr.capacity = capacity;
+  }
+  uint32_t diff = vaddr - cr.prev_addr;
+  uint32_t delta = diff >> 2;
+  // A forward step below 128 KB is stored relative to the previous entry;
+  // anything else (backward steps included) carries the absolute address.
+  // A step that is not a whole number of words cannot be stored relatively.
+  bool relative = (delta & 0xffff8000u) == 0 && (diff & 3) == 0;
+  uint32_t w = (type & 7) << CR_TYPE_SHIFT | ((dist2to / 4) & 0xff) << CR_DIST_SHIFT;
+  if (relative)
+    w |= delta & 0x7fff;
+  else
+    w |= CR_ADDR_WORD;
+  if (konst != 0)
+    w |= CR_KONST_WORD;
+  put_word(w);
+  if (konst != 0)
+    put_word(konst);
+  if (!relative)
+    put_word(vaddr);
+  cr.prev_addr = vaddr;
+  cr.count++;
+}
+
+uint8_t *cr_head() { return cr.buf; }
+size_t cr_size() { return cr.size; }
 
 } // namespace vesk

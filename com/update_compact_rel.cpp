@@ -1,8 +1,258 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// Re-pointing the .compact_rel section of an o32 executable: every entry
+// names a place that holds a code address (an instruction pair or a data
+// word); the place is repaired for the new layout and the entry re-encoded
+// with the new addresses into a rebuilt section.
+//
+// Values that an entry's instructions form are read from the input text,
+// not from the new text: a %hi or GOT page load shared by several entries
+// is patched by the first of them, and the later ones must still see the
+// value the linker put there.
 #include "com/update_compact_rel.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "com/compact_rel.h"
+#include "com/elf.h"
+#include "com/update.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/mips.h"
 
 namespace vesk {
 
-void update_compact_rel() {}
+namespace {
+
+constexpr const char *COMPACT_REL = ".compact_rel";
+
+enum CrType : uint32_t {
+  CR_REL32 = 2,
+  CR_WORD = 3,
+  CR_GPREL_PAIR = 4,
+  CR_GOT_PAIR = 5,
+  CR_GPREL_PAIR_NOKONST = 6,
+  CM_R_TYPE_HI_LO = 7,
+};
+
+uint32_t new_addr(uint32_t old) { return uint32_t(text_map_of(old)); }
+
+// An address the entry needs in .text (its partner instruction).
+void require_in_text(const CompactRelEntry &e, uint32_t a) {
+  if (!in_text(a))
+    error(".compact_rel entry of type %u at %#x: its partner instruction %#x lies outside .text", e.type,
+          e.vaddr, a);
+}
+
+// The instruction word that lay at old text address a in the input.
+uint32_t old_insn(uint32_t a) { return word_at(bin.text_buf, (a - bin.text_lo) >> 2); }
+
+// The new text's word at new address a.
+uint8_t *new_insn(uint64_t a) {
+  if (bin.new_text == nullptr || a < bin.text_lo || a >= bin.text_lo + uint64_t(bin.text_words) * 4 ||
+      (a & 3) != 0)
+    error("the new address %#llx of a compact relocation lies outside the new .text", (unsigned long long)a);
+  return bin.new_text + (a - bin.text_lo);
+}
+
+void patch_imm16(uint8_t *insn, uint32_t imm) { store32(insn, mips::with_imm16(load32(insn), imm)); }
+
+// The data word that an entry of type 2 or 3 describes, in the output.  A
+// word inside .text has moved with its procedure.  libelf hands some
+// sections over converted to host order (.init_array, .fini_array and the
+// other typed ones): their words are written in host order, the raw ones
+// big-endian.
+void set_data_word(const CompactRelEntry &e, uint32_t value) {
+  if (in_text(e.vaddr)) {
+    store32(new_insn(new_addr(e.vaddr)), value);
+    return;
+  }
+  for (Elf_Scn *scn = elf_nextscn(bin.out_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.out_elf, scn)) {
+    const Elf32_Shdr *sh = elf32_getshdr(scn);
+    if (sh == nullptr || (sh->sh_flags & SHF_ALLOC) == 0 || e.vaddr < sh->sh_addr || e.vaddr - sh->sh_addr >= sh->sh_size)
+      continue;
+    Elf_Data *d = elf_getdata(scn, nullptr);
+    uint32_t off = e.vaddr - sh->sh_addr;
+    if (d == nullptr || d->d_buf == nullptr || d->d_size < 4 || off > d->d_size - 4)
+      break;
+    uint8_t *p = static_cast<uint8_t *>(d->d_buf) + off;
+    if (d->d_type == ELF_T_BYTE)
+      store32(p, value);
+    else
+      std::memcpy(p, &value, 4);
+    return;
+  }
+  error(".compact_rel entry of type %u: no section of the output holds the word at %#x", e.type, e.vaddr);
+}
+
+// Rewrites a gp set-up pair (lui at lui_new, addiu at addiu_new) for the
+// displacement value and records it in the entry.
+void patch_gp_pair(CompactRelEntry &e, uint32_t lui_new, uint32_t addiu_new, uint32_t value) {
+  patch_imm16(new_insn(lui_new), mips::hi16_adjusted(value));
+  patch_imm16(new_insn(addiu_new), value & 0xffff);
+  e.konst = value;
+  e.vaddr = lui_new;
+}
+
+void update_gprel_pair(CompactRelEntry &e) {
+  if (!in_text(e.vaddr))
+    return;
+  uint32_t addiu_old = e.vaddr + e.dist2to;
+  require_in_text(e, addiu_old);
+  uint32_t lui_new = new_addr(e.vaddr);
+  uint32_t addiu_new = new_addr(addiu_old);
+  uint32_t new_inst2 = load32(new_insn(addiu_new));
+  if (mips::op(new_inst2) != mips::OP_ADDIU)
+    error("%s:%d ASSERT(new_inst2->i_format.opcode == addiu_op)", "com/update_compact_rel", __LINE__);
+  uint32_t value = (mips::imm16(old_insn(e.vaddr)) << 16) + uint32_t(mips::simm16(old_insn(addiu_old)));
+  if (value != e.konst)
+    warning("old_offset %#x != entry.konst[%#x] ", value, e.konst);
+  // The pair computes gp - base, base being the address the set-up runs at.
+  uint32_t base = bin.gp_value - value;
+  uint32_t new_base = in_text(base) ? new_addr(base) : base;
+  patch_gp_pair(e, lui_new, addiu_new, bin.gp_value - new_base);
+}
+
+void update_gprel_pair_nokonst(CompactRelEntry &e) {
+  if (!in_text(e.vaddr))
+    return;
+  uint32_t addiu_old = e.vaddr + e.dist2to;
+  require_in_text(e, addiu_old);
+  uint32_t lui_new = new_addr(e.vaddr);
+  uint32_t addiu_new = new_addr(addiu_old);
+  patch_gp_pair(e, lui_new, addiu_new, bin.gp_value - addiu_new);
+}
+
+void update_rel32(CompactRelEntry &e) {
+  if (!in_text(e.konst))
+    return;
+  uint32_t target = new_addr(e.konst);
+  set_data_word(e, target - bin.gp_value);
+  if (in_text(e.vaddr)) {
+    uint32_t moved = new_addr(e.vaddr);
+    warning("REL32 %#x updated to %#x", e.vaddr, moved);
+    e.vaddr = moved;
+  }
+  e.konst = target;
+}
+
+void update_word(CompactRelEntry &e) {
+  if (!in_text(e.konst))
+    return;
+  uint32_t target = new_addr(e.konst);
+  set_data_word(e, target);
+  if (in_text(e.vaddr)) {
+    uint32_t moved = new_addr(e.vaddr);
+    warning("WORD %#x updated to %#x", e.vaddr, moved);
+    e.vaddr = moved;
+  }
+  e.konst = target;
+}
+
+// %hi/%lo pair: the entry names the LO, the HI lies dist2to bytes before it.
+void update_hi_lo(CompactRelEntry &e) {
+  if (!in_text(e.vaddr))
+    error("CM_R_TYPE_HI_LO not in text");
+  uint32_t hi_old = e.vaddr - e.dist2to;
+  require_in_text(e, hi_old);
+  uint32_t value = (mips::imm16(old_insn(hi_old)) << 16) + uint32_t(mips::simm16(old_insn(e.vaddr)));
+  if (!in_text(value))
+    return;
+  if (value != e.konst)
+    warning("konst %#x != old_address %#x in CM_R_TYPE_HI_LO", e.konst, value);
+  uint32_t target = new_addr(value);
+  uint32_t lo_new = new_addr(e.vaddr);
+  patch_imm16(new_insn(lo_new), target & 0xffff);
+  patch_imm16(new_insn(new_addr(hi_old)), mips::hi16_adjusted(target));
+  e.vaddr = lo_new;
+  e.konst = target;
+}
+
+// GOT page/offset pair: the entry names the offset instruction, the page
+// load lies dist2to bytes before it; konst is the code address formed.
+void update_got_pair(CompactRelEntry &e) {
+  if (!in_text(e.vaddr))
+    return;
+  // A pair forming an address outside .text has nothing that moved.
+  if (!in_text(e.konst))
+    return;
+  uint32_t page_old = e.vaddr - e.dist2to;
+  require_in_text(e, page_old);
+  uint32_t got_index = got_index_by_gpoffset(mips::simm16(old_insn(page_old)));
+  uint32_t offset_new = new_addr(e.vaddr);
+  int32_t low = mips::simm16(load32(new_insn(offset_new)));
+  update_got_page(new_addr(page_old), low, got_index, e.konst);
+  update_got_offset(offset_new, low, got_index, e.konst);
+  e.vaddr = offset_new;
+  e.konst = new_addr(e.konst);
+}
+
+void update_entry(CompactRelEntry &e) {
+  switch (e.type) {
+  case CR_REL32: update_rel32(e); break;
+  case CR_WORD: update_word(e); break;
+  case CR_GPREL_PAIR: update_gprel_pair(e); break;
+  case CR_GOT_PAIR: update_got_pair(e); break;
+  case CR_GPREL_PAIR_NOKONST: update_gprel_pair_nokonst(e); break;
+  case CM_R_TYPE_HI_LO: update_hi_lo(e); break;
+  default: error("unknown compact relocation type %d", int(e.type));
+  }
+}
+
+// Length of the header: the (tag, value) pairs up to and including the
+// pair with tag 0.  Tag 1 gives the number of entries.
+size_t read_header(const uint8_t *buf, size_t size, uint32_t *count) {
+  *count = 0;
+  for (size_t off = 0; off + 8 <= size; off += 8) {
+    uint32_t tag = load32(buf + off);
+    if (tag == 0)
+      return off + 8;
+    if (tag == 1)
+      *count = load32(buf + off + 4);
+  }
+  error("the %s header has no terminating pair inside the section", COMPACT_REL);
+}
+
+} // namespace
+
+void update_compact_rel() {
+  Elf_Scn *scn = find_section_by_name(bin.out_elf, COMPACT_REL);
+  if (scn == nullptr)
+    error("no %s section", COMPACT_REL);
+  Elf_Data *d = elf_getdata(scn, nullptr);
+  if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0))
+    error("cannot read the %s section", COMPACT_REL);
+  const uint8_t *buf = static_cast<const uint8_t *>(d->d_buf);
+  size_t size = d->d_size;
+
+  CompactRelCursor cm{};
+  size_t header_length = read_header(buf, size, &cm.rlc_no);
+  cm.rlc_ptr = buf + header_length;
+  cm.end = buf + size;
+  new_cr_header(buf, header_length);
+  cm_rlc_reset(&cm);
+
+  CompactRelEntry e;
+  while (cm_rlc_get(&cm, &e)) {
+    update_entry(e);
+    add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+  }
+
+  uint8_t *out = cr_head();
+  size_t out_size = cr_size();
+  if (out_size < size) {
+    // A stream that became shorter is padded: the count in the header
+    // says where it ends, and nothing behind the section has to move.
+    static uint8_t *padded; // lives as long as the output image
+    padded = static_cast<uint8_t *>(std::calloc(size, 1));
+    std::memcpy(padded, out, out_size);
+    out = padded;
+    out_size = size;
+  } else if (out_size > size) {
+    expand_section(scn, uint32_t(out_size - size));
+  }
+  d->d_buf = out;
+  d->d_size = out_size;
+}
 
 } // namespace vesk

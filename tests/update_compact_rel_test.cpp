@@ -1,0 +1,378 @@
+// Repairing what .compact_rel entries describe, on a synthetic image whose
+// text holds two four-word procedures, A at 0x407ff0 and B at 0x408000,
+// which the hand-made text map swaps (B first).  The procedures straddle
+// 0x408000 so that %hi halves need their carry adjusted.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "com/compact_rel.h"
+#include "com/update_compact_rel.h"
+#include "support/synth_elf.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/mips.h"
+
+using namespace vesk;
+using namespace vesk::test;
+
+namespace {
+
+constexpr uint32_t TEXT = 0x407ff0, A = TEXT, B = TEXT + 16;
+constexpr uint32_t DATA = 0x410000, INIT_ARRAY = 0x411000;
+constexpr uint32_t PLTGOT = 0x420000, GP = PLTGOT + 0x7ff0;
+
+uint32_t lui(uint32_t rt, uint32_t imm) { return 0x3c000000u | rt << 16 | (imm & 0xffff); }
+uint32_t addiu(uint32_t rt, uint32_t rs, uint32_t imm) { return 0x24000000u | rs << 21 | rt << 16 | (imm & 0xffff); }
+uint32_t lw(uint32_t rt, uint32_t base, uint32_t imm) { return 0x8c000000u | base << 21 | rt << 16 | (imm & 0xffff); }
+
+struct Image {
+  std::vector<uint32_t> text = std::vector<uint32_t>(8, 0);
+  std::vector<uint32_t> data = std::vector<uint32_t>(4, 0);
+  std::vector<uint32_t> init_array = std::vector<uint32_t>(2, 0);
+  std::vector<CompactRelEntry> entries;
+  std::vector<uint8_t> header_override; // whole section, when set
+  bool with_section = true;
+
+  std::vector<uint8_t> old_text_bytes, new_text_bytes, got_bytes;
+  std::vector<uint64_t> map;
+  Elf *elf = nullptr;
+  int fd = -1;
+
+  // Writes the image, opens it as the output and sets up the binary record
+  // for update_compact_rel.
+  void load() {
+    SynthElf img;
+    img.add(text_section(TEXT, text));
+    SynthSection d;
+    d.name = ".data";
+    d.flags = SHF_ALLOC | SHF_WRITE;
+    d.addr = DATA;
+    for (uint32_t w : data)
+      put32(d.data, w);
+    img.add(d);
+    // libelf hands .init_array over in host order.
+    SynthSection init;
+    init.name = ".init_array";
+    init.type = SHT_INIT_ARRAY;
+    init.flags = SHF_ALLOC | SHF_WRITE;
+    init.addr = INIT_ARRAY;
+    init.dtype = ELF_T_ADDR;
+    init.data = records(init_array);
+    img.add(init);
+    if (with_section) {
+      SynthSection c;
+      c.name = ".compact_rel";
+      if (!header_override.empty()) {
+        c.data = header_override;
+      } else {
+        std::vector<uint8_t> h;
+        put32(h, 1);
+        put32(h, uint32_t(entries.size()));
+        put32(h, 0);
+        put32(h, 0);
+        new_cr_header(h.data(), h.size());
+        for (const auto &e : entries)
+          add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+        c.data.assign(cr_head(), cr_head() + cr_size());
+      }
+      img.add(c);
+    }
+    SynthSection note;
+    note.name = ".comment";
+    note.data = {'v', 'e', 's', 'k', 0};
+    img.add(note);
+    std::string path = img.write(temp_path("ucr"));
+    fd = open(path.c_str(), O_RDONLY);
+    elf = elf_begin(fd, ELF_C_READ, nullptr);
+    unlink(path.c_str());
+
+    bin = Bin{};
+    bin.is_elf32 = 1;
+    bin.out_elf = elf;
+    bin.text_lo = TEXT;
+    bin.text_hi = TEXT + 32;
+    bin.text_words = 8;
+    for (uint32_t w : text)
+      put32(old_text_bytes, w);
+    bin.text_buf = old_text_bytes.data();
+    // B moves to the front, A behind it; new_text holds the moved words.
+    map.resize(8);
+    for (uint32_t i = 0; i < 4; ++i) {
+      map[i] = TEXT + 16 + 4 * i;
+      map[4 + i] = TEXT + 4 * i;
+    }
+    bin.text_map = map.data();
+    new_text_bytes.assign(old_text_bytes.begin() + 16, old_text_bytes.end());
+    new_text_bytes.insert(new_text_bytes.end(), old_text_bytes.begin(), old_text_bytes.begin() + 16);
+    bin.new_text = new_text_bytes.data();
+    bin.new_text_fill = 8;
+    bin.gp_value = GP;
+    bin.pltgot = PLTGOT;
+    for (uint32_t w : {0u, 0x400000u, 0x410000u, 0x12345u})
+      put32(got_bytes, w);
+    bin.got_buf = got_bytes.data();
+    bin.got_count = 4;
+    bin.local_gotno = 3;
+  }
+
+  ~Image() {
+    if (elf)
+      elf_end(elf);
+    if (fd >= 0)
+      close(fd);
+  }
+
+  uint32_t new_word(uint32_t new_addr) const { return load32(new_text_bytes.data() + (new_addr - TEXT)); }
+  Elf_Scn *section() const {
+    size_t n;
+    elf_getshdrstrndx(elf, &n);
+    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
+      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".compact_rel")
+        return s;
+    return nullptr;
+  }
+  uint32_t data_word(uint32_t i) const {
+    size_t n;
+    elf_getshdrstrndx(elf, &n);
+    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
+      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".data")
+        return load32(static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i);
+    return 0;
+  }
+  uint32_t init_array_word(uint32_t i) const {
+    size_t n;
+    elf_getshdrstrndx(elf, &n);
+    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
+      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".init_array") {
+        uint32_t v;
+        std::memcpy(&v, static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i, 4);
+        return v;
+      }
+    return 0;
+  }
+  // The entries of the rebuilt section.
+  std::vector<CompactRelEntry> result() const {
+    Elf_Data *d = elf_getdata(section(), nullptr);
+    auto *p = static_cast<const uint8_t *>(d->d_buf);
+    CompactRelCursor cm{};
+    cm.rlc_no = load32(p + 4);
+    cm.rlc_ptr = p + 16;
+    cm.end = p + d->d_size;
+    cm_rlc_reset(&cm);
+    std::vector<CompactRelEntry> out;
+    CompactRelEntry e;
+    while (cm_rlc_get(&cm, &e))
+      out.push_back(e);
+    return out;
+  }
+};
+
+uint32_t formed(uint32_t hi, uint32_t lo) { return (mips::imm16(hi) << 16) + uint32_t(mips::simm16(lo)); }
+
+} // namespace
+
+TEST(UpdateCompactRel, RepointsHiLoPairsWithCarryAndLeavesOtherAddresses) {
+  Image im;
+  im.text[0] = lui(2, 0x41);               // %hi(B+4) = 0x41 because %lo(B+4) = 0x8004 is negative
+  im.text[1] = addiu(2, 2, 0x8004);        // forms B+4
+  im.text[2] = lui(3, 0x41);
+  im.text[3] = addiu(3, 3, 0x0000);        // forms 0x410000: data, nothing to do
+  im.entries = {{7, B + 4, 4, A + 4}, {7, DATA, 4, A + 12}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  // A now lies at 0x408000, B at 0x407ff0: B+4 became 0x407ff4.
+  EXPECT_EQ(formed(im.new_word(0x408000), im.new_word(0x408004)), 0x407ff4u);
+  EXPECT_EQ(mips::imm16(im.new_word(0x408000)), 0x40u);
+  EXPECT_EQ(im.new_word(0x408008), lui(3, 0x41));
+  EXPECT_EQ(im.new_word(0x40800c), addiu(3, 3, 0));
+  auto r = im.result();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0].vaddr, 0x408004u);
+  EXPECT_EQ(r[0].konst, 0x407ff4u);
+  EXPECT_EQ(r[0].dist2to, 4u);
+  EXPECT_EQ(r[1].vaddr, A + 12); // re-emitted exactly as read
+  EXPECT_EQ(r[1].konst, DATA);
+}
+
+TEST(UpdateCompactRel, SharedHiIsPatchedOnceForEveryLo) {
+  Image im;
+  im.text[4] = lui(2, 0x40);
+  im.text[5] = addiu(4, 2, 0x7ff8);        // forms A+8
+  im.text[6] = addiu(5, 2, 0x7ff8);        // the same address through the same %hi
+  im.entries = {{7, A + 8, 4, B + 4}, {7, A + 8, 8, B + 8}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 4)), 0x408008u);
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 8)), 0x408008u);
+}
+
+TEST(UpdateCompactRel, RepointsGpSetUpPairs) {
+  Image im;
+  uint32_t value = GP - (A + 8); // the set-up runs at A+8
+  im.text[2] = lui(28, mips::hi16_adjusted(value));
+  im.text[3] = addiu(28, 28, value);
+  uint32_t value6 = GP - (B + 4);
+  im.text[4] = lui(28, mips::hi16_adjusted(value6));
+  im.text[5] = addiu(28, 28, value6);
+  im.entries = {{4, value, 4, A + 8}, {6, 0, 4, B}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  uint32_t nv = GP - 0x408008;
+  EXPECT_EQ(formed(im.new_word(0x408008), im.new_word(0x40800c)), nv);
+  // Type 6 forms gp minus the new address of its addiu.
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 4)), GP - (TEXT + 4));
+  auto r = im.result();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0].vaddr, 0x408008u);
+  EXPECT_EQ(r[0].konst, nv);
+  EXPECT_EQ(r[1].vaddr, TEXT);
+  EXPECT_EQ(r[1].konst, GP - (TEXT + 4));
+}
+
+TEST(UpdateCompactRel, WarnsWhenAGpPairDisagreesWithItsKonst) {
+  Image im;
+  uint32_t value = GP - (A + 8);
+  im.text[2] = lui(28, mips::hi16_adjusted(value));
+  im.text[3] = addiu(28, 28, value);
+  im.entries = {{4, value + 4, 4, A + 8}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  char want[128];
+  snprintf(want, sizeof want, "Warning: old_offset %#x != entry.konst[%#x] .\n", value, value + 4);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
+}
+
+TEST(UpdateCompactRel, RepointsDataWordsHoldingCodeAddresses) {
+  Image im;
+  im.data = {(B + 8) - GP, A, 0x500000, 0};
+  im.text[7] = B + 4; // a word inside the text
+  im.init_array = {B, 0};
+  im.entries = {{3, B + 4, 0, B + 12}, {2, B + 8, 0, DATA}, {3, A, 0, DATA + 4}, {3, 0x500000, 0, DATA + 8},
+                {3, B, 0, INIT_ARRAY}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: WORD 0x40800c updated to 0x407ffc.\n");
+  EXPECT_EQ(im.data_word(0), 0x407ff8u - GP);
+  EXPECT_EQ(im.data_word(1), 0x408000u);
+  EXPECT_EQ(im.data_word(2), 0x500000u);
+  EXPECT_EQ(im.init_array_word(0), TEXT);
+  EXPECT_EQ(im.new_word(0x407ffc), 0x407ff4u); // the text word moved with B and was repaired there
+  auto r = im.result();
+  ASSERT_EQ(r.size(), 5u);
+  EXPECT_EQ(r[0].vaddr, 0x407ffcu);
+  EXPECT_EQ(r[0].konst, 0x407ff4u);
+  EXPECT_EQ(r[1].konst, 0x407ff8u);
+  EXPECT_EQ(r[2].konst, 0x408000u);
+  EXPECT_EQ(r[3].konst, 0x500000u);
+  EXPECT_EQ(r[3].vaddr, DATA + 8);
+}
+
+TEST(UpdateCompactRel, RepointsGotPagePairsThroughALocalPageEntry) {
+  Image im;
+  // lw t9, %got(A)(gp) takes GOT entry 1 (page 0x400000); A = page + 0x7ff0.
+  im.text[4] = lw(25, 28, PLTGOT + 4 - GP);
+  im.text[5] = addiu(25, 25, 0x7ff0);
+  // A pair forming an address outside the text stays as it is.
+  im.text[6] = lw(25, 28, PLTGOT + 4 - GP);
+  im.text[7] = addiu(25, 25, 0x10);
+  im.entries = {{5, A, 4, B + 4}, {5, 0x400010, 4, B + 12}};
+  im.load();
+  update_compact_rel();
+  // A moved to 0x408000, out of reach of page 0x400000: another page entry serves.
+  uint32_t page = im.new_word(TEXT), off = im.new_word(TEXT + 4);
+  int32_t got_off = int32_t(GP) + mips::simm16(page) - int32_t(PLTGOT);
+  ASSERT_GE(got_off, 0);
+  ASSERT_LT(got_off / 4, 4);
+  EXPECT_EQ(load32(im.got_bytes.data() + got_off) + uint32_t(mips::simm16(off)), 0x408000u);
+  EXPECT_EQ(im.new_word(TEXT + 12), addiu(25, 25, 0x10));
+  auto r = im.result();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0].vaddr, TEXT + 4);
+  EXPECT_EQ(r[0].konst, 0x408000u);
+  EXPECT_EQ(r[1].vaddr, B + 12);
+  EXPECT_EQ(r[1].konst, 0x400010u);
+}
+
+TEST(UpdateCompactRel, GrowsTheSectionWhenEntriesNeedAddressWords) {
+  Image im;
+  im.data = {A, B, A + 4, B + 4};
+  im.entries = {{3, A, 0, DATA}, {3, B, 0, DATA + 4}, {3, A + 4, 0, DATA + 8}, {3, B + 4, 0, DATA + 12}};
+  // Entries of text words in ascending order that the move turns backward.
+  im.text[1] = A;
+  im.text[5] = A;
+  im.entries.insert(im.entries.begin(), {{3, A, 0, A + 4}, {3, A, 0, B + 4}});
+  im.load();
+  Elf_Scn *scn = im.section();
+  uint32_t old_size = elf32_getshdr(scn)->sh_size;
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  testing::internal::GetCapturedStderr();
+  // A+4 moved to 0x408004 and B+4 to 0x407ff4: the second entry steps back.
+  EXPECT_EQ(elf32_getshdr(scn)->sh_size, old_size + 4);
+  EXPECT_EQ(elf_getdata(scn, nullptr)->d_size, old_size + 4);
+  EXPECT_EQ(im.result().size(), 6u);
+}
+
+TEST(UpdateCompactRelDeathTest, RefusesMalformedSectionsAndEntries) {
+  auto run = [](Image &im) {
+    im.load();
+    update_compact_rel();
+  };
+  {
+    Image im;
+    im.with_section = false;
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: no .compact_rel section.\n$");
+  }
+  {
+    Image im;
+    for (uint32_t w : {1u, 0u, 5u, 5u})
+      put32(im.header_override, w);
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
+                "^Error: the .compact_rel header has no terminating pair inside the section.\n$");
+  }
+  {
+    Image im;
+    for (uint32_t w : {1u, 3u, 0u, 0u, 3u << 27 | 1u})
+      put32(im.header_override, w);
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
+                "^Error: .compact_rel entry 2 of 3 runs past the end of the section.\n$");
+  }
+  {
+    Image im;
+    im.entries = {{1, 0, 0, A}};
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: unknown compact relocation type 1.\n$");
+  }
+  {
+    Image im;
+    im.entries = {{7, A, 4, DATA}};
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: CM_R_TYPE_HI_LO not in text.\n$");
+  }
+  {
+    Image im;
+    im.entries = {{7, A, 8, A + 4}}; // its %hi would lie in front of the text
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "partner instruction 0x407fec lies outside .text");
+  }
+  {
+    Image im;
+    im.text[0] = lui(28, 1);
+    im.text[1] = lw(28, 28, 0); // not an addiu
+    im.entries = {{4, 0x10000, 4, A}};
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
+                "^Error: com/update_compact_rel:[0-9]+ ASSERT\\(new_inst2->i_format.opcode == addiu_op\\).\n$");
+  }
+  {
+    Image im;
+    im.entries = {{3, A, 0, 0x600000}}; // a word no section holds
+    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "no section of the output holds the word at 0x600000");
+  }
+}

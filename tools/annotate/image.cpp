@@ -1,0 +1,199 @@
+#include "tools/annotate/image.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+
+namespace vesk::annotate {
+
+namespace {
+
+constexpr uint32_t EF_ABI2 = 0x20;
+
+std::vector<uint8_t> read_whole(const std::string &path, int fd) {
+  std::vector<uint8_t> buf;
+  uint8_t chunk[65536];
+  for (;;) {
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0)
+      sysfatal("reading %s", path.c_str());
+    if (n == 0)
+      break;
+    buf.insert(buf.end(), chunk, chunk + n);
+  }
+  return buf;
+}
+
+template <class T> std::vector<T> typed_contents(Elf_Scn *scn, Elf_Type type, const Image &im, const Section &s) {
+  Elf_Data *d = elf_getdata(scn, nullptr);
+  if (d == nullptr || d->d_type != type || (d->d_buf == nullptr && d->d_size != 0))
+    error("%s: cannot read section %s", im.path.c_str(), s.name.c_str());
+  std::vector<T> v(d->d_size / sizeof(T));
+  if (!v.empty())
+    std::memcpy(v.data(), d->d_buf, v.size() * sizeof(T));
+  return v;
+}
+
+void read_sections(Image &im, Elf *elf) {
+  size_t shstrndx;
+  if (elf_getshdrstrndx(elf, &shstrndx) != 0)
+    error("%s: no section name table", im.path.c_str());
+  for (Elf_Scn *scn = elf_getscn(elf, 0); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+    Section s;
+    s.index = elf_ndxscn(scn);
+    const Elf32_Shdr *sh = elf32_getshdr(scn);
+    if (sh == nullptr)
+      error("%s: cannot read the header of section %zu", im.path.c_str(), s.index);
+    s.sh = *sh;
+    const char *name = elf_strptr(elf, shstrndx, sh->sh_name);
+    if (name == nullptr)
+      error("%s: section %zu has no name", im.path.c_str(), s.index);
+    s.name = name;
+    if (sh->sh_type != SHT_NOBITS && sh->sh_type != SHT_NULL) {
+      if (uint64_t(sh->sh_offset) + sh->sh_size > im.file.size())
+        error("%s: section %s lies outside the file", im.path.c_str(), name);
+      s.raw = im.file.data() + sh->sh_offset;
+    }
+    im.sections.push_back(s);
+  }
+}
+
+void read_tables(Image &im, Elf *elf) {
+  for (const Section &s : im.sections) {
+    Elf_Scn *scn = elf_getscn(elf, s.index);
+    if (s.name == ".text") {
+      im.text = &s;
+      im.text_lo = s.sh.sh_addr;
+      im.text_hi = s.sh.sh_addr + s.sh.sh_size;
+    } else if (s.name == ".got") {
+      im.got = &s;
+      if (im.got_addr == 0)
+        im.got_addr = s.sh.sh_addr;
+    } else if (s.name == ".reginfo" && s.raw != nullptr && s.sh.sh_size >= 24) {
+      im.gp_value = load32(s.raw + 20);
+    } else if (s.name == ".compact_rel") {
+      error("%s already has a .compact_rel section", im.path.c_str());
+    }
+    if (s.sh.sh_type == SHT_DYNAMIC) {
+      for (const Elf32_Dyn &d : typed_contents<Elf32_Dyn>(scn, ELF_T_DYN, im, s))
+        if (d.d_tag == DT_PLTGOT)
+          im.got_addr = d.d_un.d_ptr;
+    } else if (s.sh.sh_type == SHT_SYMTAB) {
+      im.symbols = typed_contents<Elf32_Sym>(scn, ELF_T_SYM, im, s);
+      for (const Elf32_Sym &sym : im.symbols) {
+        const char *n = elf_strptr(elf, s.sh.sh_link, sym.st_name);
+        im.symbol_names.push_back(n ? n : "");
+      }
+    }
+  }
+  if (im.gp_value == 0)
+    for (size_t i = 0; i < im.symbols.size(); ++i)
+      if (im.symbol_names[i] == "_gp")
+        im.gp_value = im.symbols[i].st_value;
+}
+
+void read_relocations(Image &im, Elf *elf) {
+  bool text_has_relocations = false;
+  for (const Section &s : im.sections) {
+    if (s.sh.sh_type != SHT_REL && s.sh.sh_type != SHT_RELA)
+      continue;
+    if (s.sh.sh_info == 0 || s.sh.sh_info >= im.sections.size())
+      continue; // dynamic relocations: the loader's, not the linker's
+    const Section &target = im.sections[s.sh.sh_info];
+    if ((target.sh.sh_flags & SHF_ALLOC) == 0)
+      continue;
+    if (s.sh.sh_type == SHT_RELA)
+      error("%s: section %s holds relocations with addends, which o32 executables do not use", im.path.c_str(),
+            s.name.c_str());
+    RelSection r;
+    r.section = &s;
+    r.target = &target;
+    r.rels = typed_contents<Elf32_Rel>(elf_getscn(elf, s.index), ELF_T_REL, im, s);
+    for (const Elf32_Rel &rel : r.rels)
+      if (ELF32_R_SYM(rel.r_info) >= im.symbols.size())
+        error("%s: a relocation of %s names symbol %u, which .symtab does not have", im.path.c_str(),
+              s.name.c_str(), ELF32_R_SYM(rel.r_info));
+    if (&target == im.text)
+      text_has_relocations = true;
+    im.rel_sections.push_back(std::move(r));
+  }
+  if (!text_has_relocations)
+    error("%s keeps no relocations of .text; link it with -Wl,-q", im.path.c_str());
+}
+
+} // namespace
+
+const Section *Image::section_holding(uint32_t addr, uint32_t n) const {
+  for (const Section &s : sections)
+    if ((s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && addr >= s.sh.sh_addr &&
+        uint64_t(addr) + n <= uint64_t(s.sh.sh_addr) + s.sh.sh_size)
+      return &s;
+  return nullptr;
+}
+
+uint32_t Image::word(const Section &s, uint32_t addr) const { return load32(s.raw + (addr - s.sh.sh_addr)); }
+
+std::string Image::where(uint32_t addr) const {
+  char buf[64];
+  const Elf32_Sym *best = nullptr;
+  size_t best_i = 0;
+  for (size_t i = 0; i < symbols.size(); ++i) {
+    const Elf32_Sym &s = symbols[i];
+    if (ELF32_ST_TYPE(s.st_info) == STT_FUNC && s.st_value <= addr && addr - s.st_value < (s.st_size ? s.st_size : 1) &&
+        (best == nullptr || s.st_value > best->st_value)) {
+      best = &s;
+      best_i = i;
+    }
+  }
+  if (best == nullptr)
+    std::snprintf(buf, sizeof buf, "%#x", addr);
+  else
+    std::snprintf(buf, sizeof buf, "%#x (%.32s+%#x)", addr, symbol_names[best_i].c_str(), addr - best->st_value);
+  return buf;
+}
+
+bool Image::symbol_is_local(uint32_t index) const {
+  return index < symbols.size() && ELF32_ST_BIND(symbols[index].st_info) == STB_LOCAL;
+}
+
+const std::string &Image::symbol_name(uint32_t index) const {
+  static const std::string none;
+  return index < symbol_names.size() ? symbol_names[index] : none;
+}
+
+Image read_image(const std::string &path) {
+  Image im;
+  im.path = path;
+  int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0)
+    sysfatal("cannot open %s", path.c_str());
+  im.file = read_whole(path, fd);
+  elf_version(EV_CURRENT);
+  Elf *elf = elf_begin(fd, ELF_C_READ, nullptr);
+  if (elf == nullptr || elf_kind(elf) != ELF_K_ELF)
+    error("%s is not an ELF file", path.c_str());
+  const Elf32_Ehdr *eh = elf32_getehdr(elf);
+  if (eh == nullptr || eh->e_ident[EI_DATA] != ELFDATA2MSB || eh->e_machine != EM_MIPS)
+    error("%s is not a 32-bit big-endian MIPS ELF file", path.c_str());
+  if ((eh->e_flags & EF_ABI2) != 0)
+    error("%s is an n32 executable; only o32 executables take a .compact_rel section", path.c_str());
+  if (eh->e_type != ET_EXEC && eh->e_type != ET_DYN)
+    error("%s is not an executable", path.c_str());
+  if (eh->e_shnum == 0 || eh->e_shstrndx >= SHN_LORESERVE || eh->e_shentsize != sizeof(Elf32_Shdr))
+    error("%s has an unusual section header table", path.c_str());
+  read_sections(im, elf);
+  read_tables(im, elf);
+  if (im.text == nullptr || im.text->raw == nullptr)
+    error("%s has no .text section", path.c_str());
+  read_relocations(im, elf);
+  elf_end(elf);
+  close(fd);
+  return im;
+}
+
+} // namespace vesk::annotate

@@ -1,0 +1,68 @@
+// vesk-annotate [-v] IN -o OUT
+//
+// Linux toolchains write no .compact_rel section, so vesk cannot repair the
+// code addresses of their o32 executables.  Given an executable linked with
+// its relocations kept (-Wl,-q), this writes a copy with a .compact_rel
+// section that describes every code-address reference vesk must repair,
+// or refuses, naming the reference it cannot describe.  The input is never
+// modified.  With -v it lists the entries it writes.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+
+#include "tools/annotate/describe.h"
+#include "tools/annotate/image.h"
+#include "tools/annotate/write.h"
+#include "vesk/diag.h"
+
+namespace {
+
+[[noreturn]] void usage() {
+  std::fputs("usage: vesk-annotate [-v] executable -o output\n", stderr);
+  std::exit(1);
+}
+
+// True when both paths name the same existing file.
+bool same_file(const std::string &a, const std::string &b) {
+  struct stat sa, sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  std::string in, out;
+  bool verbose = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "-v") == 0) {
+      verbose = true;
+    } else if (std::strcmp(argv[i], "-o") == 0) {
+      if (i + 1 >= argc)
+        vesk::error("file not specified with -o");
+      out = argv[++i];
+    } else if (argv[i][0] == '-' || !in.empty()) {
+      usage();
+    } else {
+      in = argv[i];
+    }
+  }
+  if (in.empty() || out.empty())
+    usage();
+  if (in == out || same_file(in, out))
+    vesk::error("the output %s would overwrite the input %s; name another output", out.c_str(), in.c_str());
+
+  vesk::annotate::Image im = vesk::annotate::read_image(in);
+  std::vector<vesk::CompactRelEntry> entries = vesk::annotate::describe_references(im);
+  if (verbose) {
+    static const char *const kinds[8] = {"", "", "gp-relative word", "word", "_gp_disp pair", "GOT page pair", "",
+                                         "%hi/%lo pair"};
+    for (const vesk::CompactRelEntry &e : entries)
+      std::printf("%-14s at %s: partner %+d bytes, address %#x\n", kinds[e.type & 7], im.where(e.vaddr).c_str(),
+                  e.type == 4 ? int(e.dist2to) : -int(e.dist2to), e.konst);
+    std::printf("%zu entries\n", entries.size());
+  }
+  vesk::annotate::write_annotated(im, vesk::annotate::compact_rel_section(entries), out);
+  return 0;
+}
