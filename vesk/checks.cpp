@@ -1,14 +1,203 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// Checks of the procedure list against the code, before layout: coverage of
+// .text, and the ties that keep procedures adjacent when code leaves one
+// procedure for the next other than by a call or a return.
 #include "vesk/checks.h"
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/mips.h"
+#include "vesk/options.h"
+#include "vesk/text_words.h"
 
 namespace vesk {
 
 uint64_t libstub_lo;
 uint64_t libstub_hi;
-int put_proc_together(Proc *, Proc *) { return 0; }
-void verify_proc() {}
-void check_branch_out_of_procedure() {}
-void check_merged_procedure() {}
-void check_procedure_with_no_return() {}
+
+namespace {
+
+const char *name_of(const Proc *p) { return p->name ? p->name : "(null)"; }
+
+Proc *physically_next(const Proc *p) { return get_proc_by_addr(p->old_addr + p->size); }
+
+bool start_in_text(const Proc *p) { return text_index(p->old_addr).has_value(); }
+
+} // namespace
+
+int put_proc_together(Proc *a, Proc *b) {
+  if (physically_next(a) != b)
+    error("internal in put_proc_together");
+  if (a->next == b) {
+    a->tied = 1;
+    return 0;
+  }
+  // The chain that moves: b and everything tied behind it.  Overlapping
+  // procedures could make a a member of it, and moving the chain behind a
+  // would then close the list into a ring.
+  Proc *last = b;
+  for (;;) {
+    if (last == a)
+      error("cannot tie %s behind %s: %s is tied behind %s already", name_of(b), name_of(a), name_of(a),
+            name_of(b));
+    if (last->tied != 1)
+      break;
+    if (option.debug)
+      std::printf("\t%s comes together\n", name_of(last));
+    if (last->next == nullptr)
+      error("internal in put_proc_together");
+    last = last->next;
+  }
+  if (a->tied == 1)
+    error("%s already tied", name_of(a));
+  a->tied = 1;
+
+  // Unlink b..last.
+  if (b->prev == nullptr) {
+    if (b != order_head)
+      error("internal proc_head");
+    order_head = last->next;
+  } else {
+    b->prev->next = last->next;
+  }
+  if (last->next != nullptr)
+    last->next->prev = b->prev;
+  // Insert it behind a.
+  last->next = a->next;
+  if (a->next != nullptr)
+    a->next->prev = last;
+  a->next = b;
+  b->prev = a;
+  return 1;
+}
+
+void verify_proc() {
+  libstub_lo = 0;
+  libstub_hi = 0;
+  std::vector<uint8_t> covered(bin.text_words, 0);
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    TextSpan span = text_span(p);
+    for (uint64_t i = span.first; i < span.end; ++i) {
+      if (covered[i])
+        std::printf("instruction %d at %#llx covered twice\n", int(i),
+                    (unsigned long long)(bin.text_lo + 4 * i));
+      covered[i] = 1;
+    }
+  }
+  warning("instruction count %ld\n", long(bin.text_words));
+
+  for (uint64_t i = 0; i < bin.text_words; ++i) {
+    if (covered[i])
+      continue;
+    if (libstub_lo == 0) {
+      libstub_lo = bin.text_lo + 4 * i;
+      if (option.debug)
+        std::printf("these instruction are likely lib stubs: [%d-", int(i));
+      uint64_t end = i;
+      while (end < bin.text_words && !covered[end])
+        ++end;
+      libstub_hi = bin.text_lo + 4 * end;
+      if (option.debug)
+        std::printf("%d] %#llx - %#llx\n", int(end - 1), (unsigned long long)libstub_lo,
+                    (unsigned long long)libstub_hi);
+      i = end - 1;
+      continue;
+    }
+    uint32_t w = word_at(bin.text_buf, i);
+    if (w != 0 && w != 0x00000021) // padding no-ops are expected between procedures
+      warning("instruction %d at %#llx not covered in debug section", int(i),
+              (unsigned long long)(bin.text_lo + 4 * i));
+  }
+}
+
+void check_branch_out_of_procedure() {
+  for (uint64_t i = 0; i < bin.text_words; ++i) {
+    uint32_t w = word_at(bin.text_buf, i);
+    if (!mips::ties_as_branch(w))
+      continue;
+    uint64_t a = bin.text_lo + 4 * i;
+    Proc *p = get_proc_by_addr(a);
+    if (p == nullptr)
+      error("cannot find procedure for branch target %#llx", (unsigned long long)a);
+    uint64_t t = mips::branch_target(a, w);
+    if (p->old_addr <= t && t < p->old_addr + p->size)
+      continue;
+    Proc *q = get_proc_by_addr(t);
+    if (q == nullptr) {
+      warning("branch target %#llx from %#llx not in any procedure", (unsigned long long)t, (unsigned long long)a);
+      continue;
+    }
+    bool forward = mips::simm16(w) > 0;
+    Proc *from = forward ? p : q;
+    Proc *to = forward ? q : p;
+    // Tie every procedure from `from` up to `to`, in address order.  Ends
+    // grow strictly along the way, so the walk ends.
+    Proc *cur = from;
+    Proc *n = physically_next(cur);
+    while (cur != to) {
+      if (n == nullptr) {
+        warning("no procedure at %#llx behind %s: branch in %s[%#llx] ties nothing further",
+                (unsigned long long)(cur->old_addr + cur->size), name_of(cur), name_of(p), (unsigned long long)a);
+        break;
+      }
+      if (n->old_addr < cur->old_addr)
+        error("branch %s.addr > %s.addr", name_of(cur), name_of(n));
+      if (put_proc_together(cur, n) == 1 && option.verbose == 1)
+        note("%s and %s tied, branch in %s[%#llx]", name_of(cur), name_of(n), name_of(p), (unsigned long long)a);
+      cur = n;
+      n = physically_next(n);
+    }
+  }
+}
+
+void check_merged_procedure() {
+  clear_proc_flag();
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    if (p->placed == 1)
+      continue;
+    p->placed = 1;
+    if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || !start_in_text(p))
+      continue;
+    if (p->size <= 7)
+      continue;
+    // The word before the last delay slot: a call there returns into the
+    // next procedure.
+    auto idx = text_index(p->old_addr + p->size - 8);
+    if (!idx)
+      continue;
+    uint32_t w = word_at(bin.text_buf, *idx);
+    if (!mips::is_jal(w) && !mips::is_jalr(w))
+      continue;
+    Proc *q = physically_next(p);
+    if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
+      note("%s and %s tied, jal/jalr", name_of(p), name_of(q));
+  }
+}
+
+void check_procedure_with_no_return() {
+  clear_proc_flag();
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    if (p->placed == 1)
+      continue;
+    p->placed = 1;
+    if (!start_in_text(p))
+      continue;
+    TextSpan span = text_span(p);
+    bool returns = false;
+    for (uint64_t i = span.end; i > span.first && !returns;) {
+      uint32_t w = word_at(bin.text_buf, --i);
+      returns = mips::is_jr(w) || mips::is_break0(w);
+    }
+    if (returns)
+      continue;
+    Proc *q = physically_next(p);
+    if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
+      note("%s and %s tied, no jr", name_of(p), name_of(q));
+  }
+}
 
 } // namespace vesk
