@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -33,7 +35,7 @@ struct Planning : ::testing::Test {
   std::vector<uint8_t> text;
   std::vector<uint64_t> map;
   std::vector<uint8_t> out;
-  std::vector<std::string> names; // storage for generated names
+  std::deque<std::string> names; // storage for generated names (stays put)
 
   void SetUp() override {
     reset_proc_table();
@@ -51,8 +53,8 @@ struct Planning : ::testing::Test {
     bin.text_hi = lo + 4 * words.size();
     bin.text_words = uint32_t(words.size());
     bin.text_buf = text.data();
-    map.assign(words.size() + 1, ~uint64_t(0));
-    out.assign(words.size() * 4 + 4, 0xee);
+    map.assign(words.size(), ~uint64_t(0));
+    out.assign(words.size() * 4, 0xee); // exactly the text: a write past it is caught
     bin.text_map = map.data();
     bin.new_text = out.data();
   }
@@ -78,6 +80,43 @@ struct Planning : ::testing::Test {
       v.push_back(p->name ? p->name : "(null)");
     return v;
   }
+  // What every layout of procedures that do not overlap guarantees: the
+  // text map is a bijection from the old words onto the new text and every
+  // word carries its contents there; each procedure keeps its words in
+  // order; procedures follow each other in list order (behind a leading
+  // stub run); a tied procedure is followed directly by its physical
+  // successor.
+  void expect_layout_invariants() const {
+    uint64_t n = bin.text_words;
+    ASSERT_EQ(bin.new_text_fill, n);
+    std::vector<uint8_t> hit(n, 0);
+    for (uint64_t i = 0; i < n; ++i) {
+      uint64_t m = bin.text_map[i];
+      ASSERT_TRUE(m >= bin.text_lo && (m - bin.text_lo) % 4 == 0 && (m - bin.text_lo) / 4 < n) << i;
+      uint64_t j = (m - bin.text_lo) / 4;
+      ASSERT_FALSE(hit[j]) << "two words at " << std::hex << m;
+      hit[j] = 1;
+      ASSERT_EQ(new_word(j), old_word(i)) << i;
+    }
+    uint64_t next_start = bin.text_lo;
+    if (libstub_lo != 0 && libstub_lo == bin.text_lo)
+      next_start = libstub_hi;
+    for (Proc *p = order_head; p != nullptr; p = p->next) {
+      if (p->size == 0 || p->old_addr < bin.text_lo || p->old_addr >= bin.text_hi)
+        continue;
+      uint64_t first = (p->old_addr - bin.text_lo) / 4;
+      uint64_t words = std::min<uint64_t>(p->size / 4, n - first);
+      ASSERT_EQ(bin.text_map[first], next_start) << p->name;
+      for (uint64_t k = 0; k < words; ++k)
+        ASSERT_EQ(bin.text_map[first + k], next_start + 4 * k) << p->name;
+      next_start += 4 * words;
+      if (p->tied) {
+        ASSERT_NE(p->next, nullptr);
+        EXPECT_EQ(p->next->old_addr, p->old_addr + p->size) << p->name << " tied";
+      }
+    }
+  }
+
   static void run_checks() {
     verify_proc();
     check_branch_out_of_procedure();
