@@ -11,6 +11,8 @@
 #include "planning_fixture.h"
 #include "support/run.h"
 #include "vesk/feedback.h"
+#include "vesk/diag.h"
+#include "vesk/mips.h"
 #include "vesk/order.h"
 
 using namespace vesk;
@@ -27,7 +29,8 @@ struct Layout : Planning {
   // A random program: procedures of 2 to 60 words, most ending in a
   // return, some falling through or ending in a call, some branching into
   // a neighbour.  Returns the procedures in address order.
-  std::vector<Proc *> random_program(std::mt19937 &rng, int n, uint64_t lo = LO) {
+  std::vector<Proc *> random_program(std::mt19937 &rng, int n, uint64_t lo = LO, int returns_in_10 = 8,
+                                     int branches_in_8 = 1, int span = 3) {
     std::vector<uint32_t> w;
     std::vector<std::pair<uint64_t, uint32_t>> ranges;
     for (int i = 0; i < n; ++i) {
@@ -36,17 +39,17 @@ struct Layout : Planning {
       for (uint32_t k = 0; k < words; ++k)
         w.push_back(ADDIU_SP + k);
       int kind = int(rng() % 10);
-      if (kind >= 2)
+      if (kind < returns_in_10)
         w[start + words - 2] = JR_RA;
-      if (kind == 1 && words >= 3)
+      else if (kind % 2 && words >= 3)
         w[start + words - 2] = JALR_T9;
       ranges.push_back({start, words});
     }
     // Branches into neighbours, forwards and backwards.
     for (int i = 0; i < n; ++i) {
-      if (rng() % 8 != 0)
+      if (int(rng() % 8) >= branches_in_8)
         continue;
-      int j = std::clamp(i + int(rng() % 7) - 3, 0, n - 1);
+      int j = std::clamp(i + int(rng() % unsigned(2 * span + 1)) - span, 0, n - 1);
       if (j == i)
         continue;
       uint64_t from = ranges[size_t(i)].first;
@@ -339,6 +342,151 @@ TEST_F(Layout, PlanningStaysLinear) {
   RecordProperty("seconds", std::to_string(secs));
   EXPECT_LT(secs, 6.0); // sanitizer builds run several times slower
   expect_layout_invariants();
+}
+
+// The list walks of the checks pass examined chains in one step; the
+// result, notes and traces are those of the plain walk, here written out.
+void plain_walk(bool calls) {
+  clear_proc_flag();
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    if (p->placed == 1)
+      continue;
+    p->placed = 1;
+    if (p->old_addr < bin.text_lo || p->old_addr >= bin.text_hi)
+      continue;
+    uint64_t first = (p->old_addr - bin.text_lo) / 4, n = p->size / 4;
+    bool tie;
+    if (calls) {
+      uint32_t w = n >= 2 ? load32(bin.text_buf + 4 * (first + n - 2)) : 0;
+      tie = n >= 2 && (mips::is_jal(w) || mips::is_jalr(w));
+    } else {
+      tie = true;
+      for (uint64_t k = 0; k < n; ++k) {
+        uint32_t w = load32(bin.text_buf + 4 * (first + k));
+        if (mips::is_jr(w) || mips::is_break0(w))
+          tie = false;
+      }
+    }
+    Proc *q = tie ? get_proc_by_addr(p->old_addr + p->size) : nullptr;
+    if (q != nullptr && put_proc_together(p, q) == 1)
+      note("%s and %s tied, %s", p->name, q->name, calls ? "jal/jalr" : "no jr");
+  }
+}
+
+void plain_branch_walk() {
+  for (uint64_t i = 0; i < bin.text_words; ++i) {
+    uint32_t w = load32(bin.text_buf + 4 * i);
+    if (!mips::ties_as_branch(w))
+      continue;
+    uint64_t a = bin.text_lo + 4 * i, t = mips::branch_target(a, w);
+    Proc *p = get_proc_by_addr(a);
+    if (t >= p->old_addr && t < p->old_addr + p->size)
+      continue;
+    Proc *q = get_proc_by_addr(t);
+    if (q == nullptr)
+      continue;
+    Proc *cur = mips::simm16(w) > 0 ? p : q, *to = mips::simm16(w) > 0 ? q : p;
+    for (Proc *n = get_proc_by_addr(cur->old_addr + cur->size); cur != to && n != nullptr;
+         cur = n, n = get_proc_by_addr(n->old_addr + n->size))
+      if (put_proc_together(cur, n) == 1)
+        note("%s and %s tied, branch in %s[%#llx]", cur->name, n->name, p->name, (unsigned long long)a);
+  }
+}
+
+TEST_F(Layout, ListWalksMatchThePlainWalk) {
+  int fall_through_notes = 0, branch_notes = 0;
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    SCOPED_TRACE(seed);
+    std::string results[2];
+    for (int plain = 0; plain < 2; ++plain) {
+      reset_proc_table();
+      std::mt19937 rng(seed);
+      std::vector<Proc *> procs =
+          random_program(rng, 60 + int(rng() % 100), LO, int(rng() % 8), 1 + int(seed % 8), 1 + int(seed % 12));
+      if (seed % 3 == 0)
+        std::reverse(procs.begin(), procs.end());
+      else
+        std::shuffle(procs.begin(), procs.end(), rng);
+      procs.resize(procs.size() / (1 + seed % 2));
+      attach(procs);
+      option.verbose = 1;
+      option.debug = seed % 5 == 0;
+      testing::internal::CaptureStdout();
+      testing::internal::CaptureStderr();
+      if (plain) {
+        plain_branch_walk();
+        plain_walk(true);
+        plain_walk(false);
+      } else {
+        check_branch_out_of_procedure();
+        check_merged_procedure();
+        check_procedure_with_no_return();
+      }
+      results[plain] = testing::internal::GetCapturedStderr() + testing::internal::GetCapturedStdout();
+      for (Proc *p = order_head; p; p = p->next)
+        results[plain] += std::string(p->name) + (p->tied ? "+" : " ");
+      option.verbose = option.debug = 0;
+    }
+    EXPECT_EQ(results[0], results[1]);
+    fall_through_notes += results[0].find("no jr") != std::string::npos;
+    branch_notes += results[0].find("branch in") != std::string::npos;
+  }
+  EXPECT_GT(fall_through_notes, 10);
+  EXPECT_GT(branch_notes, 20);
+}
+
+// Calls by bal tie every procedure between caller and callee; many calls
+// over the same stretch of text cost no more than the first.
+TEST_F(Layout, ManyCallsAcrossTheSameProceduresTieQuickly) {
+  const int n = 50000;
+  const int words = 24;
+  std::mt19937 rng(3);
+  std::vector<uint32_t> w;
+  for (int i = 0; i < n; ++i) {
+    w.push_back(ADDIU_SP);
+    for (int k = 1; k < words - 2; ++k) {
+      int callee = i + 50 + int(rng() % 250);
+      if (k % 4 == 1 && callee < n) // bal: bgezal zero
+        w.push_back(0x04110000u | (uint32_t((callee - i) * words - k - 1) & 0xffff));
+      else
+        w.push_back(NOP);
+    }
+    w.insert(w.end(), {JR_RA, NOP});
+  }
+  set_text(0x10000000, w);
+  for (int i = 0; i < n; ++i)
+    make("p", 0x10000000 + uint64_t(i) * words * 4, words * 4);
+  attach({});
+  auto start = std::chrono::steady_clock::now();
+  check_branch_out_of_procedure();
+  double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LT(secs, 3.0);
+  // Everything up to the last callee is tied, in address order.
+  Proc *q = order_head;
+  for (int i = 0; i < n; ++i, q = q->next)
+    ASSERT_EQ(q, get_proc_by_index(i));
+  EXPECT_EQ(get_proc_by_index(0)->tied, 1);
+  EXPECT_EQ(get_proc_by_index(n - 1)->tied, 0);
+}
+
+// Procedures that all fall through, met from the last to the first: every
+// tie moves the chain built so far.
+TEST_F(Layout, GrowingChainsTieInLinearTime) {
+  const int n = 50000;
+  std::vector<uint32_t> w(size_t(n) * 4, ADDIU_SP);
+  set_text(0x10000000, w);
+  for (int i = 0; i < n; ++i)
+    make("p", 0x10000000 + uint64_t(i) * 16, 16);
+  std::vector<Proc *> procs = all_procs();
+  attach(std::vector<Proc *>(procs.rbegin(), procs.rend()));
+  auto start = std::chrono::steady_clock::now();
+  check_procedure_with_no_return();
+  double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LT(secs, 3.0);
+  Proc *q = order_head;
+  for (int i = 0; i < n; ++i, q = q->next)
+    ASSERT_EQ(q, procs[size_t(i)]);
+  EXPECT_EQ(q, nullptr);
 }
 
 } // namespace

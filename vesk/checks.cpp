@@ -3,8 +3,10 @@
 // procedure for the next other than by a call or a return.
 #include "vesk/checks.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <unordered_map>
 #include <vector>
 
 #include "vesk/bin.h"
@@ -27,6 +29,133 @@ Proc *physically_next(const Proc *p) { return get_proc_by_addr(p->old_addr + p->
 
 bool start_in_text(const Proc *p) { return text_index(p->old_addr).has_value(); }
 
+// Finding the end of a tied chain walks it, and a chain that grows from
+// its end towards its head (fall-through procedures met in reverse address
+// order) would be walked again at every step.  While a check runs, the
+// walks remember where they ended: a remembered end is a record further
+// down the same chain, which stays true as long as no tie inside the chain
+// is cut (ties only join chains; a move that cuts one forgets everything).
+struct ChainEnds {
+  bool active = false;
+  std::unordered_map<Proc *, Proc *> ends;
+  std::vector<Proc *> path;
+  // For the branch ties: how far the walk from a record goes through
+  // records already tied to the procedure that physically follows them
+  // (steps that change nothing).  Kept only while no two procedures
+  // overlap, so that the walk is a run of adjacent procedures by address.
+  bool contiguous_walks = false;
+  std::unordered_map<Proc *, Proc *> tied_runs;
+};
+ChainEnds chain_ends;
+
+struct ChainEndsScope {
+  ChainEndsScope() {
+    chain_ends.ends.clear();
+    chain_ends.active = true;
+  }
+  ~ChainEndsScope() {
+    chain_ends.active = false;
+    chain_ends.ends.clear();
+    chain_ends.tied_runs.clear();
+    chain_ends.contiguous_walks = false;
+  }
+};
+
+// Forgets what the walks learnt; a tie inside a chain is being cut.
+void forget_chains() {
+  chain_ends.ends.clear();
+  chain_ends.tied_runs.clear();
+}
+
+bool procedures_overlap() {
+  std::vector<const Proc *> v;
+  for (Proc *p = order_head; p != nullptr; p = p->next)
+    if (p->size != 0)
+      v.push_back(p);
+  std::sort(v.begin(), v.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
+  for (size_t i = 1; i < v.size(); ++i)
+    if (v[i]->old_addr < v[i - 1]->old_addr + v[i - 1]->size)
+      return true;
+  return false;
+}
+
+// Where the tie walk from cur towards `to` first has something to do:
+// passes records that are tied to their physical successor already (the
+// step from such a record changes nothing and prints nothing), stopping at
+// `to`.
+Proc *pass_tied_run(Proc *cur, const Proc *to) {
+  if (!chain_ends.contiguous_walks || option.debug)
+    return cur;
+  auto noop_step = [](const Proc *x) {
+    const Proc *n = x->next;
+    return x->tied == 1 && n != nullptr && n->size != 0 && n->old_addr == x->old_addr + x->size;
+  };
+  chain_ends.path.clear();
+  Proc *x = cur;
+  while (x != to) {
+    auto known = chain_ends.tied_runs.find(x);
+    Proc *y = nullptr;
+    // A remembered run may be taken unless `to` lies inside it.
+    if (known != chain_ends.tied_runs.end() &&
+        !(to->old_addr > x->old_addr && to->old_addr < known->second->old_addr))
+      y = known->second;
+    else if (noop_step(x))
+      y = x->next;
+    else
+      break;
+    chain_ends.path.push_back(x);
+    x = y;
+  }
+  for (Proc *v : chain_ends.path) {
+    auto &end = chain_ends.tied_runs[v];
+    if (end == nullptr || end->old_addr < x->old_addr)
+      end = x;
+  }
+  return x;
+}
+
+// The last member of b's chain (b, then each next while tied), printing
+// each tied member when asked to.
+Proc *walk_chain(Proc *b, bool print) {
+  if (!chain_ends.active || print) {
+    Proc *last = b;
+    while (last->tied == 1) {
+      if (print)
+        std::printf("\t%s comes together\n", name_of(last));
+      if (last->next == nullptr)
+        error("internal in put_proc_together");
+      last = last->next;
+    }
+    return last;
+  }
+  chain_ends.path.clear();
+  Proc *x = b;
+  while (x->tied == 1) {
+    chain_ends.path.push_back(x);
+    auto known = chain_ends.ends.find(x);
+    Proc *y = known != chain_ends.ends.end() ? known->second : x->next;
+    if (y == nullptr)
+      error("internal in put_proc_together");
+    x = y;
+  }
+  for (Proc *v : chain_ends.path)
+    chain_ends.ends[v] = x;
+  return x;
+}
+
+// The walks over the list visit every record once, in list order as the
+// ties change it, skipping the records already examined.  Everything in
+// front of the walk has been examined, and a tie moves a chain right
+// behind the record being examined: from behind it (nothing examined yet)
+// or from in front of it (all examined).  So an examined record met next
+// heads a whole chain of examined records, which is passed in one step.
+Proc *next_to_examine(Proc *p) {
+  Proc *q = p->next;
+  while (q != nullptr && q->placed == 1)
+    q = q->tied == 1 ? walk_chain(q, false)->next : q->next;
+  return q;
+}
+
 } // namespace
 
 int put_proc_together(Proc *a, Proc *b) {
@@ -37,26 +166,18 @@ int put_proc_together(Proc *a, Proc *b) {
     return 0;
   }
   // The chain that moves: b and everything tied behind it.  Overlapping
-  // procedures could make a a member of it, and moving the chain behind a
+  // procedures could make a the end of it, and moving the chain behind a
   // would then close the list into a ring.
-  Proc *last = b;
-  for (;;) {
-    if (last == a)
-      error("cannot tie %s behind %s: %s is tied behind %s already", name_of(b), name_of(a), name_of(a),
-            name_of(b));
-    if (last->tied != 1)
-      break;
-    if (option.debug)
-      std::printf("\t%s comes together\n", name_of(last));
-    if (last->next == nullptr)
-      error("internal in put_proc_together");
-    last = last->next;
-  }
+  Proc *last = walk_chain(b, option.debug != 0);
+  if (last == a)
+    error("cannot tie %s behind %s: %s is tied behind %s already", name_of(b), name_of(a), name_of(a), name_of(b));
   if (a->tied == 1)
     error("%s already tied", name_of(a));
   a->tied = 1;
 
   // Unlink b..last.
+  if (b->prev != nullptr && b->prev->tied == 1)
+    forget_chains(); // cuts the chain in front of b
   if (b->prev == nullptr) {
     if (b != order_head)
       error("internal proc_head");
@@ -115,6 +236,8 @@ void verify_proc() {
 }
 
 void check_branch_out_of_procedure() {
+  ChainEndsScope scope;
+  chain_ends.contiguous_walks = !procedures_overlap();
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);
     if (!mips::ties_as_branch(w))
@@ -136,8 +259,11 @@ void check_branch_out_of_procedure() {
     Proc *to = forward ? q : p;
     // Tie every procedure from `from` up to `to`, in address order.  Ends
     // grow strictly along the way, so the walk ends.
-    Proc *cur = from;
-    Proc *n = physically_next(cur);
+    // Lookups in a table of overlapping procedures depend on the one
+    // before; there every step looks its successor up, as the walk does.
+    bool contiguous = chain_ends.contiguous_walks;
+    Proc *cur = pass_tied_run(from, to);
+    Proc *n = cur == to && contiguous ? nullptr : physically_next(cur);
     while (cur != to) {
       if (n == nullptr) {
         warning("no procedure at %#llx behind %s: branch in %s[%#llx] ties nothing further",
@@ -148,15 +274,16 @@ void check_branch_out_of_procedure() {
         error("branch %s.addr > %s.addr", name_of(cur), name_of(n));
       if (put_proc_together(cur, n) == 1 && option.verbose == 1)
         note("%s and %s tied, branch in %s[%#llx]", name_of(cur), name_of(n), name_of(p), (unsigned long long)a);
-      cur = n;
-      n = physically_next(n);
+      cur = pass_tied_run(n, to);
+      n = cur == to && contiguous ? nullptr : physically_next(cur);
     }
   }
 }
 
 void check_merged_procedure() {
+  ChainEndsScope scope;
   clear_proc_flag();
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
     if (p->placed == 1)
       continue;
     p->placed = 1;
@@ -179,8 +306,9 @@ void check_merged_procedure() {
 }
 
 void check_procedure_with_no_return() {
+  ChainEndsScope scope;
   clear_proc_flag();
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
     if (p->placed == 1)
       continue;
     p->placed = 1;
