@@ -19,6 +19,7 @@
 
 #include "planning_fixture.h"
 #include "support/bench.h"
+#include "vesk/feedback.h"
 #include "vesk/order.h"
 #include "vesk/r4000.h"
 #include "vesk/text_words.h"
@@ -132,15 +133,22 @@ struct RealPlanning : Planning {
     return v;
   }
 
+  // Plans the layout with a feedback file that names `fed` in order.
   void plan(const std::vector<Proc *> &fed, bool r4000) {
-    for (Proc *p : fed) {
-      p->freq = 1;
-      attach_proc_list(p);
-      p->placed = 1;
-    }
-    attach_proc_with_no_feedback();
+    std::string path = ::testing::TempDir() + "vesk_real_plan.fb";
+    std::string text = "$magic 269680640\n$version 2\n$start\n";
+    for (size_t i = 0; i < fed.size(); ++i)
+      text += std::string(fed[i]->name) + " x.c " + std::to_string(fed.size() - i) + "\n";
+    write_file(path, text);
+    const char *files[] = {path.c_str(), nullptr};
+    option.feedback_files = files;
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
+    read_reorder_files();
+    option.feedback_files = nullptr;
+    size_t i = 0;
+    for (Proc *p = order_head; p != nullptr && i < fed.size(); p = p->next, ++i)
+      EXPECT_STREQ(p->name, fed[i]->name);
     run_checks();
     if (r4000)
       fix_r4000_bug();
