@@ -32,7 +32,7 @@ struct Checks : Planning {
     set_text(LO, words);
     p.clear();
     for (size_t i = 0; i < words.size() / 4; ++i)
-      p.push_back(make(keep("p" + std::to_string(i)), LO + 16 * i, 16));
+      p.push_back(make(numbered("p", i), LO + 16 * i, 16));
     for (int i : list_order) {
       attach_proc_list(p[size_t(i)]);
       p[size_t(i)]->placed = 1;

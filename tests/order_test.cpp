@@ -58,7 +58,7 @@ struct Layout : Planning {
     }
     set_text(lo, w);
     for (int i = 0; i < n; ++i)
-      make(keep("f" + std::to_string(i)), lo + 4 * ranges[size_t(i)].first, 4 * ranges[size_t(i)].second);
+      make(numbered("f", i), lo + 4 * ranges[size_t(i)].first, 4 * ranges[size_t(i)].second);
     return all_procs();
   }
 
@@ -240,7 +240,7 @@ TEST_F(Layout, PageStatistics) {
   set_text(LO, w);
   std::vector<Proc *> p;
   for (int i = 0; i < 6; ++i)
-    p.push_back(make(keep("page" + std::to_string(i)), LO + PAGE * uint64_t(i), PAGE));
+    p.push_back(make(numbered("page", i), LO + PAGE * uint64_t(i), PAGE));
   p[1]->freq = p[3]->freq = p[5]->freq = 1;
   attach({p[5], p[3], p[1]});
   testing::internal::CaptureStderr();

@@ -73,6 +73,12 @@ struct Planning : ::testing::Test {
     names.push_back(std::move(s));
     return names.back().c_str();
   }
+  // prefix followed by the number, kept.
+  const char *numbered(const char *prefix, uint64_t i) {
+    std::string s = prefix;
+    s += std::to_string(i);
+    return keep(std::move(s));
+  }
 
   static std::vector<std::string> order() {
     std::vector<std::string> v;

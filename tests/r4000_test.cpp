@@ -41,7 +41,7 @@ struct R4000 : Planning {
     }
     set_text(LO, words);
     for (size_t i = 0; i < bodies.size(); ++i)
-      make(keep("r" + std::to_string(i)), starts[i], uint32_t(4 * bodies[i].size()));
+      make(numbered("r", i), starts[i], uint32_t(4 * bodies[i].size()));
     p.clear();
     for (size_t i = 0; i < bodies.size(); ++i)
       p.push_back(get_proc_by_index(long(i)));

@@ -258,9 +258,9 @@ void check_branch_out_of_procedure() {
     Proc *from = forward ? p : q;
     Proc *to = forward ? q : p;
     // Tie every procedure from `from` up to `to`, in address order.  Ends
-    // grow strictly along the way, so the walk ends.
-    // Lookups in a table of overlapping procedures depend on the one
-    // before; there every step looks its successor up, as the walk does.
+    // grow strictly along the way, so the walk ends.  Among overlapping
+    // procedures a lookup depends on the one before it, so there every
+    // step looks its successor up, even the last.
     bool contiguous = chain_ends.contiguous_walks;
     Proc *cur = pass_tied_run(from, to);
     Proc *n = cur == to && contiguous ? nullptr : physically_next(cur);
