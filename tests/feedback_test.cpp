@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <unistd.h>
 #include <string>
 #include <vector>
@@ -27,6 +28,10 @@ struct Feedback : Planning {
     std::string tmpl = ::testing::TempDir() + "vesk_fb_XXXXXX";
     dir = mkdtemp(tmpl.data());
     option.program = "/some/where/prog";
+  }
+  void TearDown() override {
+    Planning::TearDown();
+    std::filesystem::remove_all(dir);
   }
 
   // Procedures p0..pN-1 of 16 bytes each in a.c, in address order.
