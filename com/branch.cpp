@@ -1,10 +1,79 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// The moved code still carries the branch offsets and jump targets of the
+// old layout; every word of the input .text is classified by its old
+// contents and its copy in the new text is patched.
 #include "com/branch.h"
+
+#include "com/update.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/mips.h"
+#include "vesk/options.h"
 
 namespace vesk {
 
-void update_branch_offset() {}
-void update_one_branch(uint32_t, uint64_t) {}
-void update_jump(uint32_t, uint64_t) {}
+namespace {
+
+constexpr uint64_t REGION_MASK = ~uint64_t(0x0fffffff); // a j/jal reaches its own 256 MB
+
+} // namespace
+
+void update_branch_offset() {
+  if (bin.text_buf == nullptr || bin.text_map == nullptr || bin.new_text == nullptr)
+    return;
+  for (uint32_t k = 0; k < bin.text_words; ++k) {
+    uint32_t word = word_at(bin.text_buf, k);
+    uint64_t old_pc = bin.text_lo + uint64_t(k) * 4;
+    switch (mips::fixup_kind(word)) {
+    case mips::Fixup::branch: update_one_branch(word, old_pc); break;
+    case mips::Fixup::jump: update_jump(word, old_pc); break;
+    case mips::Fixup::none: break;
+    }
+  }
+}
+
+void update_one_branch(uint32_t word, uint64_t old_pc) {
+  uint64_t new_pc;
+  if (!map_text_address(old_pc, &new_pc))
+    return;
+  uint8_t *out = new_text_word(new_pc);
+  if (out == nullptr)
+    return; // the word did not make it into the new text
+  uint64_t target = mips::branch_target(old_pc, word);
+  map_text_address(target, &target); // code outside .text does not move
+  int32_t delta = int32_t(uint32_t(target) - uint32_t(new_pc) - 4);
+  int32_t new_offset = delta >> 2;
+  if (new_offset < -32768 || new_offset > 32767) {
+    warning("branch new offset %#x at %#llx out of range", uint32_t(new_offset), (unsigned long long)old_pc);
+    // Offset 0 continues behind the delay slot, where the branch falls
+    // through anyway: the condition and the delay slot stay intact.
+    new_offset = 0;
+  }
+  store16(out + 2, uint16_t(new_offset));
+}
+
+void update_jump(uint32_t word, uint64_t old_pc) {
+  uint64_t target = mips::jump_target(old_pc, word);
+  uint64_t new_target = 0;
+  bool known = map_text_address(target, &new_target);
+  if (!known && !in_text(target) && target >= bin.exec_lo && target < bin.exec_hi && target > bin.text_hi) {
+    new_target = target + bin.text_shift;
+    known = true;
+  }
+  uint64_t new_pc;
+  if (known && map_text_address(old_pc, &new_pc)) {
+    if (uint8_t *out = new_text_word(new_pc)) {
+      store32(out, mips::with_instr_index(load32(out), uint32_t(new_target >> 2)));
+      if (((new_pc + 4) & REGION_MASK) != (new_target & REGION_MASK))
+        warning("jump at %#llx cannot reach %#llx from its new place", (unsigned long long)old_pc,
+                (unsigned long long)new_target);
+    }
+  } else if (!known) {
+    warning("jump target %#llx not in .text or .init", (unsigned long long)target);
+  }
+  if (option.debug)
+    dump("jump at %#llx changed from %#llx to %#llx", (unsigned long long)old_pc, (unsigned long long)target,
+         (unsigned long long)new_target);
+}
 
 } // namespace vesk

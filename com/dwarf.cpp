@@ -1,8 +1,391 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// Procedure discovery from DWARF: every subprogram entry with a code range
+// becomes a procedure record, filed under the base name of its compilation
+// unit.  Entries without a code range (declarations, abstract instances,
+// functions that were only inlined) make no record; those that are abstract
+// or inlined leave an inline note instead.
 #include "com/dwarf.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dwarf.h>
+#include <libdwarf.h>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "vesk/diag.h"
+#include "vesk/options.h"
+#include "vesk/proc.h"
 
 namespace vesk {
 
-void dwarf_interface(Elf *) {}
+namespace {
+
+// The SGI attribute that carries a subprogram's linker-level (abstract)
+// name.  GCC writes DW_AT_linkage_name instead, which is not looked at.
+constexpr Dwarf_Half kAbstractNameAttr = 0x2009;
+
+const char *const kNoName = "Function Name Unavailable";
+
+// What is known of a subprogram that may need its name from elsewhere:
+// a concrete instance whose name lives in its abstract entry, or an
+// abstract entry that another instance refers to.
+struct InlineNote {
+  const char *note_name;         // may be null
+  const char *note_linkage_name; // may be null
+  uint64_t note_die_offset;
+  int32_t note_proc_index;       // -1: no procedure record
+  uint8_t note_pending;
+};
+
+InlineNote *notes;
+int n_notes;
+int notes_capacity;
+int made_up_names;
+
+Dwarf_Debug dbg;
+
+// Strings handed to procedure records (names, unit names) live to the end
+// of the run; they stay listed here so that they remain reachable.
+// (The list itself is never destroyed, so it outlives exit handlers too.)
+std::vector<char *> *kept_strings = new std::vector<char *>;
+
+char *keep(char *s) {
+  kept_strings->push_back(s);
+  return s;
+}
+
+void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
+                     uint8_t pending) {
+  if (n_notes == notes_capacity) {
+    int capacity = notes ? notes_capacity * 2 : 20;
+    auto *grown = static_cast<InlineNote *>(std::realloc(notes, size_t(capacity) * sizeof(InlineNote)));
+    if (grown == nullptr)
+      error("malloc error");
+    notes = grown;
+    notes_capacity = capacity;
+  }
+  notes[n_notes++] = InlineNote{name, linkage_name, die_offset, proc_index, pending};
+}
+
+// Looks attribute `attr` of die up: true with *out set when present.
+bool find_attr(Dwarf_Die die, Dwarf_Half attr, Dwarf_Attribute *out) {
+  Dwarf_Error err = nullptr;
+  int res = dwarf_attr(die, attr, out, &err);
+  if (res == DW_DLV_ERROR)
+    print_dwarf_error(dbg, res, err, "dwarf_attr");
+  return res == DW_DLV_OK;
+}
+
+bool has_attr(Dwarf_Die die, Dwarf_Half attr) {
+  Dwarf_Attribute a;
+  if (!find_attr(die, attr, &a))
+    return false;
+  dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+  return true;
+}
+
+// A failed form read only means the attribute is not used.
+void drop_error(int res, Dwarf_Error err) {
+  if (res == DW_DLV_ERROR && err != nullptr)
+    dwarf_dealloc(dbg, err, DW_DLA_ERROR);
+}
+
+// The code range of a subprogram.  DW_AT_high_pc is either an address or,
+// from DWARF 4 on, an offset from DW_AT_low_pc.
+struct PcRange {
+  bool have_high = false;
+  bool have_low = false;
+  bool declaration = false;
+  Dwarf_Addr low = 0;
+  Dwarf_Addr high = 0;
+};
+
+PcRange read_pc_range(Dwarf_Die die, const char *text) {
+  PcRange r;
+  Dwarf_Addr high = 0;
+  Dwarf_Half form = 0;
+  enum Dwarf_Form_Class form_class = DW_FORM_CLASS_UNKNOWN;
+  Dwarf_Error err = nullptr;
+  int res = dwarf_highpc_b(die, &high, &form, &form_class, &err);
+  if (res == DW_DLV_NO_ENTRY) {
+    r.declaration = has_attr(die, DW_AT_declaration);
+    return r;
+  }
+  if (res == DW_DLV_ERROR)
+    print_dwarf_error(dbg, res, err, "dwarf_highpc in %s", text);
+  r.have_high = true;
+  res = dwarf_lowpc(die, &r.low, &err);
+  if (res == DW_DLV_ERROR)
+    print_dwarf_error(dbg, res, err, "dwarf_lowpc in %s", text);
+  r.have_low = res == DW_DLV_OK;
+  r.high = form_class == DW_FORM_CLASS_CONSTANT ? r.low + high : high;
+  return r;
+}
+
+// One entry of a unit's tree; only subprograms matter.
+void visit_entry(Dwarf_Die die, const char *file_name) {
+  Dwarf_Error err = nullptr;
+  Dwarf_Half tag = 0;
+  int res = dwarf_tag(die, &tag, &err);
+  if (res != DW_DLV_OK)
+    print_dwarf_error(dbg, res, err, "dwarf_tag");
+  if (tag != DW_TAG_subprogram)
+    return;
+
+  char *name = nullptr;
+  char *raw = nullptr;
+  res = dwarf_diename(die, &raw, &err);
+  if (res == DW_DLV_ERROR)
+    print_dwarf_error(dbg, res, err, "dwarf_diename");
+  if (res == DW_DLV_OK) {
+    name = strdup(raw);
+    if (name == nullptr)
+      error("malloc failure in strdup()");
+    dwarf_dealloc(dbg, raw, DW_DLA_STRING);
+  }
+  std::string text = name ? name : kNoName;
+
+  PcRange pc = read_pc_range(die, text.c_str());
+  if (pc.declaration) {
+    std::free(name);
+    return;
+  }
+
+  bool have_origin = false;
+  Dwarf_Off origin = 0;
+  Dwarf_Attribute a;
+  if (find_attr(die, DW_AT_abstract_origin, &a)) {
+    res = dwarf_global_formref(a, &origin, &err);
+    have_origin = res == DW_DLV_OK;
+    drop_error(res, err);
+    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+  }
+
+  bool inlined = false;
+  if (find_attr(die, DW_AT_inline, &a)) {
+    Dwarf_Unsigned how = 0;
+    res = dwarf_formudata(a, &how, &err);
+    drop_error(res, err);
+    if (res == DW_DLV_OK) {
+      inlined = how == DW_INL_inlined;
+    } else {
+      // DWARF 5 writers give the value as an implicit constant, which
+      // this libdwarf reads only as a signed number.
+      Dwarf_Signed signed_how = 0;
+      res = dwarf_formsdata(a, &signed_how, &err);
+      drop_error(res, err);
+      inlined = res == DW_DLV_OK && signed_how == DW_INL_inlined;
+    }
+    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+  }
+
+  char *linkage_name = nullptr;
+  if (find_attr(die, kAbstractNameAttr, &a)) {
+    char *s = nullptr;
+    res = dwarf_formstring(a, &s, &err);
+    if (res == DW_DLV_OK) {
+      linkage_name = strdup(s);
+      if (linkage_name == nullptr)
+        error("malloc fail allocating abstract name");
+    }
+    drop_error(res, err);
+    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+  }
+  if (name == nullptr && linkage_name != nullptr)
+    text = std::string("abstract name: ") + linkage_name + "\n";
+
+  Dwarf_Off offset = 0;
+  if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
+    error("Unable to get dieoffset for %s\n", text.c_str());
+
+  if (pc.have_high) {
+    if (!pc.have_low)
+      error("Have highpc but no lowpc on %s\n", text.c_str());
+    Proc *p = new_proc();
+    p->file_name = file_name;
+    p->name = name ? keep(name) : nullptr;
+    p->old_addr = pc.low;
+    p->size = uint32_t(pc.high) - uint32_t(pc.low);
+    if (have_origin || linkage_name != nullptr)
+      new_inline_note(nullptr, linkage_name, offset, get_n_procs() - 1, 0);
+    else
+      std::free(linkage_name);
+    if (option.debug & 1)
+      dump("  Subprogram: %s(%#llx-%#llx)", text.c_str(), (unsigned long long)pc.low,
+           (unsigned long long)pc.high);
+  } else if (have_origin || linkage_name != nullptr || inlined) {
+    new_inline_note(name, linkage_name, origin, -1, 0);
+  } else {
+    warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
+            (unsigned long long)offset, (unsigned long long)offset);
+    std::free(name);
+  }
+}
+
+// Entries nested deeper than this are refused.  Compilers stay far below
+// it; the limit is there because libdwarf finds the sibling of an entry
+// without a DW_AT_sibling link by reading through all of the entry's
+// descendants, so the walk costs the size of the tree times its depth.
+constexpr int kMaxDepth = 2048;
+
+// Walks the tree below and beside `root` (a unit's entry).  All later
+// siblings of an entry are visited before its children, and the children of
+// a later sibling before those of an earlier one: the order in which the
+// records are made.  A stack of entries whose children are still to be
+// looked at gives that order without recursion, so neither a long sibling
+// chain nor deep nesting can exhaust the machine stack.  In a sound tree
+// every entry is reached once; a damaged sibling link that leads back into
+// the tree is caught by the second arrival, which also bounds the work.
+void walk_entries(Dwarf_Die root, const char *file_name) {
+  struct Pending {
+    Dwarf_Die die;
+    int depth;
+  };
+  std::unordered_set<Dwarf_Off> reached;
+  std::vector<Pending> stack;
+  auto visit_chain = [&](Dwarf_Die die, int depth) {
+    for (;;) {
+      Dwarf_Off offset = 0;
+      Dwarf_Error err = nullptr;
+      int res = dwarf_dieoffset(die, &offset, &err);
+      if (res != DW_DLV_OK)
+        print_dwarf_error(dbg, res, err, "dwarf_dieoffset");
+      if (!reached.insert(offset).second)
+        error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
+              (unsigned long long)offset);
+      if (depth > kMaxDepth)
+        error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
+              (unsigned long long)offset, kMaxDepth);
+      stack.push_back({die, depth});
+      visit_entry(die, file_name);
+      Dwarf_Die sibling = nullptr;
+      res = dwarf_siblingof(dbg, die, &sibling, &err);
+      if (res == DW_DLV_ERROR)
+        print_dwarf_error(dbg, res, err, "dwarf_dibling");
+      if (res != DW_DLV_OK)
+        return;
+      die = sibling;
+    }
+  };
+  visit_chain(root, 0);
+  while (!stack.empty()) {
+    Pending p = stack.back();
+    stack.pop_back();
+    Dwarf_Die child = nullptr;
+    Dwarf_Error err = nullptr;
+    int res = dwarf_child(p.die, &child, &err);
+    if (res == DW_DLV_ERROR)
+      print_dwarf_error(dbg, res, err, "dwarf_child");
+    if (p.die != root)
+      dwarf_dealloc(dbg, p.die, DW_DLA_DIE);
+    if (res == DW_DLV_OK)
+      visit_chain(child, p.depth + 1);
+  }
+}
+
+// Gives every pending note's procedure a name: that of another note for
+// the same entry or with the same linkage name, else a made-up one.
+void resolve_inline_notes() {
+  for (int i = 0; i < n_notes; ++i) {
+    InlineNote &n = notes[i];
+    if (!n.note_pending)
+      continue;
+    const char *found = nullptr;
+    for (int j = 0; j < n_notes && found == nullptr; ++j) {
+      const InlineNote &o = notes[j];
+      if (j == i || o.note_name == nullptr)
+        continue;
+      if (o.note_die_offset == n.note_die_offset)
+        found = o.note_name;
+      else if (o.note_linkage_name && n.note_linkage_name && o.note_linkage_name[0] == n.note_linkage_name[0] &&
+               std::strcmp(o.note_linkage_name, n.note_linkage_name) == 0)
+        found = o.note_name;
+    }
+    Proc *p = get_proc_by_index(n.note_proc_index);
+    if (found != nullptr) {
+      char *copy = strdup(found);
+      if (copy == nullptr)
+        error("malloc failure in strdup()");
+      p->name = keep(copy);
+    } else {
+      char made_up[32];
+      std::snprintf(made_up, sizeof made_up, "VeskCreatedName%03d", made_up_names++);
+      char *copy = strdup(made_up);
+      if (copy == nullptr)
+        error("Out of memory allocating vesk fake name!\n");
+      p->name = keep(copy);
+      if (option.verbose)
+        warning("Assigned name %s for function! lowpc 0x%llx\n", p->name, (unsigned long long)p->old_addr);
+    }
+    n.note_pending = 0;
+  }
+}
+
+void free_inline_notes() {
+  for (int i = 0; i < n_notes; ++i) {
+    std::free(const_cast<char *>(notes[i].note_name));
+    std::free(const_cast<char *>(notes[i].note_linkage_name));
+  }
+  std::free(notes);
+  notes = nullptr;
+  n_notes = notes_capacity = 0;
+}
+
+} // namespace
+
+void dwarf_interface(Elf *elf) {
+  Dwarf_Error err = nullptr;
+  // Executables linked with kept relocations carry .rel.debug_* sections;
+  // applying them would add every address a second time.
+  dwarf_set_reloc_application(0);
+  int i = dwarf_elf_init(elf, DW_DLC_READ, nullptr, nullptr, &dbg, &err);
+  if (i == DW_DLV_ERROR)
+    error("%s:%d ASSERT(i != DW_DLV_ERROR)", "com/dwarf", 405);
+  if (i == DW_DLV_NO_ENTRY)
+    error("%s:%d ASSERT(i != DW_DLV_NO_ENTRY)", "com/dwarf", 406);
+
+  Dwarf_Unsigned header_length = 0, cu_offset = 0;
+  Dwarf_Half version = 0, address_size = 0;
+  Dwarf_Off abbrev_offset = 0;
+  int res;
+  while ((res = dwarf_next_cu_header(dbg, &header_length, &version, &abbrev_offset, &address_size, &cu_offset,
+                                     &err)) == DW_DLV_OK) {
+    if (cu_offset == DW_DLV_BADOFFSET)
+      error("%s:%d ASSERT(cu_offset != DW_DLV_BADOFFSET)", "com/dwarf", 413);
+    Dwarf_Die cu_die = nullptr;
+    int r = dwarf_siblingof(dbg, nullptr, &cu_die, &err);
+    if (r != DW_DLV_OK)
+      print_dwarf_error(dbg, r, err, "dwarf_siblingof");
+    char *raw = nullptr;
+    r = dwarf_diename(cu_die, &raw, &err);
+    if (r == DW_DLV_ERROR)
+      print_dwarf_error(dbg, r, err, "dwarf_diename");
+    // A unit without a name files its procedures under no file name.
+    char *unit_name = nullptr;
+    if (r == DW_DLV_OK) {
+      unit_name = strdup(raw);
+      if (unit_name == nullptr)
+        error("malloc failure in strdup()");
+      keep(unit_name);
+      dwarf_dealloc(dbg, raw, DW_DLA_STRING);
+    }
+    if (option.debug & 1)
+      dump("File:  %s", unit_name ? unit_name : "");
+    walk_entries(cu_die, unit_name ? basename(unit_name) : nullptr);
+    dwarf_dealloc(dbg, cu_die, DW_DLA_DIE);
+  }
+  if (res == DW_DLV_ERROR)
+    print_dwarf_error(dbg, res, err, "dwarf_next_cu_header");
+  res = dwarf_finish(dbg, &err);
+  if (res != DW_DLV_OK)
+    print_dwarf_error(dbg, res, err, "dwarf_next_cu_header");
+  dbg = nullptr;
+
+  resolve_inline_notes();
+  free_inline_notes();
+}
 
 } // namespace vesk

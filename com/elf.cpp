@@ -1,23 +1,144 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
 #include "com/elf.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "com/elf_impl.h"
+#include "vesk/bytes.h"
+#include "vesk/driver.h"
 
 namespace vesk {
 
-void duplicate_elf() {}
-void duplicate_elf32() {}
-void duplicate_elf64() {}
-Elf_Scn *find_section_by_name(Elf *, const char *) { return nullptr; }
-Elf_Data *find_section_data_by_name(Elf *, const char *) { return nullptr; }
-uint8_t *get_textdata_by_addr(Elf *, uint64_t) { return nullptr; }
-uint8_t *get_textdata_range(Elf *, uint64_t, size_t) { return nullptr; }
-void expand_section(Elf_Scn *, uint32_t) {}
-void expand_section32(Elf_Scn *, uint32_t) {}
-void expand_section64(Elf_Scn *, uint32_t) {}
-void expand_text() {}
-uint32_t get_addr_by_got_offset(int32_t) { return 0; }
-void write_it() {}
-void open_new_binary() {}
-void copy_binary() {}
-void *dup_buffer(const void *, size_t) { return nullptr; }
+void duplicate_elf() {
+  elf_version(EV_CURRENT);
+  bin.out_elf = elf_begin(bin.out_fd, ELF_C_WRITE, nullptr);
+  if (bin.out_elf == nullptr) {
+    print_elf_error();
+    error("cannot open %s", option.output);
+  }
+  if (bin.is_elf32)
+    duplicate_elf32();
+  else
+    duplicate_elf64();
+  // libelf must not lay the file out: every offset stays as copied.
+  elf_flagelf(bin.out_elf, ELF_C_SET, ELF_F_DIRTY);
+  elf_flagelf(bin.out_elf, ELF_C_SET, ELF_F_LAYOUT);
+}
+
+Elf_Scn *find_section_by_name(Elf *elf, const char *name) {
+  return bin.is_elf32 ? find_section_by_name32(elf, name) : find_section_by_name64(elf, name);
+}
+
+Elf_Data *find_section_data_by_name(Elf *elf, const char *name) {
+  Elf_Scn *scn = find_section_by_name(elf, name);
+  return scn ? elf_getdata(scn, nullptr) : nullptr;
+}
+
+uint8_t *get_textdata_by_addr(Elf *elf, uint64_t addr) { return get_textdata_range(elf, addr, 1); }
+
+uint8_t *get_textdata_range(Elf *elf, uint64_t addr, size_t n) {
+  uint64_t off = 0;
+  Elf_Data *d = bin.is_elf32 ? section_data_at<Elf32Class>(elf, addr, &off)
+                             : section_data_at<Elf64Class>(elf, addr, &off);
+  if (d == nullptr || d->d_buf == nullptr || off > d->d_size || n > d->d_size - off)
+    return nullptr;
+  return static_cast<uint8_t *>(d->d_buf) + off;
+}
+
+void expand_section(Elf_Scn *scn, uint32_t n) {
+  if (bin.is_elf32)
+    expand_section32(scn, n);
+  else
+    expand_section64(scn, n);
+}
+
+void expand_text() {
+  if (bin.is_elf32)
+    expand_text32();
+  else
+    expand_text64();
+}
+
+uint32_t get_addr_by_got_offset(int32_t off) {
+  if (!bin.is_elf32)
+    error("%s:%d ASSERT(IS_32BIT())", "com/elf", 65);
+  uint32_t index = (bin.gp_value + uint32_t(off) - bin.pltgot) / 4;
+  if (bin.got_buf == nullptr || index >= bin.got_count)
+    error("gp offset %d lies outside .got", off);
+  return load32(bin.got_buf + size_t(index) * 4);
+}
+
+namespace {
+
+// libelf fills the bytes between the pieces it writes even when it does not
+// lay the file out; put the input's bytes back there, so that everything no
+// update touched stays as it was (and the file stays as long as the input).
+void restore_unwritten_bytes(std::vector<FileRange> ranges) {
+  off_t in_size = lseek(bin.in_fd, 0, SEEK_END);
+  if (in_size < 0)
+    sysfatal("reading %s", option.program);
+  std::sort(ranges.begin(), ranges.end(),
+            [](const FileRange &a, const FileRange &b) { return a.begin < b.begin; });
+  std::vector<char> buf(65536);
+  uint64_t pos = 0, end = uint64_t(in_size);
+  auto copy = [&](uint64_t from, uint64_t to) {
+    while (from < to) {
+      size_t n = size_t(std::min<uint64_t>(to - from, buf.size()));
+      ssize_t got = pread(bin.in_fd, buf.data(), n, off_t(from));
+      if (got <= 0) {
+        if (got == 0)
+          errno = -1;
+        sysfatal("reading %s", option.program);
+      }
+      if (pwrite(bin.out_fd, buf.data(), size_t(got), off_t(from)) != got)
+        sysfatal("writing %s", option.output);
+      from += uint64_t(got);
+    }
+  };
+  for (const FileRange &r : ranges) {
+    if (r.begin >= end)
+      break;
+    if (r.begin > pos)
+      copy(pos, r.begin);
+    pos = std::max(pos, r.end);
+  }
+  if (pos < end)
+    copy(pos, end);
+}
+
+} // namespace
+
+void write_it() {
+  if (elf_update(bin.out_elf, ELF_C_WRITE) == -1) {
+    print_elf_error();
+    error("cannot write %s", option.output);
+  }
+  std::vector<FileRange> ranges =
+      bin.is_elf32 ? written_ranges<Elf32Class>(bin.out_elf) : written_ranges<Elf64Class>(bin.out_elf);
+  elf_end(bin.out_elf);
+  bin.out_elf = nullptr; // the driver's own elf_end then has nothing left to end
+  restore_unwritten_bytes(std::move(ranges));
+}
+
+void open_new_binary() {
+  bin.out_fd = open(option.output, O_RDWR | O_CREAT | O_TRUNC, 0755);
+  if (bin.out_fd < 1)
+    sysfatal("cannot open %s", option.output);
+}
+
+void copy_binary() { bin_copy(bin.in_fd, bin.out_fd); }
+
+void *dup_buffer(const void *src, size_t size) {
+  void *p = std::malloc(size ? size : 1);
+  if (p == nullptr)
+    error("malloc error");
+  if (size)
+    std::memcpy(p, src, size);
+  return p;
+}
 
 } // namespace vesk

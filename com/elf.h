@@ -12,6 +12,8 @@ void duplicate_elf();
 void duplicate_elf32();
 void duplicate_elf64();
 Elf_Scn *find_section_by_name(Elf *elf, const char *name);
+Elf_Scn *find_section_by_name32(Elf *elf, const char *name);
+Elf_Scn *find_section_by_name64(Elf *elf, const char *name);
 Elf_Data *find_section_data_by_name(Elf *elf, const char *name);
 // Pointer into the data of the allocated section that holds addr; null when
 // none does.  Callers needing n bytes use get_textdata_range instead, which
@@ -22,7 +24,11 @@ void expand_section(Elf_Scn *scn, uint32_t n);
 void expand_section32(Elf_Scn *scn, uint32_t n);
 void expand_section64(Elf_Scn *scn, uint32_t n);
 void expand_text();
+void expand_text32();
+void expand_text64();
 uint32_t get_addr_by_got_offset(int32_t off);
+// Writes the image, restores from the input every byte of the file that no
+// header or section contents cover, and ends bin.out_elf (left null).
 void write_it();
 void open_new_binary();
 void copy_binary();

@@ -5,6 +5,8 @@
 
 namespace vesk {
 
+// Run steps; each picks its ELF class by bin.is_elf32 and returns quietly
+// when the output has no such section.
 void update_elf_header();
 void update_dynamic();
 void update_got();
@@ -12,14 +14,58 @@ void update_reldyn();
 void update_dynsym();
 void update_symtab();
 
+void update_elf_header32();
+void update_dynamic32();
+void update_got32();
+void update_reldyn32();
+void update_dynsym32();
+void update_symtab32();
+void update_elf_header64();
+void update_dynamic64();
+void update_got64();
+void update_reldyn64();
+void update_dynsym64();
+void update_symtab64();
+
+// The new address of the old .text address a, through bin.text_map; false
+// (and *new_addr untouched) when a is not in .text.
+bool map_text_address(uint64_t a, uint64_t *new_addr);
+// The output .text word whose new address is new_addr (low two bits
+// ignored); null when new_addr lies outside the new text.
+uint8_t *new_text_word(uint64_t new_addr);
+
+// Re-points one stored code address in place (host-order value): .text
+// through the text map, executable code behind .text by bin.text_shift,
+// everything else unchanged.
 void check_for_text_and_update32(uint32_t *a);
 void check_for_text_and_update64(uint64_t *a);
+
+// GOT helpers for the compact relocation and events updates.  All of them
+// read the input GOT (bin.got_buf); a gp offset or index that designates no
+// entry of it ends the run with an error.
+//
+// The index of the GOT entry at gp-relative offset off.
+uint32_t got_index_by_gpoffset(int32_t off);
+// The entry (4 or 8 bytes by class, returned whole) at gp-relative offset off.
 uint64_t got_content_by_gpoffset(int32_t off);
-// Offset of addr from the first local GOT entry within 32 KB of it.
+// The first local GOT entry, from index 1, whose value lies within a signed
+// 16-bit offset of addr (low 32 bits); sets *index and returns addr - value.
+// Entries that the GOT update re-pointed are passed over.  Fatal when none
+// qualifies.
 int32_t find_local_got_entry_for_addr(uint64_t addr, uint32_t *index);
-// new_pc: new address of the instruction to patch; got_index: the page
-// entry's current GOT index; low: the pair's old low offset; old_addr: the
-// old code address the pair forms.
+// Re-point one GOT page/offset pair that formed the old code address
+// old_addr as (GOT[got_index] + low).  Arguments, in this order:
+//   new_pc     new address of the instruction to patch (in bin.new_text)
+//   low        the pair's old signed 16-bit low offset
+//   got_index  the GOT index the page load uses now
+//              (got_index_by_gpoffset of its immediate)
+//   old_addr   the old code address the pair forms
+// When the new offset no longer fits 16 bits another local page entry is
+// chosen (the GOT itself never changes).
+// update_got_page patches the page load's immediate with the page entry's gp
+// offset and returns the new low offset; update_got_offset patches the
+// offset instruction's immediate with the new low offset and returns the
+// page entry's gp offset.
 int32_t update_got_page(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr);
 int32_t update_got_offset(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr);
 

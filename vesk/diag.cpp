@@ -23,16 +23,24 @@ void vprint(FILE *stream, const char *prefix, const char *fmt, va_list ap, const
   std::exit(1);
 }
 
-// Number of entries of the system's error-text table: the first number
-// strerrordesc_np has no text for.
+// Number of entries of the system's error-text table: one more than the
+// highest error number with a text.  The table has holes (numbers no
+// error uses); they are inside it all the same.
 int error_table_size() {
   static int n = [] {
-    int i = 0;
-    while (i < 4096 && strerrordesc_np(i) != nullptr)
-      ++i;
-    return i;
+    int last = -1;
+    for (int i = 0; i < 4096; ++i)
+      if (strerrordesc_np(i) != nullptr)
+        last = i;
+    return last + 1;
   }();
   return n;
+}
+
+// The table's text for error number e (0 <= e < error_table_size()).
+const char *error_text(int e) {
+  const char *text = strerrordesc_np(e);
+  return text ? text : std::strerror(e); // a hole: "Unknown error <e>"
 }
 
 } // namespace
@@ -65,7 +73,7 @@ void sysfatal(const char *fmt, ...) {
   if (e == -1)
     std::fputs("unexpected end of file, ", stderr);
   else if (e >= 0 && e < error_table_size())
-    std::fprintf(stderr, "%s, ", strerrordesc_np(e));
+    std::fprintf(stderr, "%s, ", error_text(e));
   else
     std::fprintf(stderr, "error code %d, ", e);
   va_list ap;

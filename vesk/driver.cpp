@@ -77,7 +77,8 @@ void reorder_it() {
 
 void bin_copy(int in_fd, int out_fd) {
   off_t size = lseek(in_fd, 0, SEEK_END);
-  lseek(in_fd, 0, SEEK_SET);
+  if (size < 0 || lseek(in_fd, 0, SEEK_SET) != 0)
+    sysfatal("reading %s", option.program);
   lseek(out_fd, 0, SEEK_SET);
   char *buf = static_cast<char *>(std::malloc(size > 0 ? size_t(size) : 1));
   ssize_t got = read(in_fd, buf, size_t(size));

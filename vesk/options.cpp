@@ -16,11 +16,13 @@ void add_feedback_file(const char *path) {
   while (option.feedback_files[count] != nullptr)
     ++count;
   // The list always keeps a null pointer behind its last entry: at 9, 19,
-  // 29, ... entries it grows by ten before the new one is stored.
+  // 29, ... entries it grows by ten before the new one is stored. Every
+  // new pointer is cleared, the last one too: the walk above counts the
+  // entries by looking for the first null.
   if (count % 10 == 9) {
     option.feedback_files =
         static_cast<const char **>(std::realloc(option.feedback_files, (count + 11) * sizeof(char *)));
-    for (int i = count; i < count + 10; ++i)
+    for (int i = count; i < count + 11; ++i)
       option.feedback_files[i] = nullptr;
   }
   option.feedback_files[count] = path;

@@ -4,7 +4,7 @@
 #   tests/programs/build.sh OUTDIR
 #
 # Every program (one directory of C sources here) is compiled for o32, n32
-# and n64, with mdebug (-Wa,-mdebug, no -g) and with DWARF (-g) debug
+# and n64, with mdebug (-Wa,-mdebug, no -g; not n64, see below) and with DWARF (-g) debug
 # information, in three code models: pie (the compiler's default), no-pie
 # (-no-pie: position-independent code linked at a fixed address) and fno-pie
 # (-fno-pie -no-pie: non-PIC code).  o32 gets an extra set built with
@@ -16,8 +16,9 @@
 # thing, or the script fails.  OUTDIR/manifest.tsv lists the executables:
 #   path program abi debug model explicit-relocs(yes/no)
 #
-# Debian 12's toolchain builds every combination (binutils emits .mdebug for
-# n64 too), so none is left out.
+# Debian 12's toolchain builds every combination, but for n64 it writes the
+# 64-bit form of the mdebug table, which vesk does not read: n64 is built
+# with DWARF only.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -49,6 +50,11 @@ if [ "${1:-}" = "--compile" ]; then
     # shellcheck disable=SC2086
     $cc $flags -g -Wl,-q -o "$out/$name.tmp" *.c || ok=no
   else
+    # At -O2 gcc moves main and constructors into .text.startup, and the
+    # assembler then records their mdebug symbol values relative to the
+    # wrong section: the procedure table would be wrong.  Keep every
+    # function in .text for mdebug builds.
+    flags="$flags -fno-reorder-functions"
     # gcc hands the assembler a temporary file, and the assembler names
     # each mdebug file descriptor after its input: every file would be
     # called /tmp/ccXXXXXX.s, differently on every build.  So compile to
@@ -109,6 +115,10 @@ jobs=$out/.jobs
 for prog in $programs; do
   for abi in o32 n32 n64; do
     for debug in mdebug dwarf; do
+      # For n64 the assembler writes the 64-bit form of the mdebug symbol
+      # table, which vesk does not read (it refuses it with a clear
+      # message); the n64 bench is DWARF only.
+      [ $abi = n64 ] && [ $debug = mdebug ] && continue
       for model in pie no-pie fno-pie; do
         echo "$prog $abi $debug $model yes" >>"$jobs"
         if [ $abi = o32 ]; then

@@ -1,0 +1,273 @@
+// The output image, written once for both ELF classes: the templates behind
+// duplicate_elf32/64, the section lookups, section growth and the list of
+// file ranges that the written image covers.  com/update32.cpp and
+// com/update64.cpp instantiate them.
+#pragma once
+
+#include <cstring>
+#include <vector>
+
+#include "com/elf.h"
+#include "com/mdebug.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/elf_class.h"
+#include "vesk/options.h"
+
+namespace vesk {
+
+// Where an assertion of the text growth reports itself.
+struct AssertSite {
+  const char *file;
+  int text_line;  // a second .text
+  int phdr_line;  // a second readable and executable load segment
+};
+
+// The name of section scn, or null when the name table does not hold it.
+template <class C> const char *section_name(Elf *elf, Elf_Scn *scn) {
+  typename C::Ehdr *eh = C::getehdr(elf);
+  typename C::Shdr *sh = C::getshdr(scn);
+  if (eh == nullptr || sh == nullptr)
+    return nullptr;
+  Elf_Data *names = elf_getdata(elf_getscn(elf, eh->e_shstrndx), nullptr);
+  if (names == nullptr || names->d_buf == nullptr || sh->sh_name >= names->d_size)
+    return nullptr;
+  const char *s = static_cast<const char *>(names->d_buf) + sh->sh_name;
+  if (std::memchr(s, '\0', names->d_size - sh->sh_name) == nullptr)
+    return nullptr;
+  return s;
+}
+
+template <class C> Elf_Scn *find_section_by_name_t(Elf *elf, const char *name) {
+  for (size_t i = 0;; ++i) {
+    Elf_Scn *scn = elf_getscn(elf, i);
+    if (scn == nullptr) {
+      elf_errno(); // running off the end is the normal way out
+      return nullptr;
+    }
+    const char *s = section_name<C>(elf, scn);
+    if (s != nullptr && std::strcmp(s, name) == 0)
+      return scn;
+  }
+}
+
+// The data of the first allocated section with contents that holds addr,
+// and addr's offset in it.  Sections without contents are passed over: a
+// .tbss shares its addresses with the sections behind it.  The 32-bit image
+// computes addresses on 32 bits.
+template <class C> Elf_Data *section_data_at(Elf *elf, uint64_t addr, uint64_t *offset) {
+  if (!C::is_64)
+    addr = uint32_t(addr);
+  for (size_t i = 0;; ++i) {
+    Elf_Scn *scn = elf_getscn(elf, i);
+    if (scn == nullptr) {
+      elf_errno();
+      return nullptr;
+    }
+    typename C::Shdr *sh = C::getshdr(scn);
+    if (sh == nullptr || !(sh->sh_flags & SHF_ALLOC) || sh->sh_type == SHT_NOBITS)
+      continue;
+    uint64_t lo = sh->sh_addr, hi = lo + sh->sh_size;
+    if (addr >= lo && addr < hi) {
+      *offset = addr - lo;
+      return elf_getdata(scn, nullptr);
+    }
+  }
+}
+
+// libelf hands arrays of addresses (.init_array, .fini_array,
+// .preinit_array) over in host order.  Dynamic relocations and the other
+// updates patch address words wherever they lie through the raw big-endian
+// view that every other allocated section has, so the output copy of such
+// an array is turned back into file order and written out as plain bytes.
+template <class C> void addresses_to_file_order(Elf_Data *d) {
+  auto *p = static_cast<uint8_t *>(d->d_buf);
+  for (size_t off = 0; off + sizeof(typename C::Addr) <= d->d_size; off += sizeof(typename C::Addr)) {
+    typename C::Addr v;
+    std::memcpy(&v, p + off, sizeof v);
+    if constexpr (C::is_64)
+      store64(p + off, v);
+    else
+      store32(p + off, v);
+  }
+  d->d_type = ELF_T_BYTE;
+}
+
+// A copy of the input in bin.out_elf: same headers, same section indices,
+// private copies of every section's contents.
+template <class C> void duplicate_elf_t() {
+  typename C::Ehdr *in_eh = C::getehdr(bin.in_elf);
+  if (in_eh == nullptr) {
+    print_elf_error();
+    error("cannot read the ELF header of %s", option.program);
+  }
+  typename C::Phdr *in_ph = in_eh->e_phnum ? C::getphdr(bin.in_elf) : nullptr;
+  if (in_eh->e_phnum && in_ph == nullptr) {
+    print_elf_error();
+    error("cannot read the program header table");
+  }
+
+  elf_errno();
+  typename C::Ehdr *out_eh = C::newehdr(bin.out_elf);
+  if (out_eh == nullptr) {
+    print_elf_error();
+    error("cannot create the output ELF header");
+  }
+  if (in_eh->e_phnum) {
+    typename C::Phdr *out_ph = C::newphdr(bin.out_elf, in_eh->e_phnum);
+    if (out_ph == nullptr) {
+      print_elf_error();
+      error("cannot create the output program header table");
+    }
+    std::memcpy(out_ph, in_ph, sizeof(typename C::Phdr) * in_eh->e_phnum);
+  }
+  *out_eh = *in_eh;
+
+  for (size_t i = 1;; ++i) {
+    Elf_Scn *in_scn = elf_getscn(bin.in_elf, i);
+    if (in_scn == nullptr)
+      break;
+    typename C::Shdr *in_sh = C::getshdr(in_scn);
+    Elf_Scn *out_scn = elf_newscn(bin.out_elf);
+    typename C::Shdr *out_sh = out_scn ? C::getshdr(out_scn) : nullptr;
+    if (in_sh == nullptr || out_sh == nullptr) {
+      print_elf_error();
+      error("cannot copy section %zu", i);
+    }
+    *out_sh = *in_sh;
+    Elf_Data *in_d = elf_getdata(in_scn, nullptr);
+    if (in_d == nullptr) {
+      elf_errno();
+      continue;
+    }
+    Elf_Data *out_d = elf_newdata(out_scn);
+    if (out_d == nullptr) {
+      print_elf_error();
+      error("cannot copy the contents of section %zu", i);
+    }
+    *out_d = *in_d;
+    if (in_d->d_buf != nullptr)
+      out_d->d_buf = dup_buffer(in_d->d_buf, in_d->d_size);
+    if (out_d->d_type == ELF_T_ADDR && out_d->d_buf != nullptr)
+      addresses_to_file_order<C>(out_d);
+    const char *name = section_name<C>(bin.in_elf, in_scn);
+    if (name != nullptr && std::strcmp(name, ".text") == 0)
+      bin.new_text = static_cast<uint8_t *>(out_d->d_buf);
+  }
+  elf_errno(); // elf_getscn past the last section
+}
+
+template <class C> void expand_section_t(Elf_Scn *scn, uint32_t n) {
+  typename C::Ehdr *eh = C::getehdr(bin.out_elf);
+  if (eh == nullptr) {
+    print_elf_error();
+    error("cannot read the output ELF header");
+  }
+  bool behind = false;
+  for (size_t i = 0;; ++i) {
+    Elf_Scn *s = elf_getscn(bin.out_elf, i);
+    if (s == nullptr)
+      break;
+    typename C::Shdr *sh = C::getshdr(s);
+    if (sh == nullptr)
+      continue;
+    if (behind) {
+      sh->sh_offset += n;
+    } else if (s == scn) {
+      if (sh->sh_offset < eh->e_shoff)
+        eh->e_shoff += n;
+      sh->sh_size += n;
+      if (Elf_Data *d = elf_getdata(s, nullptr))
+        d->d_size += n;
+      behind = true;
+    }
+  }
+  elf_errno();
+}
+
+// Moves everything behind a .text that grew by bin.text_grow; the code
+// behind it moves by bin.text_shift.
+template <class C> void expand_text_t(const AssertSite &site) {
+  bool moved = false;
+  for (size_t i = 0;; ++i) {
+    Elf_Scn *s = elf_getscn(bin.out_elf, i);
+    if (s == nullptr)
+      break;
+    typename C::Shdr *sh = C::getshdr(s);
+    const char *name = section_name<C>(bin.out_elf, s);
+    if (sh == nullptr || name == nullptr)
+      continue;
+    if (std::strcmp(name, ".text") == 0) {
+      if (moved)
+        error("%s:%d ASSERT(move_flag == 0)", site.file, site.text_line);
+      moved = true;
+      sh->sh_size += bin.text_grow;
+      if (Elf_Data *d = elf_getdata(s, nullptr))
+        d->d_size += bin.text_grow;
+    } else if (moved && bin.text_shift != 0) {
+      sh->sh_offset += bin.text_shift;
+      if (sh->sh_flags & SHF_EXECINSTR)
+        sh->sh_addr += bin.text_shift;
+    }
+  }
+  elf_errno();
+
+  typename C::Ehdr *eh = C::getehdr(bin.out_elf);
+  typename C::Phdr *ph = eh && eh->e_phnum ? C::getphdr(bin.out_elf) : nullptr;
+  bool seg_moved = false;
+  for (size_t i = 0; ph != nullptr && i < eh->e_phnum; ++i) {
+    if (ph[i].p_type == PT_LOAD && (ph[i].p_flags & PF_R) && (ph[i].p_flags & PF_X)) {
+      if (seg_moved)
+        error("%s:%d ASSERT(move_flag == 0)", site.file, site.phdr_line);
+      seg_moved = true;
+      ph[i].p_filesz += bin.text_shift;
+      ph[i].p_memsz += bin.text_shift;
+    } else if (seg_moved) {
+      ph[i].p_offset += bin.text_shift;
+    }
+  }
+
+  if (Elf_Scn *md = find_section_by_name_t<C>(bin.out_elf, ".mdebug")) {
+    typename C::Shdr *sh = C::getshdr(md);
+    Elf_Data *d = elf_getdata(md, nullptr);
+    if (sh != nullptr && d != nullptr) {
+      sh->sh_name = 0;
+      move_mdebug(static_cast<const uint8_t *>(d->d_buf), d->d_size, sh->sh_offset + d->d_off);
+    }
+  }
+}
+
+// A byte range [begin, end) of the output file.
+struct FileRange {
+  uint64_t begin, end;
+};
+
+// The ranges of the file that elf_update writes from the image's headers
+// and contents: ELF header, program header table, the contents of every
+// section that has some, section header table.
+template <class C> std::vector<FileRange> written_ranges(Elf *elf) {
+  std::vector<FileRange> r;
+  typename C::Ehdr *eh = C::getehdr(elf);
+  if (eh == nullptr)
+    return r;
+  r.push_back({0, sizeof(typename C::Ehdr)});
+  if (eh->e_phnum)
+    r.push_back({eh->e_phoff, eh->e_phoff + uint64_t(eh->e_phnum) * sizeof(typename C::Phdr)});
+  size_t shnum = 0;
+  for (size_t i = 1;; ++i) {
+    Elf_Scn *s = elf_getscn(elf, i);
+    if (s == nullptr)
+      break;
+    shnum = i + 1;
+    typename C::Shdr *sh = C::getshdr(s);
+    if (sh != nullptr && sh->sh_type != SHT_NOBITS && sh->sh_type != SHT_NULL && sh->sh_size != 0)
+      r.push_back({sh->sh_offset, sh->sh_offset + sh->sh_size});
+  }
+  elf_errno();
+  if (shnum)
+    r.push_back({eh->e_shoff, eh->e_shoff + uint64_t(shnum) * sizeof(typename C::Shdr)});
+  return r;
+}
+
+} // namespace vesk

@@ -1,0 +1,227 @@
+// The mdebug symbol table follows the moved procedures: in the output's
+// .mdebug bytes, procedure descriptors, code-address local symbols and
+// external symbols are re-pointed through the text map, and every file
+// descriptor's base address becomes 0.
+//
+// The section is addressed as size bytes lying at file offset file_off;
+// the header's table offsets are file offsets.  Every table range is
+// checked as an offset into the section before a record of it is touched,
+// so no pointer is ever formed outside the buffer; the messages still show
+// the addresses the ranges would have.
+#include "com/mdebug.h"
+
+#include <gelf.h>
+#include <libelf.h>
+
+#include "com/elf.h"
+#include "mdebug/records.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/elf_class.h"
+#include "vesk/options.h"
+
+namespace vesk {
+
+int mdebug_bad_proc_info;
+
+namespace {
+
+// The wrap-around state of the update's walk over the files; it lives for
+// the whole run.
+IpdCarry update_carry;
+
+using Offset = __int128; // a byte position relative to the buffer; may be negative
+
+struct MdebugBytes {
+  uint8_t *buf;
+  size_t size;
+  uint64_t file_off;
+
+  // Position of the record `index` of a table at file offset table_off.
+  Offset at(uint32_t table_off, uint64_t index, size_t entsize) const {
+    return Offset(table_off) - Offset(file_off) + Offset(index) * Offset(entsize);
+  }
+  // The address a position would have, for messages only.
+  const void *addr(Offset pos) const { return reinterpret_cast<const void *>(uintptr_t(buf) + uintptr_t(pos)); }
+  const void *end() const { return addr(Offset(size)); }
+  bool beyond(Offset end_pos) const { return end_pos > Offset(size); }
+};
+
+// Local symbol types that hold code addresses: stNil, stStatic, stLabel,
+// stProc, stStaticProc and 33.
+bool holds_code_address(unsigned st) { return st == 0 || st == 2 || st == 5 || st == 6 || st == 14 || st == 33; }
+
+// A 32-bit value that names an address in the input text, moved through
+// the text map; other values are returned unchanged.
+uint32_t moved_value(uint32_t value) {
+  uint64_t a = sign_extend32(value);
+  return in_text(a) ? uint32_t(text_map_of(a)) : value;
+}
+
+void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t ifd, ProcRange range) {
+  if (range.count == 0)
+    return;
+  Offset start = m.at(hdr.cbPdOffset, range.first, sizeof(Pdr));
+  Offset end = start + Offset(range.count) * Offset(sizeof(Pdr));
+  if (start < 0)
+    error("mdebug pdr not in memory? %p %p ifd %d", m.addr(start), static_cast<const void *>(m.buf), int(ifd));
+  if (m.beyond(end))
+    error("mdebug pdr not in memory? %p %p", m.addr(end), m.end());
+  if (range.first > hdr.ipdMax || range.count > uint32_t(hdr.ipdMax) - range.first)
+    error("mdebug pdr of ifd %d beyond the table: %llu + %llu > ipdMax %u", int(ifd),
+          (unsigned long long)range.first, (unsigned long long)range.count, uint32_t(hdr.ipdMax));
+
+  Pdr *pdrs = record_at<Pdr>(m.buf, uint64_t(start));
+  // PDR addresses are relative to the file's base, except in PIC code and
+  // where the first descriptor already holds the base (absolute addresses).
+  uint32_t base = fdr.adr;
+  if (bin.pic_kind == 0 || uint32_t(pdrs[0].adr) == base)
+    base = 0;
+  for (uint64_t k = 0; k < range.count; ++k) {
+    Pdr &pd = pdrs[k];
+    uint32_t adr = pd.adr;
+    if (option.debug)
+      dump("cur_pdr->adr = %#x", adr);
+    if (uint32_t(pd.isym) == MDEBUG_NIL)
+      continue;
+    uint64_t a = uint32_t(adr + base);
+    if (in_text(a)) {
+      pd.adr = uint32_t(text_map_of(a));
+    } else {
+      mdebug_bad_proc_info = 1;
+      if (option.debug)
+        warning("incorrect info in mdebug fdr->adr %#x, pdr->adr %#x", base, adr);
+    }
+  }
+}
+
+void fix_local_symbols(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t ifd) {
+  uint32_t first = fdr.isymBase;
+  uint32_t count = fdr.csym;
+  if (count == 0)
+    return;
+  Offset start = m.at(hdr.cbSymOffset, first, sizeof(Symr));
+  Offset end = start + Offset(count) * Offset(sizeof(Symr));
+  if (start < 0)
+    error("mdebug symr not in memory? %p %p ifd %d", m.addr(start), static_cast<const void *>(m.buf), int(ifd));
+  if (m.beyond(end))
+    error("mdebug symr not in memory? %p %p", m.addr(end), m.end());
+  if (first > hdr.isymMax || count > uint32_t(hdr.isymMax) - first)
+    error("mdebug symr of ifd %d beyond the table: %u + %u > isymMax %u", int(ifd), first, count,
+          uint32_t(hdr.isymMax));
+
+  Symr *syms = record_at<Symr>(m.buf, uint64_t(start));
+  for (uint32_t k = 0; k < count; ++k) {
+    Symr &s = syms[k];
+    if (holds_code_address(symr_st(s)) && uint32_t(s.value) != 0)
+      s.value = moved_value(s.value);
+  }
+}
+
+void fix_fdrs(const MdebugBytes &m, const Hdrr &hdr) {
+  uint32_t n = hdr.ifdMax;
+  if (n == 0)
+    return;
+  Offset start = m.at(hdr.cbFdOffset, 0, sizeof(Fdr));
+  Offset end = start + Offset(n) * Offset(sizeof(Fdr));
+  if (start < 0)
+    error("mdebug fdrs not in memory? %p %p", m.addr(start), static_cast<const void *>(m.buf));
+  if (m.beyond(end))
+    error("mdebug fdrs not in memory? %p %p", m.addr(end), m.end());
+
+  Fdr *fdrs = record_at<Fdr>(m.buf, uint64_t(start));
+  for (uint32_t i = 0; i < n; ++i) {
+    Fdr &fdr = fdrs[i];
+    ProcRange range = fdr_proc_range(fdr, option.b_flag != 0, update_carry);
+    fix_pdrs(m, hdr, fdr, i, range);
+    fix_local_symbols(m, hdr, fdr, i);
+    // Every PDR address is absolute now; a base of 0 keeps base + adr right
+    // for any reader.
+    fdr.adr = 0;
+  }
+}
+
+void fix_externals(const MdebugBytes &m, const Hdrr &hdr) {
+  uint32_t n = hdr.iextMax;
+  if (n == 0)
+    return;
+  Offset start = m.at(hdr.cbExtOffset, 0, sizeof(Extr));
+  Offset end = start + Offset(n) * Offset(sizeof(Extr));
+  if (start < 0)
+    error("mdebug externals not in memory? %p %p", m.addr(start), static_cast<const void *>(m.buf));
+  if (m.beyond(end))
+    error("mdebug Externals not in memory? %p %p", m.addr(end), m.end());
+
+  Extr *exts = record_at<Extr>(m.buf, uint64_t(start));
+  for (uint32_t i = 0; i < n; ++i) {
+    Symr &s = exts[i].asym;
+    // 0 and 1 mark undefined and special symbols, never addresses.
+    uint32_t v = s.value;
+    if (v != 0 && v != 1)
+      s.value = moved_value(v);
+  }
+}
+
+// The line-number table is copied back from the input after writing, so
+// its place must lie inside this section: anything else would overwrite
+// other repaired contents of the output.
+void check_line_table(const MdebugBytes &m, const Hdrr &hdr) {
+  uint32_t size = hdr.cbLine;
+  if (size == 0)
+    return;
+  Offset start = m.at(hdr.cbLineOffset, 0, 1);
+  if (start < 0 || m.beyond(start + size))
+    error("mdebug line table (%u bytes at file offset %#x) lies outside the section (file offset %#llx, %zu bytes)",
+          size, uint32_t(hdr.cbLineOffset), (unsigned long long)m.file_off, m.size);
+}
+
+template <class C> uint64_t section_offset(Elf_Scn *scn) {
+  const typename C::Shdr *sh = C::getshdr(scn);
+  if (sh == nullptr) {
+    print_elf_error();
+    error("cannot read the section header of .mdebug");
+  }
+  return sh->sh_offset;
+}
+
+} // namespace
+
+void fixmdebug(uint8_t *buffer, size_t size, uint64_t file_off) {
+  if (size < sizeof(Hdrr))
+    error("mdebug section %ld bytes is too small!", long(size));
+  const Hdrr &hdr = *record_at<Hdrr>(buffer, 0);
+  if (hdr.magic != MDEBUG_MAGIC)
+    error("mdebug magic 0x%x is wrong! want 0x%x", unsigned(hdr.magic), unsigned(MDEBUG_MAGIC));
+
+  bin.line_offset = hdr.cbLineOffset;
+  bin.line_size = hdr.cbLine;
+
+  MdebugBytes m{buffer, size, file_off};
+  check_line_table(m, hdr);
+  fix_fdrs(m, hdr);
+  fix_externals(m, hdr);
+
+  if (mdebug_bad_proc_info && option.verbose)
+    warning("mdebug has incorrect procedure info");
+}
+
+void update_mdebug() {
+  Elf_Scn *scn = find_section_by_name(bin.out_elf, ".mdebug");
+  if (scn == nullptr)
+    return;
+  uint64_t sh_offset = bin.is_elf32 ? section_offset<Elf32Class>(scn) : section_offset<Elf64Class>(scn);
+  Elf_Data *d = elf_getdata(scn, nullptr);
+  if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0)) {
+    print_elf_error();
+    error("cannot read the contents of section .mdebug");
+  }
+  fixmdebug(static_cast<uint8_t *>(d->d_buf), d->d_size, sh_offset + uint64_t(d->d_off));
+}
+
+void reset_mdebug_update() {
+  update_carry = IpdCarry{};
+  mdebug_bad_proc_info = 0;
+}
+
+} // namespace vesk

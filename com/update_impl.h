@@ -1,0 +1,281 @@
+// The header, dynamic section, GOT, dynamic relocation and symbol updates,
+// written once for both ELF classes.  com/update32.cpp and com/update64.cpp
+// instantiate them under the ...32 / ...64 names.
+#pragma once
+
+#include <ctime>
+
+#include "com/elf.h"
+#include "com/update.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/elf_class.h"
+#include "vesk/options.h"
+
+namespace vesk {
+
+constexpr uint32_t RHF_VESKED = 0x1000; // DT_MIPS_FLAGS: processed by this tool
+constexpr uint32_t R_MIPS_REL32_TYPE = 3;
+constexpr uint32_t R_MIPS_64_TYPE = 18;
+
+// The re-pointing rule on a 64-bit value (com/update.cpp).
+uint64_t repoint_code_address(uint64_t a);
+inline void check_for_text_and_update(uint32_t *a) { check_for_text_and_update32(a); }
+inline void check_for_text_and_update(uint64_t *a) { check_for_text_and_update64(a); }
+
+// Address word i (4 or 8 bytes by class: a GOT entry, a relocated word) of
+// a raw big-endian buffer.
+template <class C> uint64_t address_word(const uint8_t *buf, size_t i) {
+  if constexpr (C::is_64)
+    return load64(buf + i * 8);
+  else
+    return load32(buf + i * 4);
+}
+
+template <class C> void set_address_word(uint8_t *buf, size_t i, uint64_t v) {
+  if constexpr (C::is_64)
+    store64(buf + i * 8, v);
+  else
+    store32(buf + i * 4, uint32_t(v));
+}
+
+// The first data of the output section `name` when it holds records of the
+// given libelf type; null when the section is absent or empty.
+inline Elf_Data *typed_output_data(const char *name, Elf_Type type) {
+  Elf_Data *d = find_section_data_by_name(bin.out_elf, name);
+  if (d == nullptr || d->d_buf == nullptr || d->d_size == 0)
+    return nullptr;
+  if (d->d_type != type)
+    error("%s: section %s does not hold the records its name promises", option.program, name);
+  return d;
+}
+
+template <class C> void update_elf_header_t() {
+  typename C::Ehdr *eh = C::getehdr(bin.out_elf);
+  if (eh == nullptr) {
+    print_elf_error();
+    error("cannot read the output ELF header");
+  }
+  uint64_t entry = eh->e_entry, moved;
+  if (map_text_address(entry, &moved))
+    eh->e_entry = typename C::Addr(moved);
+  else if (in_text(entry) || (entry >= bin.exec_lo && entry < bin.exec_hi))
+    ; // code outside .text stays where it is
+  else
+    error("e_entry not in .text");
+}
+
+template <class C> void update_dynamic_t() {
+  Elf_Data *d = typed_output_data(".dynamic", ELF_T_DYN);
+  if (d == nullptr)
+    return;
+  auto *dyn = static_cast<typename C::Dyn *>(d->d_buf);
+  size_t n = d->d_size / sizeof(typename C::Dyn);
+  for (size_t i = 0; i < n && dyn[i].d_tag != DT_NULL; ++i) {
+    uint64_t v = dyn[i].d_un.d_val, moved;
+    switch (uint64_t(dyn[i].d_tag)) {
+    case DT_INIT:
+    case DT_FINI:
+      if (map_text_address(v, &moved))
+        dyn[i].d_un.d_ptr = typename C::Addr(moved);
+      break;
+    case DT_MIPS_TIME_STAMP:
+      dyn[i].d_un.d_val = typename C::Addr(uint32_t(std::time(nullptr)));
+      break;
+    case DT_MIPS_FLAGS:
+      bin.mips_flags = uint32_t(v);
+      if (v & RHF_VESKED)
+        warning("%s is a vesked binary", option.program);
+      dyn[i].d_un.d_val = v | RHF_VESKED;
+      break;
+    default:
+      break;
+    }
+  }
+}
+
+template <class C> void update_got_t() {
+  Elf_Data *d = find_section_data_by_name(bin.out_elf, ".got");
+  if (d == nullptr || d->d_buf == nullptr)
+    return;
+  auto *got = static_cast<uint8_t *>(d->d_buf);
+  size_t n = d->d_size / C::word_size;
+  // The leading page entries serve gp-relative page/offset pairs, which
+  // keep their page and only change the offset; they are never re-pointed.
+  size_t i = 1;
+  while (i < bin.local_gotno && i < n && (address_word<C>(got, i) & 0xffff) == 0)
+    ++i;
+  for (; i < n; ++i) {
+    typename C::Addr v = typename C::Addr(address_word<C>(got, i));
+    typename C::Addr old = v;
+    check_for_text_and_update(&v);
+    if (v != old)
+      set_address_word<C>(got, i, v);
+  }
+}
+
+// Re-points the address word that a dynamic relocation designates.
+template <class C> void update_reloc_target(uint64_t where, const char *complaint) {
+  uint8_t *p = get_textdata_range(bin.out_elf, where, C::word_size);
+  if (p == nullptr) {
+    warning("%s", complaint);
+    return;
+  }
+  typename C::Addr v = typename C::Addr(address_word<C>(p, 0));
+  typename C::Addr old = v;
+  check_for_text_and_update(&v);
+  if (v != old)
+    set_address_word<C>(p, 0, v);
+}
+
+// The address range of the output .got; empty when there is none.
+template <class C> void output_got_range(uint64_t *lo, uint64_t *hi) {
+  *lo = *hi = 0;
+  if (Elf_Scn *scn = find_section_by_name(bin.out_elf, ".got"))
+    if (typename C::Shdr *sh = C::getshdr(scn)) {
+      *lo = sh->sh_addr;
+      *hi = sh->sh_addr + sh->sh_size;
+    }
+}
+
+template <class C> void update_reldyn_t() {
+  Elf_Data *d = typed_output_data(".rel.dyn", ELF_T_REL);
+  if (d == nullptr)
+    return;
+  // The GOT update has already dealt with every GOT entry; a relocation of
+  // one must not move it a second time.
+  uint64_t got_lo, got_hi;
+  output_got_range<C>(&got_lo, &got_hi);
+  const auto *rel = static_cast<const typename C::Rel *>(d->d_buf);
+  size_t n = d->d_size / sizeof(typename C::Rel);
+  for (size_t i = 0; i < n; ++i) {
+    uint32_t type = C::rel_type(rel[i]);
+    if (type == 0)
+      continue;
+    if (type != R_MIPS_REL32_TYPE) {
+      warning("unknown elf rel type");
+      continue;
+    }
+    if constexpr (C::is_64) {
+      if (C::rel_type2(rel[i]) != R_MIPS_64_TYPE) {
+        warning("unknown R_MIPS_REL");
+        continue;
+      }
+    }
+    if (rel[i].r_offset >= got_lo && rel[i].r_offset < got_hi)
+      continue;
+    update_reloc_target<C>(rel[i].r_offset, C::is_64 ? "ignoring incorrect R_MIPS_REL64"
+                                                     : "ignoring incorrect R_MIPS_REL32");
+  }
+}
+
+template <class C> void update_dynsym_t() {
+  Elf_Data *d = typed_output_data(".dynsym", ELF_T_SYM);
+  if (d == nullptr)
+    return;
+  auto *sym = static_cast<typename C::Sym *>(d->d_buf);
+  size_t n = d->d_size / sizeof(typename C::Sym);
+  for (size_t i = 0; i < n; ++i) {
+    typename C::Addr v = sym[i].st_value;
+    check_for_text_and_update(&v);
+    sym[i].st_value = v;
+  }
+}
+
+template <class C> void update_symtab_t() {
+  Elf_Data *d = typed_output_data(".symtab", ELF_T_SYM);
+  if (d == nullptr)
+    return;
+  auto *sym = static_cast<typename C::Sym *>(d->d_buf);
+  size_t n = d->d_size / sizeof(typename C::Sym);
+  for (size_t i = 0; i < n; ++i) {
+    typename C::Addr v = sym[i].st_value;
+    if (sym[i].st_shndx == SHN_ABS || v == 0)
+      continue;
+    // The value of a common symbol is its alignment; only a large one can
+    // be an address.
+    if (sym[i].st_shndx == SHN_COMMON && v <= 0x10000)
+      continue;
+    check_for_text_and_update(&v);
+    sym[i].st_value = v;
+  }
+}
+
+// Number of whole entries in the input GOT.
+template <class C> size_t input_got_entries() {
+  return bin.got_buf ? size_t(bin.got_count) * 4 / C::word_size : 0;
+}
+
+template <class C> uint32_t got_index_by_gpoffset_t(int32_t off) {
+  int64_t byte = int64_t(off) + int64_t(bin.gp_value) - int64_t(bin.pltgot);
+  if (byte < 0 || uint64_t(byte) / C::word_size >= input_got_entries<C>())
+    error("gp offset %d does not designate an entry of .got", off);
+  return uint32_t(uint64_t(byte) / C::word_size);
+}
+
+template <class C> uint64_t got_content_by_gpoffset_t(int32_t off) {
+  return address_word<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off));
+}
+
+template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index) {
+  size_t n = input_got_entries<C>();
+  // An entry that the GOT update re-pointed no longer holds its input value
+  // at run time, so it cannot serve as a page.
+  Elf_Data *out = find_section_data_by_name(bin.out_elf, ".got");
+  const uint8_t *out_got = out && out->d_buf ? static_cast<const uint8_t *>(out->d_buf) : nullptr;
+  size_t out_n = out_got ? out->d_size / C::word_size : 0;
+  for (size_t i = 1; i < bin.local_gotno && i < n; ++i) {
+    uint64_t entry = address_word<C>(bin.got_buf, i);
+    if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
+      continue;
+    int32_t diff = int32_t(uint32_t(addr) - uint32_t(entry));
+    if (diff >= -32768 && diff <= 32767) {
+      *index = uint32_t(i);
+      return diff;
+    }
+  }
+  error("cannot find appropriate got entry for %#llx", (unsigned long long)addr);
+}
+
+// The new low offset of a page/offset pair that formed old_addr from the
+// page entry got_index; *index receives the page entry to use from now on.
+template <class C>
+int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32_t *index) {
+  uint64_t new_addr = old_addr;
+  map_text_address(old_addr, &new_addr); // an address outside .text stays
+  int32_t new_low = int32_t(uint32_t(low) + uint32_t(new_addr) - uint32_t(old_addr));
+  *index = got_index;
+  if (new_low < -32768 || new_low > 32767)
+    new_low = find_local_got_entry_for_addr_t<C>(new_addr, index);
+  return new_low;
+}
+
+template <class C> uint32_t gp_offset_of_got_index(uint32_t index) {
+  return index * C::word_size + bin.pltgot - bin.gp_value;
+}
+
+inline void patch_low_half(uint64_t new_pc, uint32_t value) {
+  uint8_t *w = new_text_word(new_pc);
+  if (w == nullptr)
+    error("instruction at %#llx lies outside the new .text", (unsigned long long)new_pc);
+  store16(w + 2, uint16_t(value));
+}
+
+template <class C>
+int32_t update_got_page_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr) {
+  uint32_t index;
+  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index);
+  patch_low_half(new_pc, gp_offset_of_got_index<C>(index));
+  return new_low;
+}
+
+template <class C>
+int32_t update_got_offset_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr) {
+  uint32_t index;
+  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index);
+  patch_low_half(new_pc, uint32_t(new_low));
+  return int32_t(gp_offset_of_got_index<C>(index));
+}
+
+} // namespace vesk

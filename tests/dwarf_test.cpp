@@ -1,0 +1,597 @@
+// Procedure discovery from DWARF: cross-compiled programs of the three ABIs,
+// the bench, damaged sections, and hand-made DWARF for what compilers do not
+// write.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <dwarf.h>
+#include <fcntl.h>
+#include <gelf.h>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "support/bench.h"
+#include "support/run.h"
+#include "support/synth_elf.h"
+#include "vesk/bin.h"
+#include "vesk/options.h"
+#include "vesk/proc.h"
+#include "vesk/reader.h"
+
+using namespace vesk;
+using namespace vesk::test;
+
+namespace {
+
+struct Rec {
+  std::string name; // "<null>" for a nameless record
+  std::string file;
+  uint64_t addr;
+  uint32_t size;
+  bool operator==(const Rec &) const = default;
+};
+
+void PrintTo(const Rec &r, std::ostream *os) {
+  *os << "{" << r.name << ", " << r.file << ", 0x" << std::hex << r.addr << ", " << std::dec << r.size << "}";
+}
+
+// Reads the program as the run does and returns its procedure table.
+std::vector<Rec> discover(const std::string &path, int debug = 0) {
+  reset_proc_table();
+  option = Options{};
+  option.program = path.c_str();
+  option.debug = debug;
+  bin = Bin{};
+  read_orig_binary();
+  std::vector<Rec> out;
+  for (int i = 0; i < get_n_procs(); ++i) {
+    const Proc *p = get_proc_by_index(i);
+    out.push_back({p->name ? p->name : "<null>", p->file_name ? p->file_name : "<null>", p->old_addr, p->size});
+  }
+  elf_end(bin.in_elf);
+  close(bin.in_fd);
+  if (bin.is_elf32) { // the widened header is the reader's own copy
+    std::free(in_ehdr);
+    in_ehdr = nullptr;
+  }
+  reset_proc_table();
+  option = Options{};
+  return out;
+}
+
+struct Sym {
+  std::string name;
+  uint64_t addr, size;
+};
+
+// The sized function symbols of .text (of every section with all_sections).
+std::vector<Sym> functions(const std::string &path, bool all_sections = false) {
+  elf_version(EV_CURRENT);
+  int fd = open(path.c_str(), O_RDONLY);
+  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
+  size_t shstrndx = 0, text = 0;
+  elf_getshdrstrndx(e, &shstrndx);
+  Elf_Scn *symtab = nullptr;
+  GElf_Shdr sh;
+  for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
+    gelf_getshdr(scn, &sh);
+    if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == ".text")
+      text = elf_ndxscn(scn);
+    if (sh.sh_type == SHT_SYMTAB)
+      symtab = scn;
+  }
+  std::vector<Sym> out;
+  gelf_getshdr(symtab, &sh);
+  Elf_Data *d = elf_getdata(symtab, nullptr);
+  for (size_t i = 0; i < sh.sh_size / sh.sh_entsize; ++i) {
+    GElf_Sym s;
+    gelf_getsym(d, int(i), &s);
+    if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_size > 0 &&
+        (all_sections ? s.st_shndx != SHN_UNDEF : s.st_shndx == text))
+      out.push_back({elf_strptr(e, sh.sh_link, s.st_name), s.st_value, s.st_size});
+  }
+  elf_end(e);
+  close(fd);
+  return out;
+}
+
+const char *kMainSource = R"(#include <stdio.h>
+int global_b(int);
+static int sq(int x) { return x * x; }
+static int __attribute__((noinline)) twice(int x) { return x + x + sq(x); }
+int fact(int n) { return n <= 1 ? 1 : n * fact(n - 1); }
+int outer1(int x) {
+  int __attribute__((noinline)) nested1(int y) { return y * x + 1; }
+  return nested1(x) + 2;
+}
+int outer2(int x) {
+  int __attribute__((noinline)) nested2(int y) { return y - x; }
+  return nested2(x * 3);
+}
+int main(int argc, char **argv) {
+  (void)argv;
+  printf("%d\n", fact(argc + 3) + twice(argc) + global_b(argc) + outer1(argc) + outer2(argc));
+  return 0;
+}
+)";
+
+const char *kOtherSource = R"(static int counter;
+static int __attribute__((noinline)) bump(int x) { counter += x; return counter; }
+int global_b(int x) { return bump(x) + bump(x * 2); }
+)";
+
+struct Variant {
+  const char *label;
+  std::vector<std::string> cc;
+  const char *pie;
+};
+void PrintTo(const Variant &v, std::ostream *os) { *os << v.label; }
+
+const Variant kVariants[] = {
+    {"o32_pie", {"mips-linux-gnu-gcc"}, "-pie"},
+    {"o32_nopie", {"mips-linux-gnu-gcc"}, "-no-pie"},
+    {"n32_pie", {"mips64-linux-gnuabi64-gcc", "-mabi=n32"}, "-pie"},
+    {"n32_nopie", {"mips64-linux-gnuabi64-gcc", "-mabi=n32"}, "-no-pie"},
+    {"n64_pie", {"mips64-linux-gnuabi64-gcc"}, "-pie"},
+    {"n64_nopie", {"mips64-linux-gnuabi64-gcc"}, "-no-pie"},
+};
+
+// Test programs are made once per test process, in places that go when the
+// tests are done.
+struct Programs : ::testing::Environment {
+  static inline std::string dir;
+  static inline std::vector<std::string> images; // hand-made executables
+  void TearDown() override {
+    if (!dir.empty())
+      run_command({"rm", "-rf", dir});
+    for (const std::string &p : images)
+      unlink(p.c_str());
+  }
+  // main.c is named by its full path, other.c relative to the compiler's
+  // directory: both unit names must come down to their base names.
+  static std::string build(const Variant &v) {
+    if (dir.empty()) {
+      dir = temp_path("dwarf-src");
+      EXPECT_EQ(run_command({"mkdir", "-p", dir}).status, 0);
+      write_file(dir + "/main.c", kMainSource);
+      write_file(dir + "/other.c", kOtherSource);
+    }
+    std::string out = dir + "/" + v.label;
+    if (access(out.c_str(), F_OK) != 0) {
+      std::vector<std::string> argv = v.cc;
+      argv.insert(argv.end(), {"-g", "-O2", "-Wl,-q", v.pie, "-o", out, dir + "/main.c", "other.c"});
+      RunResult r = run_command(argv, dir);
+      EXPECT_EQ(r.status, 0) << r.err;
+    }
+    return out;
+  }
+};
+const auto *programs_env = ::testing::AddGlobalTestEnvironment(new Programs);
+
+using RealProgram = ::testing::TestWithParam<Variant>;
+
+// The symbol behind every record, in the order the records are made: the
+// unit of main.c first, its top-level entries before the nested ones (the
+// abstract outer2 precedes outer1, so nested1 comes first), then other.c.
+// Out-of-line copies of functions that were also inlined carry their name
+// only in the abstract entry, so their records have none.
+struct Expected {
+  const char *symbol, *name, *file;
+};
+const Expected kExpected[] = {
+    {"main", "main", "main.c"},         {"twice", "twice", "main.c"},          {"fact", "<null>", "main.c"},
+    {"outer1", "<null>", "main.c"},     {"outer2", "<null>", "main.c"},        {"nested1.0", "nested1", "main.c"},
+    {"nested2.1", "nested2", "main.c"}, {"global_b", "global_b", "other.c"}, {"bump", "bump", "other.c"},
+};
+
+} // namespace
+
+TEST_P(RealProgram, OneRecordPerSubprogramWithCode) {
+  std::string path = Programs::build(GetParam());
+  std::map<std::string, Sym> syms;
+  for (const Sym &s : functions(path))
+    syms[s.name] = s;
+  // Nothing else in .text has a size: the start files bring no DWARF.
+  ASSERT_EQ(syms.size(), std::size(kExpected));
+  std::vector<Rec> want;
+  std::string want_dump;
+  for (const Expected &e : kExpected) {
+    ASSERT_TRUE(syms.count(e.symbol)) << e.symbol;
+    const Sym &s = syms[e.symbol];
+    want.push_back({e.name, e.file, s.addr, uint32_t(s.size)});
+    if (e.symbol == std::string("main"))
+      want_dump += "<Debug> File:  " + Programs::dir + "/main.c\n";
+    if (e.symbol == std::string("global_b"))
+      want_dump += "<Debug> File:  other.c\n";
+    char line[200];
+    std::snprintf(line, sizeof line, "<Debug>   Subprogram: %s(%#llx-%#llx)\n",
+                  e.name == std::string("<null>") ? "Function Name Unavailable" : e.name,
+                  (unsigned long long)s.addr, (unsigned long long)(s.addr + s.size));
+    want_dump += line;
+  }
+  // Declarations (printf, global_b in main.c) and the abstract entries of
+  // inlined functions pass without a word; without -debug nothing is dumped.
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(discover(path), want);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(discover(path, 1), want);
+  std::string out = testing::internal::GetCapturedStdout();
+  size_t at = out.find("<Debug> File:"); // behind the reader's own lines
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_EQ(out.substr(at), want_dump);
+}
+
+INSTANTIATE_TEST_SUITE_P(Abis, RealProgram, ::testing::ValuesIn(kVariants),
+                         [](const auto &info) { return std::string(info.param.label); });
+
+TEST(DwarfCorruption, DamagedSectionsStopCleanly) {
+  for (const Variant &v : {kVariants[0], kVariants[5]}) {
+    std::string path = Programs::build(v);
+    std::string file = read_file(path);
+    elf_version(EV_CURRENT);
+    int fd = open(path.c_str(), O_RDONLY);
+    Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
+    size_t shstrndx = 0;
+    elf_getshdrstrndx(e, &shstrndx);
+    GElf_Ehdr eh;
+    gelf_getehdr(e, &eh);
+    bool is64 = gelf_getclass(e) == ELFCLASS64;
+    GElf_Shdr info{}, abbrev{};
+    uint64_t info_header = 0;
+    for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
+      GElf_Shdr sh;
+      gelf_getshdr(scn, &sh);
+      std::string name = elf_strptr(e, shstrndx, sh.sh_name);
+      if (name == ".debug_info") {
+        info = sh;
+        info_header = eh.e_shoff + elf_ndxscn(scn) * eh.e_shentsize;
+      }
+      if (name == ".debug_abbrev")
+        abbrev = sh;
+    }
+    elf_end(e);
+    close(fd);
+    ASSERT_TRUE(info.sh_size > 100 && abbrev.sh_size > 0);
+
+    // .debug_info cut short in its first unit (sh_size lies at byte 20 or
+    // 32 of the section header).
+    std::string cut = file;
+    for (int i = 0, n = is64 ? 8 : 4; i < n; ++i)
+      cut[info_header + (is64 ? 32 : 20) + i] = char((info.sh_size / 3) >> (8 * (n - 1 - i)));
+    write_file(path + ".cut", cut);
+    EXPECT_EXIT(discover(path + ".cut"), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
+
+    // Abbreviations that are garbage.
+    std::string junk = file;
+    for (uint64_t i = 0; i < abbrev.sh_size; ++i)
+      junk[abbrev.sh_offset + i] = char(0xff - (i % 7));
+    write_file(path + ".junk", junk);
+    EXPECT_EXIT(discover(path + ".junk"), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
+
+    // Scattered damage in the entries: the walk either finishes or stops
+    // with one of the tool's fatal messages (which end the run at once, so
+    // no crash can hide behind them); a crash or sanitizer report fails.
+    std::mt19937 rng(1234);
+    for (int round = 0; round < 12; ++round) {
+      std::string hit = file;
+      for (int k = 0; k < 4; ++k)
+        hit[info.sh_offset + 11 + rng() % (info.sh_size - 11)] = char(rng());
+      std::string p = path + ".hit" + std::to_string(round);
+      write_file(p, hit);
+      EXPECT_EXIT(
+          {
+            discover(p);
+            std::fputs("walked\n", stderr);
+            std::_Exit(0);
+          },
+          [](int st) { return WIFEXITED(st) && WEXITSTATUS(st) <= 1; }, "(^|\n)((Dwarf )?Error: |walked\n)")
+          << p;
+    }
+  }
+}
+
+namespace {
+
+// Which source file of a bench program defines each function: every source
+// compiled on its own, its symbols read.
+std::map<std::string, std::string> defining_files(const std::string &program) {
+  std::map<std::string, std::string> owner;
+  std::string src = std::string(VESK_SOURCE_DIR) + "/tests/programs/" + program;
+  std::string work = temp_path("owners");
+  run_command({"mkdir", "-p", work});
+  std::string files = run_command({"sh", "-c", "ls *.c"}, src).out;
+  for (size_t pos = 0, nl; (nl = files.find('\n', pos)) != std::string::npos; pos = nl + 1) {
+    std::string file = files.substr(pos, nl - pos), obj = work + "/" + file + ".o";
+    RunResult r = run_command({"mips-linux-gnu-gcc", "-O2", "-c", "-o", obj, file}, src);
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (const Sym &s : functions(obj, true))
+      owner[s.name] = file;
+  }
+  run_command({"rm", "-rf", work});
+  return owner;
+}
+
+} // namespace
+
+TEST(DwarfBench, EveryExecutableListsExactlyItsOwnFunctions) {
+  VESK_REQUIRE_BENCH();
+  // Functions that were also inlined: their out-of-line copy names only its
+  // abstract entry, so its record has no name.
+  const std::map<std::string, std::set<std::string>> nameless = {
+      {"calc", {"fib", "power"}}, {"shapes", {"isqrt_l"}}, {"textstats", {}}};
+  std::map<std::string, std::map<std::string, std::string>> owners;
+  int checked = 0;
+  for (const BenchExe &e : bench_executables()) {
+    if (e.debug != "dwarf")
+      continue;
+    ++checked;
+    if (!owners.count(e.program))
+      owners[e.program] = defining_files(e.program);
+    const auto &owner = owners[e.program];
+    std::map<uint64_t, Sym> by_addr;
+    for (const Sym &s : functions(e.path))
+      by_addr[s.addr] = s;
+
+    testing::internal::CaptureStderr();
+    std::vector<Rec> recs = discover(e.path);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << e.name;
+    // One record for every sized function of .text, each from the
+    // program's own sources: the start files and libc objects linked in
+    // carry no DWARF.
+    EXPECT_EQ(recs.size(), by_addr.size()) << e.name;
+    std::set<uint64_t> seen;
+    for (const Rec &r : recs) {
+      auto it = by_addr.find(r.addr);
+      ASSERT_NE(it, by_addr.end()) << e.name << " " << r.name;
+      const Sym &s = it->second;
+      EXPECT_TRUE(seen.insert(r.addr).second) << e.name << " " << s.name;
+      EXPECT_EQ(r.size, s.size) << e.name << " " << s.name;
+      ASSERT_TRUE(owner.count(s.name)) << e.name << " " << s.name << " is not from the program's sources";
+      EXPECT_EQ(r.file, owner.at(s.name)) << e.name << " " << s.name;
+      EXPECT_EQ(r.name, nameless.at(e.program).count(s.name) ? "<null>" : s.name) << e.name;
+    }
+  }
+  EXPECT_EQ(checked, 36); // 3 programs, 3 ABIs x 3 code models, o32 also without explicit relocs
+}
+
+// ---------------------------------------------------------------------------
+// Hand-made DWARF 4 with 4-byte addresses, written entry by entry.
+
+namespace {
+
+struct Attr {
+  uint16_t at, form;
+  std::vector<uint8_t> value;
+};
+
+void uleb(std::vector<uint8_t> &v, uint64_t x) {
+  do {
+    v.push_back(uint8_t((x & 0x7f) | (x >> 7 ? 0x80 : 0)));
+    x >>= 7;
+  } while (x);
+}
+Attr str(uint16_t at, const std::string &s) {
+  std::vector<uint8_t> v(s.begin(), s.end());
+  v.push_back(0);
+  return {at, DW_FORM_string, v};
+}
+Attr name(const std::string &s) { return str(DW_AT_name, s); }
+Attr word(uint16_t at, uint16_t form, uint32_t x) {
+  std::vector<uint8_t> v;
+  put32(v, x);
+  return {at, form, v};
+}
+Attr low(uint32_t a) { return word(DW_AT_low_pc, DW_FORM_addr, a); }
+Attr high_offset(uint32_t n) { return word(DW_AT_high_pc, DW_FORM_data4, n); }
+Attr ref(uint16_t at, uint32_t unit_offset) { return word(at, DW_FORM_ref4, unit_offset); }
+Attr flag(uint16_t at) { return {at, DW_FORM_flag_present, {}}; }
+Attr data1(uint16_t at, uint8_t x) { return {at, DW_FORM_data1, {x}}; }
+
+constexpr uint32_t kFirstEntry = 11; // behind the unit header
+
+struct Dwarf {
+  std::vector<uint8_t> abbrev, info;
+  std::map<std::vector<uint8_t>, uint32_t> codes; // one abbreviation per shape
+  size_t unit_start = 0;
+
+  // Writes an entry; returns its offset.  One with children is followed by
+  // them and then end().
+  uint32_t entry(uint16_t tag, const std::vector<Attr> &attrs, bool children = false) {
+    std::vector<uint8_t> shape;
+    uleb(shape, tag);
+    shape.push_back(children ? DW_CHILDREN_yes : DW_CHILDREN_no);
+    for (const Attr &a : attrs) {
+      uleb(shape, a.at);
+      uleb(shape, a.form);
+    }
+    shape.insert(shape.end(), {0, 0});
+    auto [it, added] = codes.emplace(shape, uint32_t(codes.size() + 1));
+    if (added) {
+      uleb(abbrev, it->second);
+      abbrev.insert(abbrev.end(), shape.begin(), shape.end());
+    }
+    uint32_t at = uint32_t(info.size());
+    uleb(info, it->second);
+    for (const Attr &a : attrs)
+      info.insert(info.end(), a.value.begin(), a.value.end());
+    return at;
+  }
+  uint32_t sub(const std::string &n, uint32_t lo, uint32_t size) {
+    return entry(DW_TAG_subprogram, {name(n), low(lo), high_offset(size)});
+  }
+  void end() { info.push_back(0); }
+  void unit(const std::string &n) {
+    unit_start = info.size();
+    info.insert(info.end(), {0, 0, 0, 0, 0, 4, 0, 0, 0, 0, 4}); // length, version 4, abbrevs at 0, address size
+    if (n.empty())
+      entry(DW_TAG_compile_unit, {}, true);
+    else
+      entry(DW_TAG_compile_unit, {name(n)}, true);
+  }
+  void end_unit() {
+    end();
+    uint32_t len = uint32_t(info.size() - unit_start - 4);
+    for (int i = 0; i < 4; ++i)
+      info[unit_start + i] = uint8_t(len >> (24 - 8 * i));
+  }
+  // A 32-bit executable with this DWARF and a .text at 0x400000.
+  std::string write() {
+    abbrev.push_back(0);
+    SynthElf e;
+    e.add(text_section(0x400000, std::vector<uint32_t>(1024, 0)));
+    for (auto [n, d] : {std::pair{".debug_abbrev", &abbrev}, std::pair{".debug_info", &info}}) {
+      SynthSection s;
+      s.name = n;
+      s.data = *d;
+      s.align = 1;
+      e.add(s);
+    }
+    Programs::images.push_back(e.write(temp_path("dwarf")));
+    return Programs::images.back();
+  }
+};
+
+} // namespace
+
+TEST(HandMadeDwarf, EntryShapesOrderAndMessages) {
+  Dwarf d;
+  d.unit("/src/dir/first.c");
+  d.entry(DW_TAG_subprogram, {name("old_style"), low(0x400000), word(DW_AT_high_pc, DW_FORM_addr, 0x400010)});
+  d.sub("offset_style", 0x400010, 0x20);
+  d.entry(DW_TAG_subprogram, {name("declared"), flag(DW_AT_declaration)});
+  uint32_t lonely = d.entry(DW_TAG_subprogram, {name("lonely")});
+  d.entry(DW_TAG_subprogram, {low(0x400030), high_offset(16)});
+  d.entry(DW_TAG_subprogram, {name("inlined"), data1(DW_AT_inline, DW_INL_inlined)});
+  uint32_t declared_inline = d.entry(DW_TAG_subprogram, {name("declared_inline"), data1(DW_AT_inline, 3)});
+  d.entry(DW_TAG_subprogram, {ref(DW_AT_abstract_origin, kFirstEntry)});
+  d.entry(DW_TAG_subprogram, {low(0x400040), high_offset(8), str(0x2009, "sgi_abstract")});
+  d.entry(DW_TAG_subprogram, {low(0x400048), high_offset(8), ref(DW_AT_abstract_origin, kFirstEntry)});
+  d.entry(DW_TAG_namespace, {name("ns")}, true);
+  d.sub("in_ns", 0x400050, 4);
+  d.end();
+  d.entry(DW_TAG_structure_type, {name("cls")}, true);
+  d.sub("method", 0x400054, 12);
+  d.end();
+  d.end_unit();
+  d.unit(""); // a unit without a name
+  d.sub("anonymous_unit", 0x400060, 4);
+  d.end_unit();
+  std::string path = d.write();
+
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  std::vector<Rec> got = discover(path, 1);
+  std::string err = testing::internal::GetCapturedStderr();
+  std::string out = testing::internal::GetCapturedStdout();
+
+  // Later siblings before children: those of cls before those of ns.
+  std::vector<Rec> want = {
+      {"old_style", "first.c", 0x400000, 16}, {"offset_style", "first.c", 0x400010, 0x20},
+      {"<null>", "first.c", 0x400030, 16},     {"<null>", "first.c", 0x400040, 8},
+      {"<null>", "first.c", 0x400048, 8},      {"method", "first.c", 0x400054, 12},
+      {"in_ns", "first.c", 0x400050, 4},       {"anonymous_unit", "<null>", 0x400060, 4},
+  };
+  EXPECT_EQ(got, want);
+  // Only an entry that has neither code, nor an abstract origin, nor an
+  // abstract name, nor DW_INL_inlined is reported.
+  char want_err[300];
+  std::snprintf(want_err, sizeof want_err,
+                "Warning: Subprogram lonely at dwarf section offset 0x%x (%u)is ignored\n.\n"
+                "Warning: Subprogram declared_inline at dwarf section offset 0x%x (%u)is ignored\n.\n",
+                lonely, lonely, declared_inline, declared_inline);
+  EXPECT_EQ(err, want_err);
+  size_t at = out.find("<Debug> File:");
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_EQ(out.substr(at), "<Debug> File:  /src/dir/first.c\n"
+                            "<Debug>   Subprogram: old_style(0x400000-0x400010)\n"
+                            "<Debug>   Subprogram: offset_style(0x400010-0x400030)\n"
+                            "<Debug>   Subprogram: Function Name Unavailable(0x400030-0x400040)\n"
+                            "<Debug>   Subprogram: abstract name: sgi_abstract\n(0x400040-0x400048)\n"
+                            "<Debug>   Subprogram: Function Name Unavailable(0x400048-0x400050)\n"
+                            "<Debug>   Subprogram: method(0x400054-0x400060)\n"
+                            "<Debug>   Subprogram: in_ns(0x400050-0x400054)\n"
+                            "<Debug> File:  \n"
+                            "<Debug>   Subprogram: anonymous_unit(0x400060-0x400064)\n");
+}
+
+TEST(HandMadeDwarf, FatalShapes) {
+  Dwarf half;
+  half.unit("a.c");
+  half.entry(DW_TAG_subprogram, {name("half"), word(DW_AT_high_pc, DW_FORM_addr, 0x400010)});
+  half.end_unit();
+  std::string half_path = half.write(); // here, not in the dying child
+  EXPECT_EXIT(discover(half_path), ::testing::ExitedWithCode(1), "^Error: Have highpc but no lowpc on half\n\\.\n$");
+
+  Dwarf bad;
+  bad.unit("a.c");
+  bad.entry(DW_TAG_subprogram, {name("bad"), low(0x400000), str(DW_AT_high_pc, "x")});
+  bad.end_unit();
+  std::string bad_path = bad.write();
+  EXPECT_EXIT(discover(bad_path), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]* dwarf_highpc in bad\n$");
+
+  // A sibling link into the entry's own children: the child would be
+  // reached twice (and with such links nested, exponentially often).
+  Dwarf inward;
+  inward.unit("");
+  uint32_t parent = uint32_t(inward.info.size());
+  uint32_t child = parent + 1 + 2 + 4 + 4 + 4; // code, "p", low, high, sibling
+  inward.entry(DW_TAG_subprogram, {name("p"), low(0x400000), high_offset(4), ref(DW_AT_sibling, child)}, true);
+  ASSERT_EQ(inward.sub("c", 0x400000, 4), child);
+  inward.end();
+  inward.end_unit();
+  std::string inward_path = inward.write();
+  EXPECT_EXIT(discover(inward_path), ::testing::ExitedWithCode(1),
+              "^Error: [^\n]*: the DWARF entry at offset 0x1b is reached twice; the entry tree is damaged\\.\n$");
+
+  Dwarf empty; // libdwarf refuses an empty .debug_info
+  std::string empty_path = empty.write();
+  EXPECT_EXIT(discover(empty_path), ::testing::ExitedWithCode(1), "^Error: com/dwarf:405 ASSERT\\(i != DW_DLV_ERROR\\)\\.\n$");
+}
+
+namespace {
+
+// A unit with a long chain of concrete copies (each leaving an inline note)
+// and a unit nested `depth` levels deep with a subprogram at the bottom.
+std::string chain_and_depth(int chain, int depth) {
+  Dwarf d;
+  d.unit("chain.c");
+  for (int i = 0; i < chain; ++i)
+    d.entry(DW_TAG_subprogram, {low(0x400000 + 4 * (i % 1024)), high_offset(4), ref(DW_AT_abstract_origin, kFirstEntry)});
+  d.end_unit();
+  d.unit("deep.c");
+  for (int i = 1; i < depth; ++i)
+    d.entry(DW_TAG_lexical_block, {}, true);
+  d.sub("bottom", 0x400100, 8);
+  for (int i = 1; i < depth; ++i)
+    d.end();
+  d.end_unit();
+  return d.write();
+}
+
+} // namespace
+
+TEST(HandMadeDwarf, LongChainsAndDeepNestingWithoutRecursion) {
+  constexpr int kChain = 30000;
+  constexpr int kDepth = 2048; // the deepest nesting accepted
+  std::string path = chain_and_depth(kChain, kDepth);
+  auto t0 = std::chrono::steady_clock::now();
+  std::vector<Rec> got = discover(path);
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 20.0);
+  ASSERT_EQ(got.size(), size_t(kChain) + 1);
+  EXPECT_EQ(got[0], (Rec{"<null>", "chain.c", 0x400000, 4}));
+  EXPECT_EQ(got[kChain - 1], (Rec{"<null>", "chain.c", 0x400000 + 4 * ((kChain - 1) % 1024), 4}));
+  EXPECT_EQ(got[kChain], (Rec{"bottom", "deep.c", 0x400100, 8}));
+
+  path = chain_and_depth(1, kDepth + 1);
+  EXPECT_EXIT(discover(path), ::testing::ExitedWithCode(1),
+              "^Error: [^\n]*: the DWARF entry at offset 0x[0-9a-f]+ is nested more than 2048 levels deep\\.\n$");
+}

@@ -1,0 +1,137 @@
+// Whole runs of the tool on real executables: where the output goes, when
+// it is refused, and what a completed run leaves behind.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/bench.h"
+#include "support/child.h"
+#include "support/scratch.h"
+#include "vesk/driver.h"
+#include "vesk/options.h"
+
+using namespace vesk::test;
+
+namespace {
+
+const char *const empty_feedback = "$magic 1\n$version 2\n$start\n";
+
+// A bench executable copied into dir as "prog", with an empty feedback file
+// beside it.
+const BenchExe *prepare(const ScratchDir &dir, const char *abi, const char *debug, const char *model) {
+  const BenchExe *e = find_bench("calc", abi, debug, model);
+  if (e) {
+    dir.copy_in(e->path, "prog");
+    write_file(dir / "prog.fb", empty_feedback);
+  }
+  return e;
+}
+
+} // namespace
+
+// Until the planning and rewriting steps land, a completed run writes an
+// exact copy of its input; the copy must also still run.
+TEST(CompletedRun, ExitsZeroAndCopiesTheInputByteForByteWhileRewritingIsPending) {
+  VESK_REQUIRE_BENCH();
+  const char *const kinds[][3] = {
+      {"o32", "mdebug", "no-pie"}, {"n32", "dwarf", "pie"}, {"n64", "dwarf", "fno-pie"}};
+  for (const auto &k : kinds) {
+    ScratchDir dir("run");
+    const BenchExe *e = prepare(dir, k[0], k[1], k[2]);
+    ASSERT_NE(e, nullptr);
+    auto r = run_vesk({"prog"}, dir.path());
+    EXPECT_EQ(r.status, 0) << e->name << ": " << r.err;
+    std::string out = read_file(dir / "prog.vesk");
+    EXPECT_TRUE(out == read_file(e->path)) << e->name << ": output differs from input";
+    struct stat st;
+    ASSERT_EQ(stat((dir / "prog.vesk").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0755u);
+    auto run = run_bench(*e, dir / "prog.vesk");
+    EXPECT_EQ(run.status, 0) << e->name;
+    EXPECT_EQ(run.out, e->expected) << e->name;
+  }
+}
+
+TEST(CompletedRun, DefaultOutputGoesToTheCurrentDirectory) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir dir("run");
+  ASSERT_NE(prepare(dir, "o32", "dwarf", "pie"), nullptr);
+  ASSERT_EQ(mkdir((dir / "sub").c_str(), 0755), 0);
+  ASSERT_EQ(rename((dir / "prog").c_str(), (dir / "sub/prog").c_str()), 0);
+  // sub/prog reads prog.fb and writes prog.vesk here, not in sub.
+  auto r = run_vesk({"sub/prog"}, dir.path());
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(access((dir / "prog.vesk").c_str(), F_OK), 0);
+  EXPECT_NE(access((dir / "sub/prog.vesk").c_str(), F_OK), 0);
+  // -o names it.
+  r = run_vesk({"-o", "other", "sub/prog"}, dir.path());
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(read_file(dir / "other"), read_file(dir / "sub/prog"));
+}
+
+TEST(RunErrors, InputOrOutputThatCannotBeOpened) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir dir("run");
+  ASSERT_NE(prepare(dir, "n64", "dwarf", "pie"), nullptr);
+  auto r = run_vesk({"missing"}, dir.path());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: No such file or directory, cannot open missing.\n");
+
+  // The output is opened only after the input and the feedback were read.
+  r = run_vesk({"-o", "nodir/out", "prog"}, dir.path());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: No such file or directory, cannot open nodir/out.\n");
+  r = run_vesk({"-o", "nodir/out", "missing"}, dir.path());
+  EXPECT_EQ(r.err, "Error: No such file or directory, cannot open missing.\n") << "input not read first";
+}
+
+TEST(RunErrors, RefusesToWriteOverItsInput) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir dir("run");
+  const BenchExe *e = prepare(dir, "o32", "mdebug", "pie");
+  ASSERT_NE(e, nullptr);
+  ASSERT_EQ(symlink("prog", (dir / "soft").c_str()), 0);
+  ASSERT_EQ(link((dir / "prog").c_str(), (dir / "hard").c_str()), 0);
+  const std::string original = read_file(e->path);
+  for (const std::string &out : std::vector<std::string>{"prog", "./prog", "soft", "hard", dir / "prog"}) {
+    auto r = run_vesk({"-o", out, "prog"}, dir.path());
+    EXPECT_EQ(r.status, 1) << out;
+    EXPECT_EQ(r.err, "Error: output file " + out + " is the input file prog; name another output with -o.\n");
+    EXPECT_TRUE(read_file(dir / "prog") == original) << "input changed through " << out;
+  }
+  // The other way round: the input named through a link, the output the file.
+  auto r = run_vesk({"-o", "prog", "soft", "prog.fb"}, dir.path());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(read_file(dir / "prog") == original);
+}
+
+TEST(RunErrors, CopyThatCannotReadTheInput) {
+  ScratchDir dir("run");
+  write_file(dir / "in", "0123456789");
+  const std::string in = dir / "in", out = dir / "out";
+  auto copy = [&](int in_flags) {
+    return run_in_child([&] {
+      vesk::option.program = "prog";
+      int in_fd = open(in.c_str(), in_flags);
+      int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      vesk::bin_copy(in_fd, out_fd);
+    });
+  };
+  auto r = copy(O_RDONLY);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(read_file(out), "0123456789");
+  r = copy(O_WRONLY); // the read fails
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: Bad file descriptor, reading prog.\n");
+  r = run_in_child([] {
+    vesk::option.program = "prog";
+    int p[2];
+    if (pipe(p) != 0)
+      std::exit(9);
+    vesk::bin_copy(p[0], p[1]); // no size to take
+  });
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error: Illegal seek, reading prog.\n");
+}

@@ -1,0 +1,344 @@
+// Header, dynamic section, GOT, dynamic relocation and symbol updates on a
+// synthetic executable of each class, checked in the written file.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <gelf.h>
+#include <unistd.h>
+
+#include "com/elf.h"
+#include "com/update.h"
+#include "support/rewrite_harness.h"
+#include "support/run.h"
+#include "support/synth_elf.h"
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/elf_class.h"
+#include "vesk/options.h"
+
+using namespace vesk;
+using namespace vesk::test;
+
+namespace {
+
+// .init 0x3ffe00, .text 0x3fff00-0x400100 (it holds the 64 KB page address
+// 0x400000), .MIPS.stubs 0x400100, .data 0x410000, .got 0x410100.
+constexpr uint64_t INIT = 0x3ffe00, TEXT = 0x3fff00, TEXT_END = 0x400100, STUBS = 0x400100;
+constexpr uint64_t DATA = 0x410000, GOT = 0x410100;
+constexpr uint32_t LOCAL_GOTNO = 6;
+
+// The new address of every text word: the two halves of .text swap.
+uint64_t moved(uint64_t a) { return TEXT + (((a - TEXT) / 4 + 64) % 128) * 4 + (a & 3); }
+
+template <class Dyn> Dyn dyn(int64_t tag, uint64_t v) {
+  Dyn d{};
+  d.d_tag = decltype(d.d_tag)(tag);
+  d.d_un.d_val = decltype(d.d_un.d_val)(v);
+  return d;
+}
+
+template <class Sym> Sym sym(uint64_t value, uint16_t shndx) {
+  Sym s{};
+  s.st_value = decltype(s.st_value)(value);
+  s.st_shndx = shndx;
+  s.st_info = ELF32_ST_INFO(STB_GLOBAL, STT_FUNC);
+  return s;
+}
+
+SynthSection section(const char *name, uint32_t type, uint64_t flags, uint64_t addr, std::vector<uint8_t> data,
+                     Elf_Type dtype = ELF_T_BYTE) {
+  SynthSection s;
+  s.name = name;
+  s.type = type;
+  s.flags = flags;
+  s.addr = addr;
+  s.data = std::move(data);
+  s.dtype = dtype;
+  return s;
+}
+
+template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_flags) {
+  constexpr bool is64 = sizeof(typename C::Addr) == 8;
+  using Dyn = std::conditional_t<is64, Elf64_Dyn, Elf32_Dyn>;
+  using Sym = std::conditional_t<is64, Elf64_Sym, Elf32_Sym>;
+  using Rel = std::conditional_t<is64, Elf64_Rel, Elf32_Rel>;
+  auto word = [](std::vector<uint8_t> &v, uint64_t x) { is64 ? put64(v, x) : put32(v, uint32_t(x)); };
+
+  SynthElf img;
+  img.is64 = is64;
+  img.entry = entry;
+  img.add(section(".init", SHT_PROGBITS, SHF_ALLOC | SHF_EXECINSTR, INIT, std::vector<uint8_t>(0x20)));
+  img.add(text_section(TEXT, std::vector<uint32_t>(128, 0)));
+  img.add(section(".MIPS.stubs", SHT_PROGBITS, SHF_ALLOC | SHF_EXECINSTR, STUBS, std::vector<uint8_t>(0x20)));
+
+  std::vector<uint8_t> data;
+  for (uint64_t v : {TEXT + 8, STUBS, TEXT + 0x10})
+    word(data, v);
+  img.add(section(".data", SHT_PROGBITS, SHF_ALLOC | SHF_WRITE, DATA, data));
+
+  std::vector<uint8_t> got;
+  // reserved, module pointer, page in .text, first address, page, address,
+  // then global: in .text, in the stubs, exactly text_hi.
+  for (uint64_t v : {uint64_t(0), uint64_t(0x80000000), uint64_t(0x400000), TEXT + 4, uint64_t(0x410000),
+                     TEXT + 0x14, TEXT + 0x20, STUBS + 0x10, TEXT_END})
+    word(got, v);
+  img.add(section(".got", SHT_PROGBITS, SHF_ALLOC | SHF_WRITE | SHF_MIPS_GPREL, GOT, got));
+
+  std::vector<Dyn> d = {dyn<Dyn>(DT_INIT, INIT),
+                        dyn<Dyn>(DT_FINI, TEXT + 0x10),
+                        dyn<Dyn>(DT_MIPS_TIME_STAMP, 5),
+                        dyn<Dyn>(DT_MIPS_FLAGS, mips_flags),
+                        dyn<Dyn>(DT_PLTGOT, GOT),
+                        dyn<Dyn>(DT_MIPS_LOCAL_GOTNO, LOCAL_GOTNO),
+                        dyn<Dyn>(DT_NULL, 0),
+                        dyn<Dyn>(DT_FINI, TEXT + 0x10)}; // behind DT_NULL: not an entry
+  img.add(section(".dynamic", SHT_DYNAMIC, SHF_ALLOC | SHF_WRITE, 0x420000, records(d), ELF_T_DYN));
+
+  std::vector<Rel> rel(is64 ? 6 : 5);
+  auto info = [](uint32_t sym, uint32_t type, uint32_t type2) -> uint64_t {
+    return is64 ? (uint64_t(sym) << 32 | type2 << 8 | type) : (uint64_t(sym) << 8 | type);
+  };
+  rel[0] = {0, 0};
+  rel[1] = {decltype(rel[1].r_offset)(DATA), decltype(rel[1].r_info)(info(0, 3, 18))};
+  rel[2] = {decltype(rel[2].r_offset)(0x500000), decltype(rel[2].r_info)(info(0, 3, 18))};
+  rel[3] = {decltype(rel[3].r_offset)(DATA + (is64 ? 8 : 4)), decltype(rel[3].r_info)(info(0, 2, 0))};
+  // A GOT entry that the GOT update re-points anyway.
+  rel[4] = {decltype(rel[4].r_offset)(GOT + 5 * (is64 ? 8 : 4)), decltype(rel[4].r_info)(info(0, 3, 18))};
+  if (is64)
+    rel[5] = {decltype(rel[5].r_offset)(DATA + 8), decltype(rel[5].r_info)(info(0, 3, 1))};
+  img.add(section(".rel.dyn", SHT_REL, SHF_ALLOC, 0x430000, records(rel), ELF_T_REL));
+
+  std::vector<Sym> dynsym = {Sym{}, sym<Sym>(TEXT + 0x20, 2), sym<Sym>(STUBS, 3), sym<Sym>(0, SHN_UNDEF),
+                             sym<Sym>(TEXT + 0x24, 2)};
+  img.add(section(".dynsym", SHT_DYNSYM, SHF_ALLOC, 0x440000, records(dynsym), ELF_T_SYM));
+  std::vector<Sym> symtab = {Sym{},
+                             sym<Sym>(TEXT + 0x30, SHN_ABS),
+                             sym<Sym>(8, SHN_COMMON),
+                             sym<Sym>(TEXT + 0x30, SHN_COMMON),
+                             sym<Sym>(TEXT + 0x34, 2),
+                             sym<Sym>(0, 2)};
+  img.add(section(".symtab", SHT_SYMTAB, 0, 0, records(symtab), ELF_T_SYM));
+  for (auto &s : img.sections)
+    if (s.dtype != ELF_T_BYTE)
+      s.entsize = is64 ? (s.dtype == ELF_T_SYM ? 24 : 16) : (s.dtype == ELF_T_SYM ? 16 : 8);
+  return img.write(temp_path(is64 ? "upd64" : "upd32"));
+}
+
+// Loads the image and lays the text out with moved().
+void prepare(const std::string &in) {
+  load_input(in, temp_path("upd-out"));
+  begin_output();
+  for (uint32_t k = 0; k < bin.text_words; ++k)
+    bin.text_map[k] = moved(TEXT + 4 * k);
+  bin.gp_value = uint32_t(GOT + 0x7ff0);
+}
+
+void run_all_updates() {
+  update_elf_header();
+  update_dynamic();
+  update_got();
+  update_reldyn();
+  update_dynsym();
+  update_symtab();
+}
+
+// Reads back a written file with libelf.
+struct Written {
+  int fd;
+  Elf *e;
+  explicit Written(const std::string &path) {
+    fd = open(path.c_str(), O_RDONLY);
+    e = elf_begin(fd, ELF_C_READ, nullptr);
+  }
+  ~Written() {
+    elf_end(e);
+    close(fd);
+  }
+  Elf_Scn *scn(const char *name) {
+    size_t shstrndx;
+    elf_getshdrstrndx(e, &shstrndx);
+    for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
+      GElf_Shdr sh;
+      gelf_getshdr(s, &sh);
+      if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == name)
+        return s;
+    }
+    return nullptr;
+  }
+  Elf_Data *data(const char *name) { return elf_getdata(scn(name), nullptr); }
+  uint64_t word(const char *name, size_t i, bool is64) {
+    auto *p = static_cast<const uint8_t *>(data(name)->d_buf);
+    return is64 ? load64(p + 8 * i) : load32(p + 4 * i);
+  }
+};
+
+template <class C> void check_all_updates() {
+  constexpr bool is64 = sizeof(typename C::Addr) == 8;
+  std::string in = code_address_image<C>(TEXT + 0x40, 0x2);
+  prepare(in);
+  testing::internal::CaptureStderr();
+  run_all_updates();
+  std::string err = testing::internal::GetCapturedStderr();
+  std::string out = option.output;
+  finish_output();
+  EXPECT_EQ(err, is64 ? "Warning: ignoring incorrect R_MIPS_REL64.\n"
+                        "Warning: unknown elf rel type.\n"
+                        "Warning: unknown R_MIPS_REL.\n"
+                      : "Warning: ignoring incorrect R_MIPS_REL32.\n"
+                        "Warning: unknown elf rel type.\n");
+
+  Written w(out);
+  GElf_Ehdr eh;
+  gelf_getehdr(w.e, &eh);
+  EXPECT_EQ(eh.e_entry, moved(TEXT + 0x40));
+
+  Elf_Data *dd = w.data(".dynamic");
+  std::vector<GElf_Dyn> d(dd->d_size / gelf_fsize(w.e, ELF_T_DYN, 1, EV_CURRENT));
+  for (size_t i = 0; i < d.size(); ++i)
+    gelf_getdyn(dd, int(i), &d[i]);
+  EXPECT_EQ(d[0].d_un.d_val, INIT);               // in .init: stays
+  EXPECT_EQ(d[1].d_un.d_val, moved(TEXT + 0x10)); // in .text: follows
+  EXPECT_NE(d[2].d_un.d_val, 5u);                 // a new time stamp
+  {
+    // Outputs of two runs compare equal apart from the stamp.
+    GElf_Shdr dsh;
+    gelf_getshdr(w.scn(".dynamic"), &dsh);
+    size_t half = is64 ? 8 : 4, at = dsh.sh_offset + 2 * 2 * half + half;
+    std::vector<uint8_t> raw = file_bytes(out), masked = file_bytes_without_time_stamp(out);
+    ASSERT_EQ(raw.size(), masked.size());
+    for (size_t i = 0; i < raw.size(); ++i)
+      EXPECT_EQ(masked[i], i >= at && i < at + half ? 0 : raw[i]) << i;
+  }
+  EXPECT_EQ(d[3].d_un.d_val, 0x1002u);
+  EXPECT_EQ(bin.mips_flags, 0x2u);
+  EXPECT_EQ(d[7].d_un.d_val, TEXT + 0x10); // behind DT_NULL
+
+  std::vector<uint64_t> want_got = {0,        0x80000000,          0x400000,      moved(TEXT + 4), 0x410000,
+                                    moved(TEXT + 0x14), moved(TEXT + 0x20), STUBS + 0x10, TEXT_END};
+  for (size_t i = 0; i < want_got.size(); ++i)
+    EXPECT_EQ(w.word(".got", i, is64), want_got[i]) << "GOT entry " << i;
+
+  EXPECT_EQ(w.word(".data", 0, is64), moved(TEXT + 8)); // REL32 target
+  EXPECT_EQ(w.word(".data", 1, is64), STUBS);           // R_MIPS_32 or an odd REL: left
+  EXPECT_EQ(w.word(".data", 2, is64), TEXT + 0x10);     // no relocation
+
+  auto values = [&](const char *name) {
+    Elf_Data *sd = w.data(name);
+    std::vector<uint64_t> v;
+    for (int i = 0;; ++i) {
+      GElf_Sym s;
+      if (!gelf_getsym(sd, i, &s))
+        break;
+      v.push_back(s.st_value);
+    }
+    return v;
+  };
+  EXPECT_EQ(values(".dynsym"), (std::vector<uint64_t>{0, moved(TEXT + 0x20), STUBS, 0, moved(TEXT + 0x24)}));
+  EXPECT_EQ(values(".symtab"), (std::vector<uint64_t>{0, TEXT + 0x30, 8, moved(TEXT + 0x30), moved(TEXT + 0x34), 0}));
+
+  unlink(in.c_str());
+  unlink(out.c_str());
+}
+
+using CodeAddressUpdates = RewriteTest;
+using CodeAddressUpdatesDeathTest = RewriteTest;
+using GotPairHelpers = RewriteTest;
+using GotPairHelpersDeathTest = RewriteTest;
+
+} // namespace
+
+TEST_F(CodeAddressUpdates, ThirtyTwoBitImageFollowsTheMovedCode) { check_all_updates<Elf32Class>(); }
+TEST_F(CodeAddressUpdates, SixtyFourBitImageFollowsTheMovedCode) { check_all_updates<Elf64Class>(); }
+
+TEST_F(CodeAddressUpdates, AnAlreadyProcessedExecutableIsProcessedAgainWithAWarning) {
+  std::string in = code_address_image<Elf32Class>(INIT + 4, 0x1000);
+  prepare(in);
+  testing::internal::CaptureStderr();
+  update_elf_header(); // an entry in .init stays
+  update_dynamic();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: " + in + " is a vesked binary.\n");
+  EXPECT_EQ(bin.mips_flags, 0x1000u);
+  EXPECT_EQ(elf32_getehdr(bin.out_elf)->e_entry, INIT + 4);
+  finish_output();
+  unlink(in.c_str());
+  unlink(option.output);
+}
+
+TEST_F(CodeAddressUpdates, AnImageWithoutTheTablesPassesUnchangedAndSilently) {
+  for (bool is64 : {false, true}) {
+    SynthElf img;
+    img.is64 = is64;
+    img.entry = TEXT;
+    img.add(text_section(TEXT, {0x27bdffe0, 0x03e00008, 0}));
+    std::string in = img.write(temp_path("bare"));
+    load_input(in, temp_path("bare-out"));
+    begin_output();
+    lay_out_unchanged();
+    testing::internal::CaptureStderr();
+    run_all_updates();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    std::string out = option.output;
+    finish_output();
+    EXPECT_TRUE(file_bytes(out) == file_bytes(in));
+    unlink(in.c_str());
+    unlink(out.c_str());
+  }
+}
+
+TEST_F(CodeAddressUpdatesDeathTest, AnEntryPointOutsideTheCodeIsFatal) {
+  std::string in = code_address_image<Elf64Class>(DATA, 0);
+  prepare(in);
+  EXPECT_EXIT(update_elf_header(), testing::ExitedWithCode(1), "^Error: e_entry not in \\.text\\.\n$");
+  unlink(in.c_str());
+  unlink(option.output);
+}
+
+TEST_F(GotPairHelpers, PageAndOffsetFollowTheCodeAndReuseLocalEntries) {
+  for (bool is64 : {false, true}) {
+    SCOPED_TRACE(is64 ? "64-bit" : "32-bit");
+    std::string in = is64 ? code_address_image<Elf64Class>(TEXT, 0) : code_address_image<Elf32Class>(TEXT, 0);
+    prepare(in);
+    uint32_t size = is64 ? 8 : 4;
+    auto gpoff = [&](uint32_t index) { return int32_t(GOT + index * size - bin.gp_value); };
+    EXPECT_EQ(got_index_by_gpoffset(gpoff(3)), 3u);
+    EXPECT_EQ(got_content_by_gpoffset(gpoff(3)), TEXT + 4);
+
+    // Nearest local entry to a text address: the page 0x400000 (index 2),
+    // the first in index order within 32 KB.
+    uint32_t index = 0;
+    EXPECT_EQ(find_local_got_entry_for_addr(0x400010, &index), 0x10);
+    EXPECT_EQ(index, 2u);
+
+    // A pair forms TEXT + 0x20 from page 0x400000 (low -0xe0); the word
+    // moves by +0x100 and the page still reaches it: only the low changes.
+    bin.new_text[0] = 0xdf; // the instructions patched below: words 0 and 1
+    uint64_t old_addr = TEXT + 0x20, new_addr = moved(old_addr);
+    int32_t low = int32_t(old_addr - 0x400000);
+    int32_t new_low = update_got_page(TEXT, low, 2, old_addr);
+    EXPECT_EQ(new_low, int32_t(new_addr - 0x400000));
+    EXPECT_EQ(load16(bin.new_text + 2), uint16_t(gpoff(2)));
+    EXPECT_EQ(update_got_offset(TEXT + 4, low, 2, old_addr), gpoff(2));
+    EXPECT_EQ(load16(bin.new_text + 6), uint16_t(new_low));
+    EXPECT_EQ(bin.new_text[0], 0xdf); // opcode byte untouched
+
+    // With the output GOT re-pointed, entry 3 (TEXT + 4) no longer holds
+    // its input value and is passed over for a later, unchanged one.
+    update_got();
+    EXPECT_EQ(find_local_got_entry_for_addr(TEXT + 8, &index), int32_t(TEXT + 8 - 0x400000));
+    EXPECT_EQ(index, 2u);
+    finish_output();
+    unlink(in.c_str());
+    unlink(option.output);
+  }
+}
+
+TEST_F(GotPairHelpersDeathTest, NoEntryNearbyOrNoEntryAtAllIsFatal) {
+  std::string in = code_address_image<Elf32Class>(TEXT, 0);
+  prepare(in);
+  uint32_t index;
+  EXPECT_EXIT(find_local_got_entry_for_addr(0x7000000, &index), testing::ExitedWithCode(1),
+              "^Error: cannot find appropriate got entry for 0x7000000\\.\n$");
+  EXPECT_EXIT(got_content_by_gpoffset(0x7000), testing::ExitedWithCode(1), "^Error: gp offset 28672 .*\\.got");
+  unlink(in.c_str());
+  unlink(option.output);
+}
