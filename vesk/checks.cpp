@@ -1,14 +1,331 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// Checks of the procedure list against the code, before layout: coverage of
+// .text, and the ties that keep procedures adjacent when code leaves one
+// procedure for the next other than by a call or a return.
 #include "vesk/checks.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <unordered_map>
+#include <vector>
+
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/mips.h"
+#include "vesk/options.h"
+#include "vesk/text_words.h"
 
 namespace vesk {
 
 uint64_t libstub_lo;
 uint64_t libstub_hi;
-int put_proc_together(Proc *, Proc *) { return 0; }
-void verify_proc() {}
-void check_branch_out_of_procedure() {}
-void check_merged_procedure() {}
-void check_procedure_with_no_return() {}
+
+namespace {
+
+const char *name_of(const Proc *p) { return p->name ? p->name : "(null)"; }
+
+Proc *physically_next(const Proc *p) { return get_proc_by_addr(p->old_addr + p->size); }
+
+bool start_in_text(const Proc *p) { return text_index(p->old_addr).has_value(); }
+
+// Finding the end of a tied chain walks it, and a chain that grows from
+// its end towards its head (fall-through procedures met in reverse address
+// order) would be walked again at every step.  While a check runs, the
+// walks remember where they ended: a remembered end is a record further
+// down the same chain, which stays true as long as no tie inside the chain
+// is cut (ties only join chains; a move that cuts one forgets everything).
+struct ChainEnds {
+  bool active = false;
+  std::unordered_map<Proc *, Proc *> ends;
+  std::vector<Proc *> path;
+  // For the branch ties: how far the walk from a record goes through
+  // records already tied to the procedure that physically follows them
+  // (steps that change nothing).  Kept only while no two procedures
+  // overlap, so that the walk is a run of adjacent procedures by address.
+  bool contiguous_walks = false;
+  std::unordered_map<Proc *, Proc *> tied_runs;
+};
+ChainEnds chain_ends;
+
+struct ChainEndsScope {
+  ChainEndsScope() {
+    chain_ends.ends.clear();
+    chain_ends.active = true;
+  }
+  ~ChainEndsScope() {
+    chain_ends.active = false;
+    chain_ends.ends.clear();
+    chain_ends.tied_runs.clear();
+    chain_ends.contiguous_walks = false;
+  }
+};
+
+// Forgets what the walks learnt; a tie inside a chain is being cut.
+void forget_chains() {
+  chain_ends.ends.clear();
+  chain_ends.tied_runs.clear();
+}
+
+bool procedures_overlap() {
+  std::vector<const Proc *> v;
+  for (Proc *p = order_head; p != nullptr; p = p->next)
+    if (p->size != 0)
+      v.push_back(p);
+  std::sort(v.begin(), v.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
+  for (size_t i = 1; i < v.size(); ++i)
+    if (v[i]->old_addr < v[i - 1]->old_addr + v[i - 1]->size)
+      return true;
+  return false;
+}
+
+// Where the tie walk from cur towards `to` first has something to do:
+// passes records that are tied to their physical successor already (the
+// step from such a record changes nothing and prints nothing), stopping at
+// `to`.
+Proc *pass_tied_run(Proc *cur, const Proc *to) {
+  if (!chain_ends.contiguous_walks || option.debug)
+    return cur;
+  auto noop_step = [](const Proc *x) {
+    const Proc *n = x->next;
+    return x->tied == 1 && n != nullptr && n->size != 0 && n->old_addr == x->old_addr + x->size;
+  };
+  chain_ends.path.clear();
+  Proc *x = cur;
+  while (x != to) {
+    auto known = chain_ends.tied_runs.find(x);
+    Proc *y = nullptr;
+    // A remembered run may be taken unless `to` lies inside it.
+    if (known != chain_ends.tied_runs.end() &&
+        !(to->old_addr > x->old_addr && to->old_addr < known->second->old_addr))
+      y = known->second;
+    else if (noop_step(x))
+      y = x->next;
+    else
+      break;
+    chain_ends.path.push_back(x);
+    x = y;
+  }
+  for (Proc *v : chain_ends.path) {
+    auto &end = chain_ends.tied_runs[v];
+    if (end == nullptr || end->old_addr < x->old_addr)
+      end = x;
+  }
+  return x;
+}
+
+// The last member of b's chain (b, then each next while tied), printing
+// each tied member when asked to.
+Proc *walk_chain(Proc *b, bool print) {
+  if (!chain_ends.active || print) {
+    Proc *last = b;
+    while (last->tied == 1) {
+      if (print)
+        std::printf("\t%s comes together\n", name_of(last));
+      if (last->next == nullptr)
+        error("internal in put_proc_together");
+      last = last->next;
+    }
+    return last;
+  }
+  chain_ends.path.clear();
+  Proc *x = b;
+  while (x->tied == 1) {
+    chain_ends.path.push_back(x);
+    auto known = chain_ends.ends.find(x);
+    Proc *y = known != chain_ends.ends.end() ? known->second : x->next;
+    if (y == nullptr)
+      error("internal in put_proc_together");
+    x = y;
+  }
+  for (Proc *v : chain_ends.path)
+    chain_ends.ends[v] = x;
+  return x;
+}
+
+// The walks over the list visit every record once, in list order as the
+// ties change it, skipping the records already examined.  Everything in
+// front of the walk has been examined, and a tie moves a chain right
+// behind the record being examined: from behind it (nothing examined yet)
+// or from in front of it (all examined).  So an examined record met next
+// heads a whole chain of examined records, which is passed in one step.
+Proc *next_to_examine(Proc *p) {
+  Proc *q = p->next;
+  while (q != nullptr && q->placed == 1)
+    q = q->tied == 1 ? walk_chain(q, false)->next : q->next;
+  return q;
+}
+
+} // namespace
+
+int put_proc_together(Proc *a, Proc *b) {
+  if (physically_next(a) != b)
+    error("internal in put_proc_together");
+  if (a->next == b) {
+    a->tied = 1;
+    return 0;
+  }
+  // The chain that moves: b and everything tied behind it.  Overlapping
+  // procedures could make a the end of it, and moving the chain behind a
+  // would then close the list into a ring.
+  Proc *last = walk_chain(b, option.debug != 0);
+  if (last == a)
+    error("cannot tie %s behind %s: %s is tied behind %s already", name_of(b), name_of(a), name_of(a), name_of(b));
+  if (a->tied == 1)
+    error("%s already tied", name_of(a));
+  a->tied = 1;
+
+  // Unlink b..last.
+  if (b->prev != nullptr && b->prev->tied == 1)
+    forget_chains(); // cuts the chain in front of b
+  if (b->prev == nullptr) {
+    if (b != order_head)
+      error("internal proc_head");
+    order_head = last->next;
+  } else {
+    b->prev->next = last->next;
+  }
+  if (last->next != nullptr)
+    last->next->prev = b->prev;
+  // Insert it behind a.
+  last->next = a->next;
+  if (a->next != nullptr)
+    a->next->prev = last;
+  a->next = b;
+  b->prev = a;
+  return 1;
+}
+
+void verify_proc() {
+  libstub_lo = 0;
+  libstub_hi = 0;
+  std::vector<uint8_t> covered(bin.text_words, 0);
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    TextSpan span = text_span(p);
+    for (uint64_t i = span.first; i < span.end; ++i) {
+      if (covered[i])
+        std::printf("instruction %d at %#llx covered twice\n", int(i),
+                    (unsigned long long)(bin.text_lo + 4 * i));
+      covered[i] = 1;
+    }
+  }
+  warning("instruction count %ld\n", long(bin.text_words));
+
+  for (uint64_t i = 0; i < bin.text_words; ++i) {
+    if (covered[i])
+      continue;
+    if (libstub_lo == 0) {
+      libstub_lo = bin.text_lo + 4 * i;
+      if (option.debug)
+        std::printf("these instruction are likely lib stubs: [%d-", int(i));
+      uint64_t end = i;
+      while (end < bin.text_words && !covered[end])
+        ++end;
+      libstub_hi = bin.text_lo + 4 * end;
+      if (option.debug)
+        std::printf("%d] %#llx - %#llx\n", int(end - 1), (unsigned long long)libstub_lo,
+                    (unsigned long long)libstub_hi);
+      i = end - 1;
+      continue;
+    }
+    uint32_t w = word_at(bin.text_buf, i);
+    if (w != 0 && w != 0x00000021) // padding no-ops are expected between procedures
+      warning("instruction %d at %#llx not covered in debug section", int(i),
+              (unsigned long long)(bin.text_lo + 4 * i));
+  }
+}
+
+void check_branch_out_of_procedure() {
+  ChainEndsScope scope;
+  chain_ends.contiguous_walks = !procedures_overlap();
+  for (uint64_t i = 0; i < bin.text_words; ++i) {
+    uint32_t w = word_at(bin.text_buf, i);
+    if (!mips::ties_as_branch(w))
+      continue;
+    uint64_t a = bin.text_lo + 4 * i;
+    Proc *p = get_proc_by_addr(a);
+    if (p == nullptr)
+      error("cannot find procedure for branch target %#llx", (unsigned long long)a);
+    uint64_t t = mips::branch_target(a, w);
+    if (p->old_addr <= t && t < p->old_addr + p->size)
+      continue;
+    Proc *q = get_proc_by_addr(t);
+    if (q == nullptr) {
+      warning("branch target %#llx from %#llx not in any procedure", (unsigned long long)t, (unsigned long long)a);
+      continue;
+    }
+    bool forward = mips::simm16(w) > 0;
+    Proc *from = forward ? p : q;
+    Proc *to = forward ? q : p;
+    // Tie every procedure from `from` up to `to`, in address order.  Ends
+    // grow strictly along the way, so the walk ends.  Among overlapping
+    // procedures a lookup depends on the one before it, so there every
+    // step looks its successor up, even the last.
+    bool contiguous = chain_ends.contiguous_walks;
+    Proc *cur = pass_tied_run(from, to);
+    Proc *n = cur == to && contiguous ? nullptr : physically_next(cur);
+    while (cur != to) {
+      if (n == nullptr) {
+        warning("no procedure at %#llx behind %s: branch in %s[%#llx] ties nothing further",
+                (unsigned long long)(cur->old_addr + cur->size), name_of(cur), name_of(p), (unsigned long long)a);
+        break;
+      }
+      if (n->old_addr < cur->old_addr)
+        error("branch %s.addr > %s.addr", name_of(cur), name_of(n));
+      if (put_proc_together(cur, n) == 1 && option.verbose == 1)
+        note("%s and %s tied, branch in %s[%#llx]", name_of(cur), name_of(n), name_of(p), (unsigned long long)a);
+      cur = pass_tied_run(n, to);
+      n = cur == to && contiguous ? nullptr : physically_next(cur);
+    }
+  }
+}
+
+void check_merged_procedure() {
+  ChainEndsScope scope;
+  clear_proc_flag();
+  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
+    if (p->placed == 1)
+      continue;
+    p->placed = 1;
+    if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || !start_in_text(p))
+      continue;
+    if (p->size <= 7)
+      continue;
+    // The word before the last delay slot: a call there returns into the
+    // next procedure.
+    auto idx = text_index(p->old_addr + p->size - 8);
+    if (!idx)
+      continue;
+    uint32_t w = word_at(bin.text_buf, *idx);
+    if (!mips::is_jal(w) && !mips::is_jalr(w))
+      continue;
+    Proc *q = physically_next(p);
+    if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
+      note("%s and %s tied, jal/jalr", name_of(p), name_of(q));
+  }
+}
+
+void check_procedure_with_no_return() {
+  ChainEndsScope scope;
+  clear_proc_flag();
+  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
+    if (p->placed == 1)
+      continue;
+    p->placed = 1;
+    if (!start_in_text(p))
+      continue;
+    TextSpan span = text_span(p);
+    bool returns = false;
+    for (uint64_t i = span.end; i > span.first && !returns;) {
+      uint32_t w = word_at(bin.text_buf, --i);
+      returns = mips::is_jr(w) || mips::is_break0(w);
+    }
+    if (returns)
+      continue;
+    Proc *q = physically_next(p);
+    if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
+      note("%s and %s tied, no jr", name_of(p), name_of(q));
+  }
+}
 
 } // namespace vesk

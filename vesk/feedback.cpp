@@ -1,11 +1,257 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// Feedback files: reading each file, merging the per-file lists and
+// attaching the result to the new-order list.
 #include "vesk/feedback.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "vesk/bin.h"
+#include "vesk/diag.h"
+#include "vesk/options.h"
 
 namespace vesk {
 
-void read_reorder_files() {}
-int read_reorder_file(const char *, ProcMapEntry *) { return 0; }
-int merge_feedback_lists(ProcMapEntry *, int, ProcMapEntry *, int) { return 0; }
-void write_merged_feedback() {}
+namespace {
+
+// Lines are read through a fixed buffer: a longer body line arrives as two
+// lines, a longer header line is refused.
+constexpr int LINE_BUF = 512;
+constexpr int LONGEST_HEADER_LINE = 511;
+// Capacities of the word buffers, terminating zero included.  A longer word
+// is cut to the capacity and the rest of it is skipped, so the next field
+// still starts at the next word: an overlong procedure name then simply
+// matches no procedure, and the run goes on as for any unknown name.
+constexpr size_t NAME_BUF = 256;      // procedure name, file name
+constexpr size_t PROG_NAME_BUF = 128; // the "$name" value
+constexpr size_t DIRECTIVE_BUF = 108; // a header directive
+constexpr size_t NUMBER_BUF = 64;     // a numeric field (digits beyond it change nothing)
+
+bool is_blank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+// Copies the next blank-separated word of *s into buf (cut to cap - 1
+// characters), moves *s behind the whole word and says whether there was one.
+bool next_word(const char *&s, char *buf, size_t cap) {
+  while (*s != '\0' && is_blank(*s))
+    ++s;
+  if (*s == '\0')
+    return false;
+  size_t n = 0;
+  for (; *s != '\0' && !is_blank(*s); ++s)
+    if (n + 1 < cap)
+      buf[n++] = *s;
+  buf[n] = '\0';
+  return true;
+}
+
+// Numeric fields convert as far as their leading characters form a number;
+// a field that does not start with one leaves the value as it was.
+bool parse_signed(const char *word, int &value) {
+  char *end = nullptr;
+  long v = std::strtol(word, &end, 10);
+  if (end == word)
+    return false;
+  value = int(v);
+  return true;
+}
+
+bool parse_unsigned(const char *word, int base, uint32_t &value) {
+  char *end = nullptr;
+  unsigned long long v = std::strtoull(word, &end, base);
+  if (end == word)
+    return false;
+  value = uint32_t(v);
+  return true;
+}
+
+// The value behind the directive word of a header line.
+bool directive_value(const char *line, char *buf, size_t cap) {
+  char skip[DIRECTIVE_BUF];
+  const char *s = line;
+  return next_word(s, skip, sizeof skip) && next_word(s, buf, cap);
+}
+
+struct HeaderState {
+  int magic = 0;
+  int version = 0;
+  bool started = false;
+};
+
+void read_header_line(const char *path, const char *line, HeaderState &h) {
+  if (line[0] != '$') {
+    if (h.magic == 0)
+      error("%s is not a feedback file", path);
+    error("syntax error in feedback file %s\n%s", path, line);
+  }
+  char directive[DIRECTIVE_BUF];
+  const char *s = line;
+  next_word(s, directive, sizeof directive);
+  char value[NUMBER_BUF];
+  if (std::strcmp(directive, "$magic") == 0) {
+    if (directive_value(line, value, sizeof value))
+      parse_signed(value, h.magic);
+  } else if (std::strcmp(directive, "$version") == 0) {
+    if (directive_value(line, value, sizeof value))
+      parse_signed(value, h.version);
+  } else if (std::strcmp(directive, "$timestamp") == 0) {
+    if (directive_value(line, value, sizeof value))
+      parse_unsigned(value, 16, bin.feedback_time_stamp);
+  } else if (std::strcmp(directive, "$name") == 0) {
+    char name[PROG_NAME_BUF];
+    if (directive_value(line, name, sizeof name) &&
+        std::strcmp(basename(name), basename(option.program ? option.program : "")) != 0)
+      warning("feedback file %s derived from %s !!!", path, name);
+  } else if (std::strcmp(directive, "$start") == 0) {
+    h.started = true;
+  }
+}
+
+// The fields of a body line.  A line with fewer fields leaves the missing
+// ones as the line before left them.
+struct BodyFields {
+  char name[NAME_BUF] = "";
+  char file[NAME_BUF] = "";
+  uint32_t count = 0;
+};
+
+void read_body_line(const char *line, BodyFields &f) {
+  const char *s = line;
+  if (!next_word(s, f.name, sizeof f.name))
+    return;
+  if (!next_word(s, f.file, sizeof f.file))
+    return;
+  char number[NUMBER_BUF];
+  if (next_word(s, number, sizeof number))
+    parse_unsigned(number, 10, f.count);
+}
+
+std::vector<ProcMapEntry> merge_buffer;
+
+constexpr int32_t IN_EARLIER = 1;
+constexpr int32_t IN_LATER = 2;
+constexpr int32_t TAKEN = 4; // already in the merged list
+
+} // namespace
+
+int read_reorder_file(const char *path, ProcMapEntry *list) {
+  FILE *f = std::fopen(path, "r");
+  if (f == nullptr)
+    error("cannot read reorder file %s", path);
+  clear_proc_flag();
+
+  char line[LINE_BUF];
+  HeaderState header;
+  while (!header.started && std::fgets(line, sizeof line, f) != nullptr) {
+    if (std::strlen(line) >= size_t(LONGEST_HEADER_LINE) && line[LONGEST_HEADER_LINE - 1] != '\n')
+      error("reorder file line too long, shouldn't exceed %d", LONGEST_HEADER_LINE);
+    if (line[0] == '#')
+      continue;
+    read_header_line(path, line, header);
+  }
+  if (header.version != 2)
+    error("invalid version");
+
+  // Each record is listed at most once per file: a found record is marked
+  // placed, and placed records are not found again.
+  int n = 0;
+  BodyFields fields;
+  while (std::fgets(line, sizeof line, f) != nullptr) {
+    if (line[0] == '#')
+      continue;
+    if (line[0] == '$')
+      error("%s: directive after $start", path);
+    read_body_line(line, fields);
+    // DWARF keeps compilation-unit names without their directories.
+    const char *file = bin.debug_kind == DEBUG_DWARF ? basename(fields.file) : fields.file;
+    Proc *p = find_proc_by_name(fields.name, file);
+    if (p == nullptr)
+      continue;
+    p->placed = 1;
+    p->freq += fields.count;
+    list[n].proc = p;
+    list[n].count = fields.count;
+    ++n;
+  }
+  for (int i = 0; i < n; ++i)
+    list[i].proc->placed = 0;
+  std::fclose(f);
+  return n;
+}
+
+int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *later, int n_later) {
+  merge_buffer.clear();
+  merge_buffer.reserve(size_t(get_n_procs()));
+  clear_proc_flag();
+  for (int i = 0; i < n_earlier; ++i)
+    if (earlier[i].count != 0)
+      earlier[i].proc->placed = IN_EARLIER;
+  for (int i = 0; i < n_later; ++i)
+    if (later[i].count != 0)
+      later[i].proc->placed |= IN_LATER;
+
+  // A record enters the merged list once, even if a count that wrapped to
+  // zero would qualify it for a second step.
+  auto take = [](Proc *p, uint32_t count) {
+    if (p->placed & TAKEN)
+      return;
+    p->placed |= TAKEN;
+    merge_buffer.push_back({p, count});
+  };
+  auto mark = [](const ProcMapEntry &e) { return e.proc->placed & (IN_EARLIER | IN_LATER); };
+
+  for (int i = 0; i < n_earlier; ++i) // only in the earlier file
+    if (mark(earlier[i]) == IN_EARLIER)
+      take(earlier[i].proc, earlier[i].count);
+  for (int i = 0; i < n_earlier; ++i) // in both: the sum of their counts
+    if (mark(earlier[i]) == (IN_EARLIER | IN_LATER))
+      take(earlier[i].proc, earlier[i].proc->freq);
+  for (int i = 0; i < n_later; ++i) // only in the later list
+    if (mark(later[i]) == IN_LATER)
+      take(later[i].proc, later[i].count);
+  for (int i = 0; i < n_earlier; ++i) // the earlier file's zero counts
+    if (earlier[i].proc->freq == 0)
+      take(earlier[i].proc, earlier[i].count);
+  for (int i = 0; i < n_later; ++i)
+    if (mark(later[i]) == IN_LATER && later[i].proc->freq == 0)
+      take(later[i].proc, later[i].count);
+  // The later list's other zero-count entries are dropped.
+
+  if (merge_buffer.size() >= size_t(get_n_procs()))
+    error("too many procedures in feedback files");
+  std::copy(merge_buffer.begin(), merge_buffer.end(), later);
+  return int(merge_buffer.size());
+}
+
+void read_reorder_files() {
+  ProcMapEntry *current = alloc_proc_map();
+  ProcMapEntry *accumulated = alloc_proc_map();
+  int n_files = 0;
+  while (option.feedback_files != nullptr && option.feedback_files[n_files] != nullptr)
+    ++n_files;
+  if (n_files == 0)
+    error("no feedback file");
+
+  // The last file first, then each earlier one merged in front of it, so
+  // that the first file on the command line leads the order.
+  int n_accumulated = read_reorder_file(option.feedback_files[n_files - 1], accumulated);
+  for (int i = n_files - 2; i >= 0; --i) {
+    int n_current = read_reorder_file(option.feedback_files[i], current);
+    n_accumulated = merge_feedback_lists(current, n_current, accumulated, n_accumulated);
+  }
+
+  clear_proc_flag();
+  for (int i = 0; i < n_accumulated; ++i) {
+    attach_proc_list(accumulated[i].proc);
+    accumulated[i].proc->placed = 1;
+  }
+  attach_proc_with_no_feedback();
+  if (status == 1 && option.verbose == 0)
+    note("Feedback file(s) may be out of date. You may want to regenerate the\n"
+         "      feedback file(s) for better performance. Use vesk -v for more info.");
+  std::free(current);
+  std::free(accumulated);
+}
 
 } // namespace vesk

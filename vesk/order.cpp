@@ -1,8 +1,162 @@
-// Placeholder: this step is built by a later change; until then it does nothing.
+// The new text: the procedures laid out end to end in list order, the text
+// map from every old word to its new address, and the page statistics.
 #include "vesk/order.h"
+
+#include <cstdio>
+#include <vector>
+
+#include "vesk/bin.h"
+#include "vesk/bytes.h"
+#include "vesk/checks.h"
+#include "vesk/diag.h"
+#include "vesk/feedback.h"
+#include "vesk/options.h"
+#include "vesk/proc.h"
+#include "vesk/text_words.h"
+#include "xlate/xlate_table.h"
 
 namespace vesk {
 
-void reorder_procedures() {}
+namespace {
+
+constexpr uint64_t PAGE = 4096;
+
+const char *name_of(const Proc *p) { return p->name ? p->name : "(null)"; }
+
+// Lays out the input words in the order they are offered.  Every word is
+// laid out once: a word that an earlier procedure already carried (the
+// ranges of overlapping procedures) is skipped by the later ones, so the
+// new text never holds more words than the old.
+struct Layout {
+  std::vector<uint8_t> done;
+
+  Layout() : done(bin.text_words, 0) {}
+
+  void place(uint64_t i) {
+    if (done[i])
+      return;
+    done[i] = 1;
+    set_word_at(bin.new_text, bin.new_text_fill, word_at(bin.text_buf, i));
+    bin.text_map[i] = bin.text_lo + 4 * uint64_t(bin.new_text_fill);
+    ++bin.new_text_fill;
+  }
+};
+
+void lay_out_text() {
+  if (bin.text_words != 0 && (bin.new_text == nullptr || bin.text_map == nullptr))
+    error("internal: no output text to lay the procedures out in");
+  Layout layout;
+  bin.new_text_fill = 0;
+
+  // A run of stubs at the start of the text that no procedure covers stays
+  // where it is.
+  if (libstub_lo != 0 && libstub_lo == bin.text_lo) {
+    uint64_t n = (libstub_hi - libstub_lo) / 4;
+    for (uint64_t i = 0; i < n && i < bin.text_words; ++i)
+      layout.place(i);
+  }
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    TextSpan span = text_span(p);
+    for (uint64_t i = span.first; i < span.end; ++i)
+      layout.place(i);
+  }
+  // Words that no procedure covers still hold code or data that something
+  // may refer to: they follow the procedures, in their input order.
+  for (uint64_t i = 0; i < bin.text_words; ++i)
+    layout.place(i);
+}
+
+// Marks pages first..last (inclusive) of one layout; the counts are taken
+// once all procedures are marked.
+struct PageMarks {
+  std::vector<int32_t> delta;
+  explicit PageMarks(uint64_t n_pages) : delta(n_pages + 1, 0) {}
+  void mark(uint64_t first, uint64_t last) {
+    if (first > last)
+      return;
+    ++delta[first];
+    --delta[last + 1];
+  }
+  // Which pages are marked, and how many.
+  std::vector<bool> marked(uint32_t &count) const {
+    std::vector<bool> m(delta.size() - 1);
+    int64_t depth = 0;
+    count = 0;
+    for (size_t j = 0; j + 1 < delta.size(); ++j) {
+      depth += delta[j];
+      m[j] = depth > 0;
+      count += m[j];
+    }
+    return m;
+  }
+};
+
+void page_statistics() {
+  uint64_t base = bin.text_lo / PAGE;
+  uint64_t n_pages = bin.text_hi / PAGE - base + 1;
+  PageMarks old_pages(n_pages), new_pages(n_pages);
+
+  for (Proc *p = order_head; p != nullptr; p = p->next) {
+    if (p->freq == 0 || !text_index(p->old_addr))
+      continue;
+    if (p->size == 0) {
+      warning("%s size 0", name_of(p));
+      continue;
+    }
+    uint64_t first = p->old_addr / PAGE - base;
+    uint64_t last_addr = p->size >= 4 ? p->old_addr + p->size - 4 : p->old_addr;
+    uint64_t last = last_addr / PAGE - base;
+    if (last >= n_pages)
+      error("%s:%d ASSERT(j<n_pages)", "vesk/proc", 546);
+    old_pages.mark(first, last);
+
+    // The new pages of the procedure's first and last word in the text.
+    TextSpan span = text_span(p);
+    if (span.size() == 0)
+      continue;
+    uint64_t new_first = bin.text_map[span.first] / PAGE - base;
+    uint64_t new_last = bin.text_map[span.end - 1] / PAGE - base;
+    if (new_last < n_pages)
+      new_pages.mark(new_first, new_last);
+  }
+
+  uint32_t old_count = 0, new_count = 0;
+  std::vector<bool> old_marked = old_pages.marked(old_count);
+  new_pages.marked(new_count);
+  // Page 0 is counted as touched in the input even when no procedure with
+  // feedback marked it; the new layout gets no such allowance.
+  if (old_count != 0 && !old_marked[0])
+    ++old_count;
+  if (option.verbose)
+    std::printf("Total text %dK. Touched text reduced from %dK to %dK\n", int(n_pages * 4), int(old_count * 4),
+                int(new_count * 4));
+}
+
+void dump_address_mapping() {
+  dump("Procedure Address Mapping");
+  int i = 0;
+  for (Proc *p = order_head; p != nullptr; p = p->next, ++i) {
+    auto start = text_index(p->old_addr);
+    if (!start) {
+      dump("[%d] %20s old(%#llx) not changed", i, name_of(p), (unsigned long long)p->old_addr);
+      continue;
+    }
+    uint64_t n = bin.text_map[*start];
+    dump("[%d] %20s old(%#llx) new(%#llx - %#llx)", i, name_of(p), (unsigned long long)p->old_addr,
+         (unsigned long long)n, (unsigned long long)(n + p->size));
+  }
+}
+
+} // namespace
+
+void reorder_procedures() {
+  write_merged_feedback();
+  lay_out_text();
+  page_statistics();
+  if (option.debug)
+    dump_address_mapping();
+  if (bin.debug_kind == DEBUG_DWARF)
+    build_xlate_table();
+}
 
 } // namespace vesk

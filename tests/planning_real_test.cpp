@@ -1,0 +1,207 @@
+// Planning on the bench of real MIPS executables, with procedure tables
+// made from their symbol tables: one as the mdebug reader makes it (sorted,
+// each procedure reaching to the next), one as the DWARF reader makes it
+// (the compiler's sizes, padding between procedures left uncovered, table
+// in no particular order).
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <gelf.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "planning_fixture.h"
+#include "support/bench.h"
+#include "vesk/feedback.h"
+#include "vesk/order.h"
+#include "vesk/r4000.h"
+#include "vesk/text_words.h"
+
+using namespace vesk;
+using namespace vesk::test;
+
+namespace {
+
+struct Symbol {
+  uint64_t addr;
+  uint64_t size; // 0 when the symbol table gives none
+  std::string name;
+};
+
+// The .text of an executable: its address and its words.
+bool read_text(const std::string &path, uint64_t &lo, std::vector<uint32_t> &words) {
+  int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0)
+    return false;
+  elf_version(EV_CURRENT);
+  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
+  size_t shstrndx = 0;
+  bool found = false;
+  if (e != nullptr && elf_getshdrstrndx(e, &shstrndx) == 0) {
+    for (Elf_Scn *s = elf_nextscn(e, nullptr); s != nullptr && !found; s = elf_nextscn(e, s)) {
+      GElf_Shdr sh;
+      gelf_getshdr(s, &sh);
+      const char *name = elf_strptr(e, shstrndx, sh.sh_name);
+      if (name == nullptr || std::strcmp(name, ".text") != 0)
+        continue;
+      Elf_Data *d = elf_rawdata(s, nullptr);
+      lo = sh.sh_addr;
+      words.clear();
+      for (size_t i = 0; i + 4 <= d->d_size; i += 4)
+        words.push_back(load32(static_cast<const uint8_t *>(d->d_buf) + i));
+      found = true;
+    }
+  }
+  elf_end(e);
+  close(fd);
+  return found;
+}
+
+// Code symbols inside [lo, hi), by address.
+std::vector<Symbol> text_symbols(const BenchExe &e, uint64_t lo, uint64_t hi) {
+  std::string nm = e.abi == "o32" ? "mips-linux-gnu-nm" : "mips64-linux-gnuabi64-nm";
+  RunResult r = run_command({nm, "-S", "-n", e.path});
+  std::vector<Symbol> v;
+  std::istringstream in(r.out);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream f(line);
+    std::vector<std::string> w;
+    for (std::string s; f >> s;)
+      w.push_back(s);
+    if (w.size() < 3)
+      continue;
+    std::string type = w[w.size() - 2];
+    if (type != "T" && type != "t" && type != "W" && type != "w")
+      continue;
+    Symbol s{std::stoull(w[0], nullptr, 16), w.size() == 4 ? std::stoull(w[1], nullptr, 16) : 0, w.back()};
+    if (s.addr >= lo && s.addr < hi)
+      v.push_back(s);
+  }
+  return v;
+}
+
+struct RealPlanning : Planning {
+  // Builds the table; returns false when the executable cannot be read.
+  bool load(const BenchExe &e, std::vector<Symbol> &syms, bool dwarf_like, std::mt19937 &rng) {
+    reset_proc_table();
+    uint64_t lo = 0;
+    std::vector<uint32_t> words;
+    if (!read_text(e.path, lo, words))
+      return false;
+    set_text(lo, words);
+    if (syms.empty())
+      syms = text_symbols(e, bin.text_lo, bin.text_hi);
+    if (!dwarf_like) {
+      for (const Symbol &s : syms)
+        make(keep(s.name), s.addr, 0, "x.c");
+      mdebug_derive_proc_highpc();
+      return true;
+    }
+    // One record per address: the compiler's size where it gives one, else
+    // up to the next symbol.
+    std::map<uint64_t, Symbol> by_addr;
+    for (const Symbol &s : syms)
+      if (!by_addr.count(s.addr) || s.size != 0)
+        by_addr[s.addr] = s;
+    std::vector<Symbol> recs;
+    for (auto it = by_addr.begin(); it != by_addr.end(); ++it) {
+      Symbol s = it->second;
+      auto next = std::next(it);
+      if (s.size == 0)
+        s.size = (next == by_addr.end() ? bin.text_hi : next->first) - s.addr;
+      recs.push_back(s);
+    }
+    std::shuffle(recs.begin(), recs.end(), rng);
+    for (const Symbol &s : recs)
+      make(keep(s.name), s.addr, uint32_t(s.size), "x.c");
+    return true;
+  }
+
+  static std::vector<Proc *> by_address() {
+    std::vector<Proc *> v;
+    for (int i = 0; i < get_n_procs(); ++i)
+      v.push_back(get_proc_by_index(i));
+    std::stable_sort(v.begin(), v.end(), [](Proc *a, Proc *b) { return a->old_addr < b->old_addr; });
+    return v;
+  }
+
+  // Plans the layout with a feedback file that names `fed` in order.
+  void plan(const std::vector<Proc *> &fed, bool r4000) {
+    std::string path = ::testing::TempDir() + "vesk_real_plan.fb";
+    std::string text = "$magic 269680640\n$version 2\n$start\n";
+    for (size_t i = 0; i < fed.size(); ++i)
+      text += std::string(fed[i]->name) + " x.c " + std::to_string(fed.size() - i) + "\n";
+    write_file(path, text);
+    const char *files[] = {path.c_str(), nullptr};
+    option.feedback_files = files;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    read_reorder_files();
+    option.feedback_files = nullptr;
+    size_t i = 0;
+    for (Proc *p = order_head; p != nullptr && i < fed.size(); p = p->next, ++i)
+      EXPECT_STREQ(p->name, fed[i]->name);
+    run_checks();
+    if (r4000)
+      fix_r4000_bug();
+    reorder_procedures();
+    testing::internal::GetCapturedStderr();
+    testing::internal::GetCapturedStdout();
+  }
+};
+
+TEST_F(RealPlanning, ReversedAndHalfFeedbackOnTheBench) {
+  VESK_REQUIRE_BENCH();
+  std::mt19937 rng(7);
+  // Every program, ABI and debug format, in one code model each (the
+  // models differ in how calls are made: jal or jalr).
+  int plans = 0, exes = 0;
+  for (const BenchExe &e : bench_executables()) {
+    if (!e.explicit_relocs || e.model != (e.abi == "o32" ? "fno-pie" : e.abi == "n32" ? "pie" : "no-pie"))
+      continue;
+    ++exes;
+    std::vector<Symbol> syms;
+    for (bool dwarf_like : {false, true}) {
+      for (int variant = 0; variant < 2; ++variant) {
+        SCOPED_TRACE(e.name + (dwarf_like ? " dwarf-like" : " mdebug-like") +
+                     (variant ? " random half" : " reversed"));
+        ASSERT_TRUE(load(e, syms, dwarf_like, rng));
+        std::vector<Proc *> procs = by_address();
+        ASSERT_GT(procs.size(), 10u);
+        std::vector<Proc *> fed;
+        if (variant == 0) {
+          fed.assign(procs.rbegin(), procs.rend());
+        } else {
+          for (Proc *p : procs)
+            if (rng() % 2)
+              fed.push_back(p);
+          std::shuffle(fed.begin(), fed.end(), rng);
+        }
+        plan(fed, variant == 1);
+        expect_layout_invariants();
+        if (HasFatalFailure())
+          return;
+        // Every procedure stays whole: its words are consecutive in the
+        // new text.
+        for (Proc *p : procs) {
+          TextSpan s = text_span(p);
+          for (uint64_t i = s.first; i + 1 < s.end; ++i)
+            ASSERT_EQ(map[i + 1], map[i] + 4) << p->name;
+        }
+        ++plans;
+      }
+    }
+  }
+  EXPECT_EQ(exes, 18);
+  EXPECT_EQ(plans, exes * 4);
+}
+
+} // namespace
