@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <gelf.h>
+#include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/bench.h"
+#include "support/o32_programs.h"
 #include "support/child.h"
 #include "support/scratch.h"
 #include "vesk/driver.h"
@@ -36,33 +39,75 @@ const BenchExe *prepare(const ScratchDir &dir, const char *abi, const char *debu
 
 } // namespace
 
-// Until the planning and rewriting steps land, a completed run writes an
-// exact copy of its input; the copy must also still run.
-TEST(CompletedRun, ExitsZeroAndCopiesTheInputByteForByteWhileRewritingIsPending) {
+// The byte ranges of the sections of an executable, by name.
+std::map<std::string, std::pair<uint64_t, uint64_t>> section_ranges(const std::string &path) {
+  std::map<std::string, std::pair<uint64_t, uint64_t>> out;
+  elf_version(EV_CURRENT);
+  int fd = open(path.c_str(), O_RDONLY);
+  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
+  size_t shstrndx = 0;
+  elf_getshdrstrndx(e, &shstrndx);
+  for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
+    GElf_Shdr sh;
+    gelf_getshdr(scn, &sh);
+    out[elf_strptr(e, shstrndx, sh.sh_name)] = {sh.sh_offset, sh.sh_offset + sh.sh_size};
+  }
+  elf_end(e);
+  close(fd);
+  return out;
+}
+
+// Without feedback an mdebug input keeps its layout (its procedures are in
+// address order): the run rewrites every code address to the address it
+// already had, so the text, data, GOT and symbols come out unchanged, and
+// the output still runs.
+TEST(CompletedRun, WithoutFeedbackAnMdebugInputKeepsItsLayout) {
   VESK_REQUIRE_BENCH();
-  const char *const kinds[][3] = {
-      {"o32", "mdebug", "no-pie"}, {"n32", "dwarf", "pie"}, {"n64", "dwarf", "fno-pie"}};
+  const char *const kinds[][3] = {{"n32", "mdebug", "no-pie"}, {"n32", "mdebug", "pie"}, {"o32", "mdebug", "pie"}};
   for (const auto &k : kinds) {
     ScratchDir dir("run");
     const BenchExe *e = prepare(dir, k[0], k[1], k[2]);
     ASSERT_NE(e, nullptr);
+    SCOPED_TRACE(e->name);
+    std::string input = e->path;
+    if (std::string(k[0]) == "o32") { // o32 needs its code references described first
+      RunResult a = run_command({annotate_binary(), e->path, "-o", dir / "prog"});
+      ASSERT_EQ(a.status, 0) << a.err;
+      input = dir / "prog";
+    }
     auto r = run_vesk({"prog"}, dir.path());
-    EXPECT_EQ(r.status, 0) << e->name << ": " << r.err;
-    std::string out = read_file(dir / "prog.vesk");
-    EXPECT_TRUE(out == read_file(e->path)) << e->name << ": output differs from input";
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::string in = read_file(input), out = read_file(dir / "prog.vesk");
+    ASSERT_EQ(in.size(), out.size());
+    // Besides the stamps, the mdebug table is normalised (file base
+    // addresses become 0, procedure addresses absolute) and .compact_rel
+    // is re-encoded; nothing else may change.
+    auto sections = section_ranges(input);
+    auto stamped = [&](size_t i) {
+      for (const char *name : {".dynamic", ".mdebug", ".compact_rel"}) {
+        auto it = sections.find(name);
+        if (it != sections.end() && i >= it->second.first && i < it->second.second)
+          return true;
+      }
+      return false;
+    };
+    for (size_t i = 0; i < in.size(); ++i)
+      if (in[i] != out[i])
+        ASSERT_TRUE(stamped(i)) << "byte " << i << " changed outside .dynamic, .mdebug and .compact_rel";
+    EXPECT_NE(in, out) << "the output is not stamped as processed";
     struct stat st;
     ASSERT_EQ(stat((dir / "prog.vesk").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0755u);
     auto run = run_bench(*e, dir / "prog.vesk");
-    EXPECT_EQ(run.status, 0) << e->name;
-    EXPECT_EQ(run.out, e->expected) << e->name;
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, e->expected);
   }
 }
 
 TEST(CompletedRun, DefaultOutputGoesToTheCurrentDirectory) {
   VESK_REQUIRE_BENCH();
   ScratchDir dir("run");
-  ASSERT_NE(prepare(dir, "o32", "dwarf", "pie"), nullptr);
+  ASSERT_NE(prepare(dir, "n32", "mdebug", "no-pie"), nullptr);
   ASSERT_EQ(mkdir((dir / "sub").c_str(), 0755), 0);
   ASSERT_EQ(rename((dir / "prog").c_str(), (dir / "sub/prog").c_str()), 0);
   // sub/prog reads prog.fb and writes prog.vesk here, not in sub.
@@ -73,7 +118,7 @@ TEST(CompletedRun, DefaultOutputGoesToTheCurrentDirectory) {
   // -o names it.
   r = run_vesk({"-o", "other", "sub/prog"}, dir.path());
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(read_file(dir / "other"), read_file(dir / "sub/prog"));
+  EXPECT_EQ(read_file(dir / "other").size(), read_file(dir / "sub/prog").size());
 }
 
 TEST(RunErrors, InputOrOutputThatCannotBeOpened) {
