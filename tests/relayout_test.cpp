@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <fcntl.h>
 #include <gelf.h>
 #include <map>
@@ -224,6 +225,12 @@ std::vector<TextBlock> reversed(std::vector<TextBlock> b) {
   return b;
 }
 
+std::vector<TextBlock> shuffled(std::vector<TextBlock> b) {
+  std::mt19937 rng(uint32_t(b.size()) * 2654435761u);
+  std::shuffle(b.begin(), b.end(), rng);
+  return b;
+}
+
 // Checks the written file `out` against its input `in` under `layout`.
 void check_rewrite(const std::string &in_path, const std::string &out_path, const Layout &L) {
   ElfFile in(in_path), out(out_path);
@@ -376,16 +383,18 @@ TEST_F(Relayout, EveryCodeAddressTheStepsOwnFollowsReversedProcedures) {
   }
 }
 
-TEST_F(Relayout, BenchExecutablesWithReversedProceduresKeepEveryOwnedCodeAddressRight) {
+TEST_F(Relayout, BenchExecutablesWithReversedOrShuffledProceduresKeepEveryOwnedCodeAddressRight) {
   VESK_REQUIRE_BENCH();
   for (const BenchExe &e : bench_executables()) {
-    SCOPED_TRACE(e.name);
-    Layout layout;
-    testing::internal::CaptureStderr();
-    std::string out = rewrite(e.path, reversed, &layout);
-    expect_only_calls_in_front_of_text(testing::internal::GetCapturedStderr());
-    check_rewrite(e.path, out, layout);
-    unlink(out.c_str());
+    for (auto order : {reversed, shuffled}) {
+      SCOPED_TRACE(e.name + (order == reversed ? " reversed" : " shuffled"));
+      Layout layout;
+      testing::internal::CaptureStderr();
+      std::string out = rewrite(e.path, order, &layout);
+      expect_only_calls_in_front_of_text(testing::internal::GetCapturedStderr());
+      check_rewrite(e.path, out, layout);
+      unlink(out.c_str());
+    }
   }
 }
 
