@@ -71,28 +71,6 @@ TEST(MdebugSymtab, ReadsTablesSymbolsAndNames) {
   EXPECT_EQ(mdebug_external_name(h, 2), nullptr);
 }
 
-TEST(MdebugSymtab, NamelessFileAndNilSymbolName) {
-  SynthMdebug t = two_files();
-  t.files[1].has_name = false;
-  std::vector<uint8_t> v = t.build(FILE_OFF);
-  sym_of(v, FILE_OFF, 0).iss = MDEBUG_NIL;
-  MdebugHandle *h = loaded(v);
-  EXPECT_STREQ(mdebug_file_name(h, 0), "a.c");
-  EXPECT_EQ(mdebug_file_name(h, 1), nullptr);
-  MdebugSymbol s;
-  ASSERT_TRUE(mdebug_read_symbol(h, 0, &s));
-  EXPECT_EQ(mdebug_symbol_name(h, s), nullptr);
-}
-
-TEST(MdebugSymtab, EmptyTableHasNoFiles) {
-  std::vector<uint8_t> v = SynthMdebug{}.build(FILE_OFF);
-  ASSERT_EQ(v.size(), 96u);
-  MdebugHandle *h = loaded(v);
-  EXPECT_EQ(h->st.ifd_max, 0u);
-  MdebugSymbol s;
-  EXPECT_FALSE(mdebug_read_symbol(h, 0, &s));
-}
-
 TEST(MdebugSymtab, HeaderIsRefused) {
   std::vector<uint8_t> v = two_files().build(FILE_OFF);
   std::vector<uint8_t> short_section(v.begin(), v.begin() + 95);
@@ -145,21 +123,6 @@ TEST(MdebugSymtab, NamesOutsideTheStringsAreRefused) {
   MdebugHandle *h2 = loaded(w);
   ASSERT_TRUE(mdebug_read_symbol(h2, 3, &s));
   EXPECT_EXIT(mdebug_symbol_name(h2, s), ExitedWithCode(1), "runs off the end of its string table");
-}
-
-TEST(MdebugSymtab, OpenByPath) {
-  EXPECT_EQ(mdebug_open("/nonexistent/program"), nullptr);
-  EXPECT_EQ(mdebug_open(VESK_SOURCE_DIR "/CMakeLists.txt"), nullptr); // not ELF
-
-  SynthMdebug t = two_files();
-  std::string path = write_mdebug_elf("symtab", 0x400000, 0x100, [&](uint64_t off) { return t.build(off); });
-  MdebugHandle *h = mdebug_open(path.c_str());
-  ASSERT_NE(h, nullptr);
-  ASSERT_NE(mdebug_symtab(h), nullptr);
-  mdebug_read_tables(h);
-  MdebugSymbol s;
-  ASSERT_TRUE(mdebug_read_symbol(h, 1, &s));
-  EXPECT_STREQ(mdebug_symbol_name(h, s), "beta");
 }
 
 // The bit-field word of a file descriptor extends ipdFirst and cpd to 20
