@@ -125,32 +125,6 @@ TEST(MdebugSymtab, NamesOutsideTheStringsAreRefused) {
   EXPECT_EXIT(mdebug_symbol_name(h2, s), ExitedWithCode(1), "runs off the end of its string table");
 }
 
-// The bit-field word of a file descriptor extends ipdFirst and cpd to 20
-// bits: bits 20..17 (from the least significant bit) and 16..13.
-TEST(MdebugRecords, ExtensionBitsOfTheFileDescriptor) {
-  Fdr f{};
-  f.bits = 0xF << 17;
-  EXPECT_EQ(fdr_ipd_first_high(f), 0xFu);
-  EXPECT_EQ(fdr_cpd_high(f), 0u);
-  f.bits = 0xF << 13;
-  EXPECT_EQ(fdr_ipd_first_high(f), 0u);
-  EXPECT_EQ(fdr_cpd_high(f), 0xFu);
-  // Bits 11 and 14 counted from the most significant bit are the two ends
-  // of the ipdFirst field; 15 and 18 those of the cpd field.
-  f.bits = 0x80000000u >> 11;
-  EXPECT_EQ(fdr_ipd_first_high(f), 0x8u);
-  f.bits = 0x80000000u >> 14;
-  EXPECT_EQ(fdr_ipd_first_high(f), 0x1u);
-  f.bits = 0x80000000u >> 15;
-  EXPECT_EQ(fdr_cpd_high(f), 0x8u);
-  f.bits = 0x80000000u >> 18;
-  EXPECT_EQ(fdr_cpd_high(f), 0x1u);
-  // Neighbouring bits belong to neither field.
-  f.bits = ~uint32_t(0xF << 17 | 0xF << 13);
-  EXPECT_EQ(fdr_ipd_first_high(f), 0u);
-  EXPECT_EQ(fdr_cpd_high(f), 0u);
-}
-
 TEST(MdebugRecords, ProcedureRangeWrapsAroundWithoutTheFlag) {
   IpdCarry carry;
   Fdr a{}, empty{}, b{}, c{};
@@ -181,19 +155,4 @@ TEST(MdebugRecords, ProcedureRangeWrapsAroundWithoutTheFlag) {
   Fdr d = b;
   d.bits = 1u << 17;
   EXPECT_EQ(fdr_proc_range(d, false, carry3).first, 20u);
-}
-
-TEST(MdebugRecords, ProcedureRangeWithTheFlagTrustsTheExtensionBits) {
-  IpdCarry carry;
-  Fdr a{}, b{};
-  a.ipdFirst = 65500;
-  a.cpd = 100;
-  b.ipdFirst = 5;
-  b.cpd = 0xFFFF;
-  b.bits = 1u << 17 | 2u << 13;
-  EXPECT_EQ(fdr_proc_range(a, true, carry).first, 65500u);
-  ProcRange r = fdr_proc_range(b, true, carry);
-  EXPECT_EQ(r.first, 65541u);
-  EXPECT_EQ(r.count, 0x2FFFFu);
-  EXPECT_EQ(carry.ipd_high, 0u);
 }
