@@ -72,9 +72,11 @@ TEST(CompletedRun, WithoutFeedbackAnMdebugInputKeepsItsLayout) {
           return true;
       return false;
     };
-    for (size_t i = 0; i < in.size(); ++i)
-      if (in[i] != out[i])
+    for (size_t i = 0; i < in.size(); ++i) {
+      if (in[i] != out[i]) {
         ASSERT_TRUE(stamped(i)) << "byte " << i << " changed outside .dynamic, .mdebug and .compact_rel";
+      }
+    }
     EXPECT_NE(in, out) << "the output is not stamped as processed";
     struct stat st;
     ASSERT_EQ(stat((dir / "prog.vesk").c_str(), &st), 0);
