@@ -108,17 +108,16 @@ TEST_F(MdebugDiscovery, ProceduresOfEveryFileSortedAfterTheStubs) {
   EXPECT_STREQ(get_proc_by_index(2)->file_name, "b.c");
   EXPECT_EQ(get_proc_by_index(2)->size, 0x400u);
   EXPECT_EQ(get_proc_by_index(3)->size, 0x400000u + 0x4000 - 0x400800);
-}
 
-TEST_F(MdebugDiscovery, EmptyTableGivesOnlyTheStubs) {
+  // An empty table gives the stubs only, over the whole text.
+  release_input();
   write(SynthMdebug{});
   read_orig_binary();
   ASSERT_EQ(get_n_procs(), 1);
-  EXPECT_STREQ(get_proc_by_index(0)->name, ".libstub");
   EXPECT_EQ(get_proc_by_index(0)->size, 0x4000u);
 }
 
-TEST_F(MdebugDiscovery, SkipsDescriptorsWithoutLinesAndRefusesMissingSymbols) {
+TEST_F(MdebugDiscovery, SkipsDescriptorsWithoutLines) {
   SynthMdebug t;
   // lnLow >= 1 with lnHigh -1 is passed over, whatever its isym says.
   t.files = {file("a.c", {{"kept", 0x400100}, {"skipped", 0x400200, 0, MDEBUG_NIL, 1, -1},
@@ -126,34 +125,45 @@ TEST_F(MdebugDiscovery, SkipsDescriptorsWithoutLinesAndRefusesMissingSymbols) {
   write(t);
   read_orig_binary();
   EXPECT_EQ(names(), (std::vector<std::string>{".libstub", "kept", "also_kept"}));
-
-  release_input();
-  SynthMdebug u;
-  u.files = {file("a.c", {{"kept", 0x400100}, {"nosym", 0x400200, 0, MDEBUG_NIL}})};
-  write(u);
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: stripped binary\\.\n$");
-
-  // A symbol index beyond the local symbols.
-  SynthMdebug w;
-  w.files = {file("a.c", {{"kept", 0x400100}, {"far", 0x400200, 0, 7}})};
-  write(w);
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: stripped binary\\.\n$");
-
-  // A file whose descriptors point at symbols it does not have.
-  write(t, 0x1000, [](std::vector<uint8_t> &v, uint64_t off) { fdr_of(v, off, 0).csym = 0; });
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: stripped binary\\.\n$");
-
-  // A symbol without a name.
-  write(t, 0x1000, [](std::vector<uint8_t> &v, uint64_t off) { sym_of(v, off, 0).iss = MDEBUG_NIL; });
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: stripped binary\\.\n$");
 }
 
-TEST_F(MdebugDiscovery, FileWithoutNameIsRefused) {
-  SynthMdebug t;
-  t.files = {file("a.c", {{"f", 0x400100}}), file("b.c", {})};
-  t.files[1].has_name = false;
-  write(t);
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: Stripped binary\\? File\\[1\\] has no name\\.\n$");
+TEST_F(MdebugDiscovery, RefusedTables) {
+  using Patch = std::function<void(std::vector<uint8_t> &, uint64_t)>;
+  struct Case {
+    const char *what;
+    std::vector<SynthFile> files;
+    Patch patch;
+    std::string message;
+  };
+  const std::string stripped = "^Error: stripped binary\\.\n$";
+  SynthFile nameless = file("b.c", {});
+  nameless.has_name = false;
+  const Case cases[] = {
+      {"descriptor without symbol", {file("a.c", {{"kept", 0x400100}, {"nosym", 0x400200, 0, MDEBUG_NIL}})}, nullptr,
+       stripped},
+      {"symbol index beyond the locals", {file("a.c", {{"kept", 0x400100}, {"far", 0x400200, 0, 7}})}, nullptr,
+       stripped},
+      {"file without its symbols", {file("a.c", {{"kept", 0x400100}})},
+       [](auto &v, uint64_t off) { fdr_of(v, off, 0).csym = 0; }, stripped},
+      {"symbol without a name", {file("a.c", {{"kept", 0x400100}})},
+       [](auto &v, uint64_t off) { sym_of(v, off, 0).iss = MDEBUG_NIL; }, stripped},
+      {"file without a name", {file("a.c", {{"f", 0x400100}}), nameless}, nullptr,
+       "^Error: Stripped binary\\? File\\[1\\] has no name\\.\n$"},
+      {"descriptor range beyond the table", {file("a.c", {{"one", 0x400100}, {"two", 0x400200}})},
+       [](auto &v, uint64_t off) { fdr_of(v, off, 0).cpd = 3; },
+       "mdebug file 0 \\(a\\.c\\) lists procedure descriptors 0 to 2, but the table has 2\\.\n$"},
+  };
+  for (const Case &c : cases) {
+    SynthMdebug t;
+    t.files = c.files;
+    write(t, 0x1000, c.patch);
+    EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), c.message) << c.what;
+  }
+  // The extension bits without "-B" are not read, and the drop they would
+  // explain is not taken as a wrap either: the third file's descriptors are
+  // looked for at their raw 16-bit index, among the first file's.
+  write(many_procedures(70000, 33000, true), 0x10 / 4 + 70000);
+  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), stripped);
 }
 
 TEST_F(MdebugDiscovery, SymbolValuesAreSignExtended) {
@@ -169,14 +179,6 @@ TEST_F(MdebugDiscovery, SymbolValuesAreSignExtended) {
         read_orig_binary();
       },
       ExitedWithCode(1), "Subprogram: kernel lowpc\\(0xffffffff80001000\\)\n");
-}
-
-TEST_F(MdebugDiscovery, DescriptorRangeBeyondTheTableIsRefused) {
-  SynthMdebug t;
-  t.files = {file("a.c", {{"one", 0x400100}, {"two", 0x400200}})};
-  write(t, 0x1000, [](std::vector<uint8_t> &v, uint64_t off) { fdr_of(v, off, 0).cpd = 3; });
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1),
-              "mdebug file 0 \\(a\\.c\\) lists procedure descriptors 0 to 2, but the table has 2\\.\n$");
 }
 
 TEST_F(MdebugDiscovery, MissingHandleOrTableAreAssertions) {
@@ -212,14 +214,6 @@ TEST_F(MdebugDiscovery, MoreThan65535DescriptorsWrapAround) {
       ASSERT_EQ(p->size, 4u);
     }
   }
-}
-
-// The extension bits without "-B" are not read, and the drop they would
-// explain is not taken as a wrap either: the third file's descriptors are
-// looked for at their raw 16-bit index, among the first file's.
-TEST_F(MdebugDiscovery, ExtensionBitsNeedTheFlag) {
-  write(many_procedures(70000, 33000, true), 0x10 / 4 + 70000);
-  EXPECT_EXIT(read_orig_binary(), ExitedWithCode(1), "^Error: stripped binary\\.\n$");
 }
 
 TEST(MdebugMove, ChecksTheHeaderOnly) {

@@ -89,31 +89,6 @@ struct Layout : Planning {
   }
 };
 
-TEST_F(Layout, FeedbackOrdersAreBijectiveAndKeepTiesTogether) {
-  int ties = 0;
-  for (unsigned seed = 1; seed <= 40; ++seed) {
-    SCOPED_TRACE(seed);
-    reset_proc_table();
-    std::mt19937 rng(seed);
-    std::vector<Proc *> procs = random_program(rng, 30 + int(rng() % 120));
-    std::vector<Proc *> fed;
-    for (Proc *p : procs)
-      if (rng() % 3 == 0) {
-        p->freq = 1 + rng() % 1000;
-        fed.push_back(p);
-      }
-    std::shuffle(fed.begin(), fed.end(), rng);
-    attach(fed);
-    testing::internal::CaptureStderr();
-    plan();
-    testing::internal::GetCapturedStderr();
-    expect_layout_invariants();
-    for (Proc *q = order_head; q; q = q->next)
-      ties += q->tied;
-  }
-  EXPECT_GT(ties, 200); // the programs do tie procedures
-}
-
 TEST_F(Layout, StubsAndUncoveredWords) {
   // Two stub words at the start, a procedure, an uncovered word, another
   // procedure, two uncovered words at the end.

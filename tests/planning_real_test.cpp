@@ -5,12 +5,8 @@
 // in no particular order).
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <gelf.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <random>
 #include <sstream>
@@ -38,52 +34,33 @@ struct Symbol {
   std::string name;
 };
 
-// The .text of an executable: its address and its words.
-bool read_text(const std::string &path, uint64_t &lo, std::vector<uint32_t> &words) {
+// The .text of an executable and its function symbols, by address.
+bool read_text(const std::string &path, uint64_t &lo, std::vector<uint32_t> &words, std::vector<Symbol> &syms) {
   ElfFile f(path);
   std::vector<uint8_t> v = f.contents(".text");
-  lo = f.shdr(".text").sh_addr;
+  GElf_Shdr text = f.shdr(".text");
+  lo = text.sh_addr;
   words.clear();
   for (size_t i = 0; i + 4 <= v.size(); i += 4)
     words.push_back(load32(&v[i]));
+  syms.clear();
+  for (const ElfSymbol &s : f.functions())
+    if (s.value >= lo && s.value < lo + text.sh_size)
+      syms.push_back({s.value, s.size, s.name});
+  std::stable_sort(syms.begin(), syms.end(), [](const Symbol &a, const Symbol &b) { return a.addr < b.addr; });
   return !v.empty();
-}
-
-// Code symbols inside [lo, hi), by address.
-std::vector<Symbol> text_symbols(const BenchExe &e, uint64_t lo, uint64_t hi) {
-  std::string nm = e.abi == "o32" ? "mips-linux-gnu-nm" : "mips64-linux-gnuabi64-nm";
-  RunResult r = run_command({nm, "-S", "-n", e.path});
-  std::vector<Symbol> v;
-  std::istringstream in(r.out);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream f(line);
-    std::vector<std::string> w;
-    for (std::string s; f >> s;)
-      w.push_back(s);
-    if (w.size() < 3)
-      continue;
-    std::string type = w[w.size() - 2];
-    if (type != "T" && type != "t" && type != "W" && type != "w")
-      continue;
-    Symbol s{std::stoull(w[0], nullptr, 16), w.size() == 4 ? std::stoull(w[1], nullptr, 16) : 0, w.back()};
-    if (s.addr >= lo && s.addr < hi)
-      v.push_back(s);
-  }
-  return v;
 }
 
 struct RealPlanning : Planning {
   // Builds the table; returns false when the executable cannot be read.
-  bool load(const BenchExe &e, std::vector<Symbol> &syms, bool dwarf_like, std::mt19937 &rng) {
+  bool load(const BenchExe &e, bool dwarf_like, std::mt19937 &rng) {
     reset_proc_table();
     uint64_t lo = 0;
     std::vector<uint32_t> words;
-    if (!read_text(e.path, lo, words))
+    std::vector<Symbol> syms;
+    if (!read_text(e.path, lo, words, syms))
       return false;
     set_text(lo, words);
-    if (syms.empty())
-      syms = text_symbols(e, bin.text_lo, bin.text_hi);
     if (!dwarf_like) {
       for (const Symbol &s : syms)
         make(keep(s.name), s.addr, 0, "x.c");
@@ -153,12 +130,11 @@ TEST_F(RealPlanning, ReversedAndHalfFeedbackOnTheBench) {
     if (!e.explicit_relocs || e.model != (e.abi == "o32" ? "fno-pie" : e.abi == "n32" ? "pie" : "no-pie"))
       continue;
     ++exes;
-    std::vector<Symbol> syms;
     for (bool dwarf_like : {false, true}) {
       for (int variant = 0; variant < 2; ++variant) {
         SCOPED_TRACE(e.name + (dwarf_like ? " dwarf-like" : " mdebug-like") +
                      (variant ? " random half" : " reversed"));
-        ASSERT_TRUE(load(e, syms, dwarf_like, rng));
+        ASSERT_TRUE(load(e, dwarf_like, rng));
         std::vector<Proc *> procs = by_address();
         ASSERT_GT(procs.size(), 10u);
         std::vector<Proc *> fed;

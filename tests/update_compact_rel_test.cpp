@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <functional>
 #include <unistd.h>
 
 #include "com/compact_rel.h"
@@ -45,25 +46,15 @@ struct Image {
   void load() {
     SynthElf img;
     img.add(text_section(TEXT, text));
-    SynthSection d;
-    d.name = ".data";
-    d.flags = SHF_ALLOC | SHF_WRITE;
-    d.addr = DATA;
+    SynthSection d{.name = ".data", .flags = SHF_ALLOC | SHF_WRITE, .addr = DATA};
     for (uint32_t w : data)
       put32(d.data, w);
     img.add(d);
     // libelf hands .init_array over in host order.
-    SynthSection init;
-    init.name = ".init_array";
-    init.type = SHT_INIT_ARRAY;
-    init.flags = SHF_ALLOC | SHF_WRITE;
-    init.addr = INIT_ARRAY;
-    init.dtype = ELF_T_ADDR;
-    init.data = records(init_array);
-    img.add(init);
+    img.add({.name = ".init_array", .type = SHT_INIT_ARRAY, .flags = SHF_ALLOC | SHF_WRITE, .addr = INIT_ARRAY,
+             .data = records(init_array), .dtype = ELF_T_ADDR});
     if (with_section) {
-      SynthSection c;
-      c.name = ".compact_rel";
+      SynthSection c{.name = ".compact_rel"};
       if (!header_override.empty()) {
         c.data = header_override;
       } else {
@@ -79,10 +70,7 @@ struct Image {
       }
       img.add(c);
     }
-    SynthSection note;
-    note.name = ".comment";
-    note.data = {'v', 'e', 's', 'k', 0};
-    img.add(note);
+    img.add({.name = ".comment", .data = {'v', 'e', 's', 'k', 0}});
     std::string path = img.write(temp_path("ucr"));
     fd = open(path.c_str(), O_RDONLY);
     elf = elf_begin(fd, ELF_C_READ, nullptr);
@@ -169,7 +157,10 @@ TEST(UpdateCompactRel, RepointsHiLoPairsWithCarryAndLeavesOtherAddresses) {
   im.text[1] = addiu(2, 2, 0x8004);        // forms B+4
   im.text[2] = lui(3, 0x41);
   im.text[3] = addiu(3, 3, 0x0000);        // forms 0x410000: data, nothing to do
-  im.entries = {{7, B + 4, 4, A + 4}, {7, DATA, 4, A + 12}};
+  im.text[4] = lui(2, 0x40);
+  im.text[5] = addiu(4, 2, 0x7ff8);        // forms A+8
+  im.text[6] = addiu(5, 2, 0x7ff8);        // the same address through the same %hi
+  im.entries = {{7, B + 4, 4, A + 4}, {7, DATA, 4, A + 12}, {7, A + 8, 4, B + 4}, {7, A + 8, 8, B + 8}};
   im.load();
   testing::internal::CaptureStderr();
   update_compact_rel();
@@ -179,27 +170,16 @@ TEST(UpdateCompactRel, RepointsHiLoPairsWithCarryAndLeavesOtherAddresses) {
   EXPECT_EQ(mips::imm16(im.new_word(0x408000)), 0x40u);
   EXPECT_EQ(im.new_word(0x408008), lui(3, 0x41));
   EXPECT_EQ(im.new_word(0x40800c), addiu(3, 3, 0));
+  // A shared %hi is patched once for every %lo.
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 4)), 0x408008u);
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 8)), 0x408008u);
   auto r = im.result();
-  ASSERT_EQ(r.size(), 2u);
+  ASSERT_EQ(r.size(), 4u);
   EXPECT_EQ(r[0].vaddr, 0x408004u);
   EXPECT_EQ(r[0].konst, 0x407ff4u);
   EXPECT_EQ(r[0].dist2to, 4u);
   EXPECT_EQ(r[1].vaddr, A + 12); // re-emitted exactly as read
   EXPECT_EQ(r[1].konst, DATA);
-}
-
-TEST(UpdateCompactRel, SharedHiIsPatchedOnceForEveryLo) {
-  Image im;
-  im.text[4] = lui(2, 0x40);
-  im.text[5] = addiu(4, 2, 0x7ff8);        // forms A+8
-  im.text[6] = addiu(5, 2, 0x7ff8);        // the same address through the same %hi
-  im.entries = {{7, A + 8, 4, B + 4}, {7, A + 8, 8, B + 8}};
-  im.load();
-  testing::internal::CaptureStderr();
-  update_compact_rel();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 4)), 0x408008u);
-  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 8)), 0x408008u);
 }
 
 TEST(UpdateCompactRel, RepointsGpSetUpPairs) {
@@ -225,15 +205,13 @@ TEST(UpdateCompactRel, RepointsGpSetUpPairs) {
   EXPECT_EQ(r[0].konst, nv);
   EXPECT_EQ(r[1].vaddr, TEXT);
   EXPECT_EQ(r[1].konst, GP - (TEXT + 4));
-}
 
-TEST(UpdateCompactRel, WarnsWhenAGpPairDisagreesWithItsKonst) {
-  Image im;
-  uint32_t value = GP - (A + 8);
-  im.text[2] = lui(28, mips::hi16_adjusted(value));
-  im.text[3] = addiu(28, 28, value);
-  im.entries = {{4, value + 4, 4, A + 8}};
-  im.load();
+  // A pair that disagrees with its konst is repaired with a warning.
+  Image bad;
+  bad.text[2] = lui(28, mips::hi16_adjusted(value));
+  bad.text[3] = addiu(28, 28, value);
+  bad.entries = {{4, value + 4, 4, A + 8}};
+  bad.load();
   testing::internal::CaptureStderr();
   update_compact_rel();
   char want[128];
@@ -314,55 +292,38 @@ TEST(UpdateCompactRel, GrowsTheSectionWhenEntriesNeedAddressWords) {
 }
 
 TEST(UpdateCompactRelDeathTest, RefusesMalformedSectionsAndEntries) {
-  auto run = [](Image &im) {
-    im.load();
-    update_compact_rel();
+  auto header = [](std::initializer_list<uint32_t> words) {
+    return [words](Image &im) {
+      for (uint32_t w : words)
+        put32(im.header_override, w);
+    };
   };
-  {
+  auto entries = [](std::vector<CompactRelEntry> e) { return [e](Image &im) { im.entries = e; }; };
+  const std::pair<std::function<void(Image &)>, std::string> cases[] = {
+      {[](Image &im) { im.with_section = false; }, "^Error: no .compact_rel section.\n$"},
+      {header({1u, 0u, 5u, 5u}), "^Error: the .compact_rel header has no terminating pair inside the section.\n$"},
+      {header({1u, 3u, 0u, 0u, 3u << 27 | 1u}), "^Error: .compact_rel entry 2 of 3 runs past the end of the section.\n$"},
+      {entries({{1, 0, 0, A}}), "^Error: unknown compact relocation type 1.\n$"},
+      {entries({{7, A, 4, DATA}}), "^Error: CM_R_TYPE_HI_LO not in text.\n$"},
+      // its %hi would lie in front of the text
+      {entries({{7, A, 8, A + 4}}), "partner instruction 0x407fec lies outside .text"},
+      {[](Image &im) {
+         im.text[0] = lui(28, 1);
+         im.text[1] = lw(28, 28, 0); // not an addiu
+         im.entries = {{4, 0x10000, 4, A}};
+       },
+       "^Error: com/update_compact_rel:[0-9]+ ASSERT\\(new_inst2->i_format.opcode == addiu_op\\).\n$"},
+      // a word no section holds
+      {entries({{3, A, 0, 0x600000}}), "no section of the output holds the word at 0x600000"},
+  };
+  for (const auto &[setup, message] : cases) {
     Image im;
-    im.with_section = false;
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: no .compact_rel section.\n$");
-  }
-  {
-    Image im;
-    for (uint32_t w : {1u, 0u, 5u, 5u})
-      put32(im.header_override, w);
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
-                "^Error: the .compact_rel header has no terminating pair inside the section.\n$");
-  }
-  {
-    Image im;
-    for (uint32_t w : {1u, 3u, 0u, 0u, 3u << 27 | 1u})
-      put32(im.header_override, w);
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
-                "^Error: .compact_rel entry 2 of 3 runs past the end of the section.\n$");
-  }
-  {
-    Image im;
-    im.entries = {{1, 0, 0, A}};
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: unknown compact relocation type 1.\n$");
-  }
-  {
-    Image im;
-    im.entries = {{7, A, 4, DATA}};
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "^Error: CM_R_TYPE_HI_LO not in text.\n$");
-  }
-  {
-    Image im;
-    im.entries = {{7, A, 8, A + 4}}; // its %hi would lie in front of the text
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "partner instruction 0x407fec lies outside .text");
-  }
-  {
-    Image im;
-    im.text[0] = lui(28, 1);
-    im.text[1] = lw(28, 28, 0); // not an addiu
-    im.entries = {{4, 0x10000, 4, A}};
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1),
-                "^Error: com/update_compact_rel:[0-9]+ ASSERT\\(new_inst2->i_format.opcode == addiu_op\\).\n$");
-  }
-  {
-    Image im;
-    im.entries = {{3, A, 0, 0x600000}}; // a word no section holds
-    EXPECT_EXIT(run(im), testing::ExitedWithCode(1), "no section of the output holds the word at 0x600000");
+    setup(im);
+    EXPECT_EXIT(
+        {
+          im.load();
+          update_compact_rel();
+        },
+        testing::ExitedWithCode(1), message);
   }
 }
