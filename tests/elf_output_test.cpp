@@ -53,35 +53,11 @@ SynthElf gappy_image(bool is64) {
   img.is64 = is64;
   img.entry = 0x400100;
   img.add(text_section(0x400100, {0x27bdffe0, 0x03e00008, 0x00000000}));
-  SynthSection ro;
-  ro.name = ".rodata";
-  ro.type = SHT_PROGBITS;
-  ro.flags = SHF_ALLOC;
-  ro.addr = 0x400200;
-  ro.data = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  ro.align = 64; // forces a gap in front of it
-  img.add(ro);
-  SynthSection bss;
-  bss.name = ".bss";
-  bss.type = SHT_NOBITS;
-  bss.flags = SHF_ALLOC | SHF_WRITE;
-  bss.addr = 0x410000;
-  bss.nobits_size = 0x100;
-  img.add(bss);
-  SynthSection empty;
-  empty.name = ".empty";
-  empty.type = SHT_PROGBITS;
-  empty.flags = 0;
-  empty.addr = 0;
-  img.add(empty);
-  SynthSection note;
-  note.name = ".comment";
-  note.type = SHT_PROGBITS;
-  note.flags = 0;
-  note.addr = 0;
-  note.data = {'v', 'e', 's', 'k', 0};
-  note.align = 1;
-  img.add(note);
+  // .rodata's alignment forces a gap in front of it.
+  img.add({.name = ".rodata", .flags = SHF_ALLOC, .addr = 0x400200, .data = {1, 2, 3, 4, 5, 6, 7, 8, 9}, .align = 64});
+  img.add({.name = ".bss", .type = SHT_NOBITS, .flags = SHF_ALLOC | SHF_WRITE, .addr = 0x410000, .nobits_size = 0x100});
+  img.add({.name = ".empty"});
+  img.add({.name = ".comment", .data = {'v', 'e', 's', 'k', 0}, .align = 1});
   img.phdrs.push_back({PT_LOAD, PF_R | PF_X, 0});
   return img;
 }
@@ -148,34 +124,12 @@ TEST_F(OutputImage, GapsAndTrailingBytesOfASyntheticImageSurvive) {
 TEST_F(OutputImage, AddressLookupFindsTheHoldingSectionAndChecksTheRange) {
   SynthElf img;
   img.add(text_section(0x400100, {0x11111111, 0x22222222}));
-  SynthSection tbss; // thread-local, shares its addresses with .next
-  tbss.name = ".tbss";
-  tbss.type = SHT_NOBITS;
-  tbss.flags = SHF_ALLOC | SHF_WRITE | SHF_TLS;
-  tbss.addr = 0x400108;
-  tbss.nobits_size = 8;
-  img.add(tbss);
-  SynthSection next;
-  next.name = ".next";
-  next.type = SHT_PROGBITS;
-  next.flags = SHF_ALLOC;
-  next.addr = 0x400108;
-  vesk::test::put32(next.data, 0x33333333);
-  img.add(next);
-  SynthSection bss;
-  bss.name = ".bss";
-  bss.type = SHT_NOBITS;
-  bss.flags = SHF_ALLOC | SHF_WRITE;
-  bss.addr = 0x400200;
-  bss.nobits_size = 0x10;
-  img.add(bss);
-  SynthSection unalloc;
-  unalloc.name = ".note.x";
-  unalloc.type = SHT_PROGBITS;
-  unalloc.flags = 0;
-  unalloc.addr = 0x400300;
-  vesk::test::put32(unalloc.data, 0x44444444);
-  img.add(unalloc);
+  // .tbss is thread-local and shares its addresses with .next.
+  img.add({.name = ".tbss", .type = SHT_NOBITS, .flags = SHF_ALLOC | SHF_WRITE | SHF_TLS, .addr = 0x400108,
+           .nobits_size = 8});
+  img.add({.name = ".next", .flags = SHF_ALLOC, .addr = 0x400108, .data = {0x33, 0x33, 0x33, 0x33}});
+  img.add({.name = ".bss", .type = SHT_NOBITS, .flags = SHF_ALLOC | SHF_WRITE, .addr = 0x400200, .nobits_size = 0x10});
+  img.add({.name = ".note.x", .addr = 0x400300, .data = {0x44, 0x44, 0x44, 0x44}});
   std::string in = img.write(temp_path("addr"));
   load_input(in, temp_path("addr-out"));
   begin_output();

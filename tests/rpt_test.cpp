@@ -39,12 +39,7 @@ struct RptImage {
       symbols.push_back({"_procedure_table", TABLE});
     symbols.push_back({"_procedure_table_size", count});
 
-    SynthSection str;
-    str.name = ".dynstr";
-    str.type = SHT_STRTAB;
-    str.flags = SHF_ALLOC;
-    str.addr = DYNSTR;
-    str.data.push_back(0);
+    SynthSection str{.name = ".dynstr", .type = SHT_STRTAB, .flags = SHF_ALLOC, .addr = DYNSTR, .data = {0}};
     std::vector<Elf32_Sym> syms(1);
     for (auto &[name, value] : symbols) {
       Elf32_Sym s{};
@@ -67,31 +62,13 @@ struct RptImage {
     }
     if (!hash_override.empty())
       hash = hash_override;
-    SynthSection ds;
-    ds.name = ".dynsym";
-    ds.type = SHT_DYNSYM;
-    ds.flags = SHF_ALLOC;
-    ds.addr = 0x301000;
-    ds.dtype = ELF_T_SYM;
-    ds.data = records(syms);
-    ds.link = uint32_t(str_index + 1);
-    ds.entsize = sizeof(Elf32_Sym);
-    size_t sym_index = img.add(ds);
-    SynthSection hs;
-    hs.name = ".hash";
-    hs.type = SHT_HASH;
-    hs.flags = SHF_ALLOC;
-    hs.addr = 0x302000;
-    hs.dtype = ELF_T_WORD;
-    hs.data = records(hash);
-    hs.link = uint32_t(sym_index + 1);
-    hs.entsize = 4;
-    img.add(hs);
+    size_t sym_index = img.add({.name = ".dynsym", .type = SHT_DYNSYM, .flags = SHF_ALLOC, .addr = 0x301000,
+                                .data = records(syms), .dtype = ELF_T_SYM, .link = uint32_t(str_index + 1),
+                                .entsize = sizeof(Elf32_Sym)});
+    img.add({.name = ".hash", .type = SHT_HASH, .flags = SHF_ALLOC, .addr = 0x302000, .data = records(hash),
+             .dtype = ELF_T_WORD, .link = uint32_t(sym_index + 1), .entsize = 4});
 
-    SynthSection t;
-    t.name = ".data";
-    t.flags = SHF_ALLOC | SHF_WRITE;
-    t.addr = TABLE;
+    SynthSection t{.name = ".data", .flags = SHF_ALLOC | SHF_WRITE, .addr = TABLE};
     for (size_t i = 0; i < table.size(); ++i) {
       put32(t.data, table[i]);
       for (uint32_t k = 1; k < 10; ++k)

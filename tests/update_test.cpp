@@ -46,18 +46,6 @@ template <class Sym> Sym sym(uint64_t value, uint16_t shndx) {
   return s;
 }
 
-SynthSection section(const char *name, uint32_t type, uint64_t flags, uint64_t addr, std::vector<uint8_t> data,
-                     Elf_Type dtype = ELF_T_BYTE) {
-  SynthSection s;
-  s.name = name;
-  s.type = type;
-  s.flags = flags;
-  s.addr = addr;
-  s.data = std::move(data);
-  s.dtype = dtype;
-  return s;
-}
-
 template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_flags) {
   constexpr bool is64 = sizeof(typename C::Addr) == 8;
   using Dyn = std::conditional_t<is64, Elf64_Dyn, Elf32_Dyn>;
@@ -68,14 +56,16 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
   SynthElf img;
   img.is64 = is64;
   img.entry = entry;
-  img.add(section(".init", SHT_PROGBITS, SHF_ALLOC | SHF_EXECINSTR, INIT, std::vector<uint8_t>(0x20)));
+  img.add({.name = ".init", .type = SHT_PROGBITS, .flags = SHF_ALLOC | SHF_EXECINSTR,
+           .addr = INIT, .data = std::vector<uint8_t>(0x20)});
   img.add(text_section(TEXT, std::vector<uint32_t>(128, 0)));
-  img.add(section(".MIPS.stubs", SHT_PROGBITS, SHF_ALLOC | SHF_EXECINSTR, STUBS, std::vector<uint8_t>(0x20)));
+  img.add({.name = ".MIPS.stubs", .type = SHT_PROGBITS, .flags = SHF_ALLOC | SHF_EXECINSTR,
+           .addr = STUBS, .data = std::vector<uint8_t>(0x20)});
 
   std::vector<uint8_t> data;
   for (uint64_t v : {TEXT + 8, STUBS, TEXT + 0x10})
     word(data, v);
-  img.add(section(".data", SHT_PROGBITS, SHF_ALLOC | SHF_WRITE, DATA, data));
+  img.add({.name = ".data", .type = SHT_PROGBITS, .flags = SHF_ALLOC | SHF_WRITE, .addr = DATA, .data = data});
 
   std::vector<uint8_t> got;
   // reserved, module pointer, page in .text, first address, page, address,
@@ -83,7 +73,8 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
   for (uint64_t v : {uint64_t(0), uint64_t(0x80000000), uint64_t(0x400000), TEXT + 4, uint64_t(0x410000),
                      TEXT + 0x14, TEXT + 0x20, STUBS + 0x10, TEXT_END})
     word(got, v);
-  img.add(section(".got", SHT_PROGBITS, SHF_ALLOC | SHF_WRITE | SHF_MIPS_GPREL, GOT, got));
+  img.add({.name = ".got", .type = SHT_PROGBITS, .flags = SHF_ALLOC | SHF_WRITE | SHF_MIPS_GPREL,
+           .addr = GOT, .data = got});
 
   std::vector<Dyn> d = {dyn<Dyn>(DT_INIT, INIT),
                         dyn<Dyn>(DT_FINI, TEXT + 0x10),
@@ -93,7 +84,8 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
                         dyn<Dyn>(DT_MIPS_LOCAL_GOTNO, LOCAL_GOTNO),
                         dyn<Dyn>(DT_NULL, 0),
                         dyn<Dyn>(DT_FINI, TEXT + 0x10)}; // behind DT_NULL: not an entry
-  img.add(section(".dynamic", SHT_DYNAMIC, SHF_ALLOC | SHF_WRITE, 0x420000, records(d), ELF_T_DYN));
+  img.add({.name = ".dynamic", .type = SHT_DYNAMIC, .flags = SHF_ALLOC | SHF_WRITE,
+           .addr = 0x420000, .data = records(d), .dtype = ELF_T_DYN});
 
   std::vector<Rel> rel(is64 ? 6 : 5);
   auto info = [](uint32_t sym, uint32_t type, uint32_t type2) -> uint64_t {
@@ -107,18 +99,20 @@ template <class C> std::string code_address_image(uint64_t entry, uint32_t mips_
   rel[4] = {decltype(rel[4].r_offset)(GOT + 5 * (is64 ? 8 : 4)), decltype(rel[4].r_info)(info(0, 3, 18))};
   if (is64)
     rel[5] = {decltype(rel[5].r_offset)(DATA + 8), decltype(rel[5].r_info)(info(0, 3, 1))};
-  img.add(section(".rel.dyn", SHT_REL, SHF_ALLOC, 0x430000, records(rel), ELF_T_REL));
+  img.add({.name = ".rel.dyn", .type = SHT_REL, .flags = SHF_ALLOC,
+           .addr = 0x430000, .data = records(rel), .dtype = ELF_T_REL});
 
   std::vector<Sym> dynsym = {Sym{}, sym<Sym>(TEXT + 0x20, 2), sym<Sym>(STUBS, 3), sym<Sym>(0, SHN_UNDEF),
                              sym<Sym>(TEXT + 0x24, 2)};
-  img.add(section(".dynsym", SHT_DYNSYM, SHF_ALLOC, 0x440000, records(dynsym), ELF_T_SYM));
+  img.add({.name = ".dynsym", .type = SHT_DYNSYM, .flags = SHF_ALLOC,
+           .addr = 0x440000, .data = records(dynsym), .dtype = ELF_T_SYM});
   std::vector<Sym> symtab = {Sym{},
                              sym<Sym>(TEXT + 0x30, SHN_ABS),
                              sym<Sym>(8, SHN_COMMON),
                              sym<Sym>(TEXT + 0x30, SHN_COMMON),
                              sym<Sym>(TEXT + 0x34, 2),
                              sym<Sym>(0, 2)};
-  img.add(section(".symtab", SHT_SYMTAB, 0, 0, records(symtab), ELF_T_SYM));
+  img.add({.name = ".symtab", .type = SHT_SYMTAB, .flags = 0, .addr = 0, .data = records(symtab), .dtype = ELF_T_SYM});
   for (auto &s : img.sections)
     if (s.dtype != ELF_T_BYTE)
       s.entsize = is64 ? (s.dtype == ELF_T_SYM ? 24 : 16) : (s.dtype == ELF_T_SYM ? 16 : 8);

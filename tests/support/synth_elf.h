@@ -11,13 +11,13 @@
 namespace vesk::test {
 
 struct SynthSection {
-  std::string name;
+  std::string name{};
   uint32_t type = SHT_PROGBITS;
   uint64_t flags = 0;
   uint64_t addr = 0;
   // Contents as libelf holds them in memory: raw big-endian bytes for
   // ELF_T_BYTE sections, host-order records for typed ones (dtype).
-  std::vector<uint8_t> data;
+  std::vector<uint8_t> data{};
   Elf_Type dtype = ELF_T_BYTE;
   uint32_t link = 0;
   uint32_t info = 0;
