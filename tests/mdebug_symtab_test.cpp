@@ -71,39 +71,29 @@ TEST(MdebugSymtab, ReadsTablesSymbolsAndNames) {
   EXPECT_EQ(mdebug_external_name(h, 2), nullptr);
 }
 
-TEST(MdebugSymtab, HeaderIsRefused) {
-  std::vector<uint8_t> v = two_files().build(FILE_OFF);
-  std::vector<uint8_t> short_section(v.begin(), v.begin() + 95);
-  EXPECT_EXIT(mdebug_symtab(open_bytes(short_section)), ExitedWithCode(1),
-              "^Error: synthetic: the \\.mdebug section of 95 bytes is too small for its symbolic header \\(96 bytes\\)\\.\n$");
-  std::vector<uint8_t> bad = v;
-  hdr_of(bad).magic = 0x7008;
-  EXPECT_EXIT(mdebug_symtab(open_bytes(bad)), ExitedWithCode(1), "^Error: synthetic: the \\.mdebug section has magic 0x7008");
-  hdr_of(bad).magic = MDEBUG_MAGIC_64;
-  EXPECT_EXIT(mdebug_symtab(open_bytes(bad)), ExitedWithCode(1), "holds a 64-bit symbolic table \\(magic 0x1992\\)");
-}
-
-TEST(MdebugSymtab, TablesOutsideTheSectionAreRefused) {
+TEST(MdebugSymtab, DamagedHeadersAndTablesAreRefused) {
   const std::vector<uint8_t> good = two_files().build(FILE_OFF);
-  struct Case {
-    const char *what;
-    std::function<void(Hdrr &)> damage;
-  } cases[] = {
-      {"file descriptors \\(3 entries", [](Hdrr &h) { h.ifdMax = 3; }},
-      {"file descriptors \\(2 entries at file offset 0x1000\\)", [](Hdrr &h) { h.cbFdOffset = 0x1000; }},
-      {"procedure descriptors \\(4294967295 entries", [](Hdrr &h) { h.ipdMax = 0xFFFFFFFF; }},
-      {"local symbols", [](Hdrr &h) { h.cbSymOffset = 0xFFFFFFF0; }},
-      {"local strings", [](Hdrr &h) { h.issMax = h.issMax + 1000; }},
-      {"external symbols", [](Hdrr &h) { h.iextMax = 100; }},
-      {"external strings", [](Hdrr &h) { h.cbSsExtOffset = 0; }},
+  auto outside = [](const std::string &what) {
+    return "^Error: synthetic: the mdebug " + what +
+           ".*lie outside the \\.mdebug section \\(file offset 0x2000, [0-9]+ bytes\\)\\.\n$";
   };
-  for (const Case &c : cases) {
+  const std::pair<std::function<void(std::vector<uint8_t> &)>, std::string> cases[] = {
+      {[](auto &v) { v.resize(95); },
+       "^Error: synthetic: the \\.mdebug section of 95 bytes is too small for its symbolic header \\(96 bytes\\)\\.\n$"},
+      {[](auto &v) { hdr_of(v).magic = 0x7008; }, "^Error: synthetic: the \\.mdebug section has magic 0x7008"},
+      {[](auto &v) { hdr_of(v).magic = MDEBUG_MAGIC_64; }, "holds a 64-bit symbolic table \\(magic 0x1992\\)"},
+      {[](auto &v) { hdr_of(v).ifdMax = 3; }, outside("file descriptors \\(3 entries")},
+      {[](auto &v) { hdr_of(v).cbFdOffset = 0x1000; }, outside("file descriptors \\(2 entries at file offset 0x1000\\)")},
+      {[](auto &v) { hdr_of(v).ipdMax = 0xFFFFFFFF; }, outside("procedure descriptors \\(4294967295 entries")},
+      {[](auto &v) { hdr_of(v).cbSymOffset = 0xFFFFFFF0; }, outside("local symbols")},
+      {[](auto &v) { hdr_of(v).issMax = hdr_of(v).issMax + 1000; }, outside("local strings")},
+      {[](auto &v) { hdr_of(v).iextMax = 100; }, outside("external symbols")},
+      {[](auto &v) { hdr_of(v).cbSsExtOffset = 0; }, outside("external strings")},
+  };
+  for (const auto &[damage, message] : cases) {
     std::vector<uint8_t> v = good;
-    c.damage(hdr_of(v));
-    EXPECT_EXIT(loaded(v), ExitedWithCode(1),
-                std::string("^Error: synthetic: the mdebug ") + c.what + ".*lie outside the \\.mdebug section "
-                "\\(file offset 0x2000, [0-9]+ bytes\\)\\.\n$")
-        << c.what;
+    damage(v);
+    EXPECT_EXIT(loaded(v), ExitedWithCode(1), message);
   }
 }
 
