@@ -154,14 +154,6 @@ TEST(Rpt, RepointsAndSortsTheTableNamedByProcedureTable) {
             (Rows{{0, 401}, {TEXT + 8, 301}, {TEXT + 20, 101}, {TEXT + 28, 1}, {0x500000, 201}}));
 }
 
-TEST(Rpt, LeavesTheTableAloneWhenItsSizeIsZero) {
-  RptImage im;
-  im.table = {TEXT + 8, TEXT};
-  im.load(0);
-  update_rpt();
-  EXPECT_EQ(RptImage::rows(im.table_bytes(), 2), (Rows{{TEXT + 8, 1}, {TEXT, 101}}));
-}
-
 TEST(Rpt, RepairsATableFoundThroughItsProgramHeaderInTheWrittenFile) {
   RptImage im;
   im.table_symbol = false;
@@ -184,35 +176,36 @@ TEST(Rpt, RepairsATableFoundThroughItsProgramHeaderInTheWrittenFile) {
   EXPECT_EQ(RptImage::rows(p, 3), (Rows{{TEXT + 12, 201}, {TEXT + 16, 101}, {TEXT + 24, 1}}));
 }
 
-TEST(Rpt, WithoutTableSymbolOrHeaderNothingHappens) {
-  RptImage im;
-  im.table_symbol = false;
-  im.table = {TEXT + 4, TEXT};
-  im.load(2);
-  update_rpt();
-  EXPECT_EQ(bin.rpt_in_file, 0);
-  EXPECT_EQ(RptImage::rows(im.table_bytes(), 2), (Rows{{TEXT + 4, 1}, {TEXT, 101}}));
+TEST(Rpt, WithoutTableSymbolOrHeaderOrSizeNothingHappens) {
+  for (bool table_symbol : {false, true}) {
+    RptImage im;
+    im.table_symbol = table_symbol;
+    im.table = {TEXT + 4, TEXT};
+    im.load(table_symbol ? 0 : 2);
+    update_rpt();
+    EXPECT_EQ(bin.rpt_in_file, 0);
+    EXPECT_EQ(RptImage::rows(im.table_bytes(), 2), (Rows{{TEXT + 4, 1}, {TEXT, 101}}));
+  }
 }
 
 TEST(RptDeathTest, RefusesCorruptHashTablesAndTablesOutsideTheImage) {
-  {
+  struct Case {
+    std::vector<uint32_t> hash;
+    uint32_t table_size;
+    std::string message;
+  } cases[] = {
+      {{1, 3, 2, 0, 2, 2}, 0, "^Error: the .hash section is corrupt"}, // symbol 2 chains to itself
+      {{4, 9, 1}, 0, "^Error: the .hash section is truncated"},
+      // two descriptors named, one present
+      {{}, 2, "^Error: the runtime procedure table at 0x410000 \\(2 entries\\) does not lie inside a section"},
+  };
+  for (const Case &c : cases) {
     RptImage im;
-    im.hash_override = {1, 3, 2, 0, 2, 2}; // symbol 2 chains to itself
+    im.hash_override = c.hash;
     im.symbols = {{"a", 1}};
-    im.load(0);
-    EXPECT_EXIT(dynsym_get_value(im.elf, "nothere"), testing::ExitedWithCode(1), "^Error: the .hash section is corrupt");
-  }
-  {
-    RptImage im;
-    im.hash_override = {4, 9, 1};
-    im.load(0);
-    EXPECT_EXIT(dynsym_get_value(im.elf, "x"), testing::ExitedWithCode(1), "^Error: the .hash section is truncated");
-  }
-  {
-    RptImage im;
     im.table = {TEXT};
-    im.load(2); // two descriptors named, one present
-    EXPECT_EXIT(update_rpt(), testing::ExitedWithCode(1),
-                "^Error: the runtime procedure table at 0x410000 \\(2 entries\\) does not lie inside a section");
+    im.load(c.table_size);
+    EXPECT_EXIT(c.hash.empty() ? update_rpt() : (void)dynsym_get_value(im.elf, "nothere"), testing::ExitedWithCode(1),
+                c.message);
   }
 }

@@ -267,27 +267,4 @@ std::vector<uint8_t> file_bytes(const std::string &path) {
   return std::vector<uint8_t>(s.begin(), s.end());
 }
 
-std::vector<uint8_t> file_bytes_without_time_stamp(const std::string &path) {
-  std::vector<uint8_t> bytes = file_bytes(path);
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  size_t size = gelf_getclass(e) == ELFCLASS64 ? 8 : 4;
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    if (sh.sh_type != SHT_DYNAMIC)
-      continue;
-    Elf_Data *d = elf_getdata(s, nullptr);
-    GElf_Dyn dyn;
-    for (int i = 0; gelf_getdyn(d, i, &dyn); ++i) {
-      size_t at = sh.sh_offset + size_t(i) * 2 * size + size;
-      if (dyn.d_tag == DT_MIPS_TIME_STAMP && at + size <= bytes.size())
-        std::fill(bytes.begin() + long(at), bytes.begin() + long(at + size), 0);
-    }
-  }
-  elf_end(e);
-  close(fd);
-  return bytes;
-}
-
 } // namespace vesk::test

@@ -57,8 +57,5 @@ void lay_out_unchanged();
 
 // The contents of a whole file.
 std::vector<uint8_t> file_bytes(const std::string &path);
-// The same with the value of every DT_MIPS_TIME_STAMP entry set to zero, so
-// that two outputs of the same run compare equal whenever they were written.
-std::vector<uint8_t> file_bytes_without_time_stamp(const std::string &path);
 
 } // namespace vesk::test
