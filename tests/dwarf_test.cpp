@@ -17,6 +17,7 @@
 
 #include "support/bench.h"
 #include "support/elf_file.h"
+#include "support/read_bin.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
@@ -54,14 +55,7 @@ std::vector<Rec> discover(const std::string &path, int debug = 0) {
     const Proc *p = get_proc_by_index(i);
     out.push_back({p->name ? p->name : "<null>", p->file_name ? p->file_name : "<null>", p->old_addr, p->size});
   }
-  elf_end(bin.in_elf);
-  close(bin.in_fd);
-  if (bin.is_elf32) { // the widened header is the reader's own copy
-    std::free(in_ehdr);
-    in_ehdr = nullptr;
-  }
-  reset_proc_table();
-  option = Options{};
+  release_input();
   return out;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "com/mdebug.h"
+#include "support/read_bin.h"
 #include "support/synth_elf.h"
 #include "support/synth_mdebug.h"
 #include "vesk/bin.h"
@@ -34,21 +35,6 @@ struct MdebugDiscovery : ::testing::Test {
     bin = Bin{};
   }
   void TearDown() override { release_input(); }
-
-  // What a run keeps to its end, given back so that the next reading in
-  // this process starts clean.
-  static void release_input() {
-    if (bin.in_elf)
-      elf_end(bin.in_elf);
-    if (bin.in_fd > 0)
-      close(bin.in_fd);
-    if (bin.is_elf32)
-      free(in_ehdr);
-    in_ehdr = nullptr;
-    bin = Bin{};
-    reset_proc_table();
-    reset_mdebug_discovery();
-  }
 
   void write(const SynthMdebug &t, uint32_t text_words = 0x1000,
              const std::function<void(std::vector<uint8_t> &, uint64_t)> &patch = nullptr) {

@@ -19,6 +19,7 @@
 #include "com/mdebug.h"
 #include "mdebug/symtab.h"
 #include "support/elf_file.h"
+#include "support/read_bin.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
@@ -76,18 +77,7 @@ struct MdebugReal : ::testing::TestWithParam<std::pair<const char *, const char 
     option = Options{};
     bin = Bin{};
   }
-  void TearDown() override {
-    if (bin.in_elf)
-      elf_end(bin.in_elf);
-    if (bin.in_fd > 0)
-      close(bin.in_fd);
-    if (bin.is_elf32)
-      free(in_ehdr);
-    in_ehdr = nullptr;
-    bin = Bin{};
-    reset_proc_table();
-    reset_mdebug_discovery();
-  }
+  void TearDown() override { release_input(); }
 };
 
 } // namespace

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <unistd.h>
 
+#include "com/mdebug.h"
 #include "support/child.h"
 #include "vesk/bin.h"
 #include "vesk/options.h"
@@ -72,6 +74,21 @@ ReadResult read_binary_in_child(const std::string &path, bool debug) {
     r.run.out.erase(at);
   }
   return r;
+}
+
+void release_input() {
+  if (bin.in_elf)
+    elf_end(bin.in_elf);
+  if (bin.in_fd > 0)
+    close(bin.in_fd);
+  if (bin.is_elf32)
+    std::free(in_ehdr);
+  in_ehdr = nullptr;
+  bin = Bin{};
+  option = Options{};
+  reset_proc_table();
+  reset_mdebug_discovery();
+  reset_mdebug_update();
 }
 
 } // namespace vesk::test

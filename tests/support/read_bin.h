@@ -20,4 +20,9 @@ struct ReadResult {
 // clears bin and calls read_orig_binary in a child.
 ReadResult read_binary_in_child(const std::string &path, bool debug = false);
 
+// Gives back what an in-process read_orig_binary keeps to the end of a run
+// (libelf handle, descriptor, widened header) and clears bin, option and the
+// procedure tables, so that the next reading in this process starts clean.
+void release_input();
+
 } // namespace vesk::test
