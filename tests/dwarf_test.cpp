@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <dwarf.h>
-#include <fcntl.h>
 #include <gelf.h>
 #include <map>
 #include <random>
@@ -90,29 +89,10 @@ TEST(DwarfCorruption, DamagedSectionsStopCleanly) {
     std::string path = temp_path("dwarf-damaged");
     Images::paths.push_back(path);
     std::string file = read_file(b->path);
-    elf_version(EV_CURRENT);
-    int fd = open(b->path.c_str(), O_RDONLY);
-    Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-    size_t shstrndx = 0;
-    elf_getshdrstrndx(e, &shstrndx);
-    GElf_Ehdr eh;
-    gelf_getehdr(e, &eh);
-    bool is64 = gelf_getclass(e) == ELFCLASS64;
-    GElf_Shdr info{}, abbrev{};
-    uint64_t info_header = 0;
-    for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
-      GElf_Shdr sh;
-      gelf_getshdr(scn, &sh);
-      std::string name = elf_strptr(e, shstrndx, sh.sh_name);
-      if (name == ".debug_info") {
-        info = sh;
-        info_header = eh.e_shoff + elf_ndxscn(scn) * eh.e_shentsize;
-      }
-      if (name == ".debug_abbrev")
-        abbrev = sh;
-    }
-    elf_end(e);
-    close(fd);
+    ElfFile f(b->path);
+    bool is64 = f.is64;
+    GElf_Shdr info = f.shdr(".debug_info"), abbrev = f.shdr(".debug_abbrev");
+    uint64_t info_header = f.ehdr().e_shoff + elf_ndxscn(f.scn(".debug_info")) * f.ehdr().e_shentsize;
     ASSERT_TRUE(info.sh_size > 100 && abbrev.sh_size > 0);
 
     // .debug_info cut short in its first unit (sh_size lies at byte 20 or

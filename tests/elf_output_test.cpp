@@ -7,6 +7,7 @@
 
 #include "com/elf.h"
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
@@ -79,21 +80,13 @@ void paint_gaps(const std::string &path, const std::vector<std::pair<uint64_t, u
 
 // The gaps between what the headers of path cover.
 std::vector<std::pair<uint64_t, uint64_t>> gaps_of(const std::string &path) {
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  GElf_Ehdr eh;
-  gelf_getehdr(e, &eh);
+  ElfFile f(path);
+  GElf_Ehdr eh = f.ehdr();
   std::vector<std::pair<uint64_t, uint64_t>> used{{0, eh.e_ehsize},
                                                    {eh.e_phoff, eh.e_phoff + eh.e_phnum * eh.e_phentsize},
                                                    {eh.e_shoff, eh.e_shoff + eh.e_shnum * eh.e_shentsize}};
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    if (sh.sh_type != SHT_NOBITS)
-      used.push_back({sh.sh_offset, sh.sh_offset + sh.sh_size});
-  }
-  elf_end(e);
-  close(fd);
+  for (const auto &[name, range] : f.sections())
+    used.push_back(range);
   std::sort(used.begin(), used.end());
   std::vector<std::pair<uint64_t, uint64_t>> gaps;
   uint64_t pos = 0;

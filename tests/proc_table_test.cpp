@@ -5,32 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/options.h"
-#include "vesk/proc.h"
+#include "planning_fixture.h"
 
 using namespace vesk;
 
 namespace {
 
-struct ProcTable : ::testing::Test {
-  void SetUp() override {
-    reset_proc_table();
-    option = Options{};
-    bin = Bin{};
-  }
-  void TearDown() override { reset_proc_table(); }
-
-  Proc *make(const char *name, const char *file, uint64_t addr, uint32_t size) {
-    Proc *p = new_proc();
-    p->name = name;
-    p->file_name = file;
-    p->old_addr = addr;
-    p->size = size;
-    return p;
-  }
-  void attach_all() { attach_proc_with_no_feedback(); }
-};
+using ProcTable = vesk::test::Planning;
 
 // The lookup as the list walk defines it, for comparison with the index.
 Proc *reference_lookup(Proc *&last, uint64_t addr) {
@@ -47,7 +28,7 @@ Proc *reference_lookup(Proc *&last, uint64_t addr) {
 } // namespace
 
 TEST_F(ProcTable, BadIndexAndEmptyMapAreInternalErrors) {
-  make("f", "a.c", 0x1000, 4);
+  make("f", 0x1000, 4);
   EXPECT_EXIT(get_proc_by_index(-1), ::testing::ExitedWithCode(1),
               "^Error: vesk internal: get_proc By index gets -1, valid is 0 thru 1\n\\.\n$");
   EXPECT_EXIT(get_proc_by_index(1), ::testing::ExitedWithCode(1), "gets 1, valid is 0 thru 1");
@@ -56,10 +37,10 @@ TEST_F(ProcTable, BadIndexAndEmptyMapAreInternalErrors) {
 }
 
 TEST_F(ProcTable, NameLookupFollowsFileAndCursor) {
-  Proc *a1 = make("f", "a.c", 0x1000, 8);
-  Proc *b = make("f", "b.c", 0x1008, 8);
-  Proc *a2 = make("f", "a.c", 0x1010, 8);
-  make(nullptr, "a.c", 0x1018, 8);
+  Proc *a1 = make("f", 0x1000, 8);
+  Proc *b = make("f", 0x1008, 8, "b.c");
+  Proc *a2 = make("f", 0x1010, 8);
+  make(nullptr, 0x1018, 8);
   EXPECT_EQ(find_proc_by_name("f", "b.c"), b);
   // From the last hit (index 1) onwards first: the second a.c record.
   EXPECT_EQ(find_proc_by_name("f", "a.c"), a2);
@@ -73,20 +54,20 @@ TEST_F(ProcTable, NameLookupFollowsFileAndCursor) {
 }
 
 TEST_F(ProcTable, UnmatchedNamesWarnOnlyWhenVerbose) {
-  make("f", "a.c", 0x1000, 8);
+  make("f", 0x1000, 8);
   option.verbose = 1;
   testing::internal::CaptureStderr();
   find_proc_by_name("g", "a.c");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: Procedure not found. g(a.c) feedback ignored.\n");
   testing::internal::CaptureStderr();
-  attach_all();
+  attach_proc_with_no_feedback();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: No feedback data. f(a.c) placed at the end.\n");
 }
 
 TEST_F(ProcTable, IndexAgreesWithListWalkEvenWithOverlaps) {
   std::mt19937 rng(7);
   for (int i = 0; i < 300; ++i)
-    make("p", "x.c", 0x1000 + 4 * (rng() % 400), 4 * (rng() % 6));
+    make("p", 0x1000 + 4 * (rng() % 400), 4 * (rng() % 6), "x.c");
   // A shuffled list order.
   std::vector<Proc *> order;
   for (int i = 0; i < get_n_procs(); ++i)
@@ -106,9 +87,9 @@ TEST_F(ProcTable, IndexAgreesWithListWalkEvenWithOverlaps) {
 
 TEST_F(ProcTable, DerivedSizesCoverTheText) {
   bin.text_hi = 0x2000;
-  make("c", "x.c", 0x1800, 0);
-  make("a", "x.c", 0x1000, 0);
-  make("b", "x.c", 0x1400, 0);
+  make("c", 0x1800, 0, "x.c");
+  make("a", 0x1000, 0, "x.c");
+  make("b", 0x1400, 0, "x.c");
   mdebug_derive_proc_highpc();
   EXPECT_STREQ(get_proc_by_index(0)->name, "a");
   EXPECT_EQ(get_proc_by_index(0)->size, 0x400u);
@@ -118,13 +99,13 @@ TEST_F(ProcTable, DerivedSizesCoverTheText) {
 
 TEST_F(ProcTable, DerivingSizesRefusesDisorderAndOverrun) {
   bin.text_hi = 0x1000;
-  make("a", "x.c", 0x1800, 0);
+  make("a", 0x1800, 0, "x.c");
   EXPECT_EXIT(mdebug_derive_proc_highpc(), ::testing::ExitedWithCode(1),
               "^Error: \\[0\\]a 0x1800 > bin.text_hi 0x1000\\.\n$");
   reset_proc_table();
   bin.text_hi = 0x200000000;
-  make("hi", "x.c", 0x100001000, 0); // sorts by the low half only
-  make("lo", "x.c", 0x2000, 0);
+  make("hi", 0x100001000, 0, "x.c"); // sorts by the low half only
+  make("lo", 0x2000, 0, "x.c");
   EXPECT_EXIT(mdebug_derive_proc_highpc(), ::testing::ExitedWithCode(1),
               "^Error: \\[0\\]hi 0x1000 > \\[1\\]lo 0x2000\\.\n$");
   reset_proc_table();
@@ -138,7 +119,7 @@ TEST_F(ProcTable, LookupsStayLinearOverFiftyThousandProcedures) {
   for (int i = 0; i < n; ++i)
     names.push_back("f" + std::to_string(i));
   for (int i = 0; i < n; ++i)
-    make(names[i].c_str(), "big.c", 0x10000 + 16 * uint64_t(i), 16);
+    make(names[i].c_str(), 0x10000 + 16 * uint64_t(i), 16, "big.c");
   auto start = std::chrono::steady_clock::now();
   // Feedback in reverse order, then lookups by address in address order.
   for (int i = n - 1; i >= 0; --i) {
