@@ -28,63 +28,39 @@ using namespace vesk::test;
 
 namespace {
 
-struct Symbol {
-  uint64_t addr;
-  uint64_t size; // 0 when the symbol table gives none
-  std::string name;
-};
-
-// The .text of an executable and its function symbols, by address.
-bool read_text(const std::string &path, uint64_t &lo, std::vector<uint32_t> &words, std::vector<Symbol> &syms) {
-  ElfFile f(path);
-  std::vector<uint8_t> v = f.contents(".text");
-  GElf_Shdr text = f.shdr(".text");
-  lo = text.sh_addr;
-  words.clear();
-  for (size_t i = 0; i + 4 <= v.size(); i += 4)
-    words.push_back(load32(&v[i]));
-  syms.clear();
-  for (const ElfSymbol &s : f.functions())
-    if (s.value >= lo && s.value < lo + text.sh_size)
-      syms.push_back({s.value, s.size, s.name});
-  std::stable_sort(syms.begin(), syms.end(), [](const Symbol &a, const Symbol &b) { return a.addr < b.addr; });
-  return !v.empty();
-}
-
 struct RealPlanning : Planning {
-  // Builds the table; returns false when the executable cannot be read.
-  bool load(const BenchExe &e, bool dwarf_like, std::mt19937 &rng) {
+  // Builds the table from the text and the function symbols of e.
+  void load(const BenchExe &e, bool dwarf_like, std::mt19937 &rng) {
     reset_proc_table();
-    uint64_t lo = 0;
+    ElfFile f(e.path);
+    std::vector<uint8_t> v = f.contents(".text");
     std::vector<uint32_t> words;
-    std::vector<Symbol> syms;
-    if (!read_text(e.path, lo, words, syms))
-      return false;
-    set_text(lo, words);
-    if (!dwarf_like) {
-      for (const Symbol &s : syms)
-        make(keep(s.name), s.addr, 0, "x.c");
-      mdebug_derive_proc_highpc();
-      return true;
-    }
+    for (size_t i = 0; i + 4 <= v.size(); i += 4)
+      words.push_back(load32(&v[i]));
+    set_text(f.shdr(".text").sh_addr, words);
     // One record per address: the compiler's size where it gives one, else
-    // up to the next symbol.
-    std::map<uint64_t, Symbol> by_addr;
-    for (const Symbol &s : syms)
-      if (!by_addr.count(s.addr) || s.size != 0)
-        by_addr[s.addr] = s;
-    std::vector<Symbol> recs;
+    // (and always for the mdebug-like table) up to the next symbol.
+    std::map<uint64_t, ElfSymbol> by_addr;
+    for (const ElfSymbol &s : f.functions())
+      if (in_text(s.value) && (!by_addr.count(s.value) || s.size != 0))
+        by_addr[s.value] = s;
+    if (!dwarf_like) {
+      for (const auto &[addr, s] : by_addr)
+        make(keep(s.name), addr, 0, "x.c");
+      mdebug_derive_proc_highpc();
+      return;
+    }
+    std::vector<ElfSymbol> recs;
     for (auto it = by_addr.begin(); it != by_addr.end(); ++it) {
-      Symbol s = it->second;
+      ElfSymbol s = it->second;
       auto next = std::next(it);
       if (s.size == 0)
-        s.size = (next == by_addr.end() ? bin.text_hi : next->first) - s.addr;
+        s.size = (next == by_addr.end() ? bin.text_hi : next->first) - s.value;
       recs.push_back(s);
     }
     std::shuffle(recs.begin(), recs.end(), rng);
-    for (const Symbol &s : recs)
-      make(keep(s.name), s.addr, uint32_t(s.size), "x.c");
-    return true;
+    for (const ElfSymbol &s : recs)
+      make(keep(s.name), s.value, uint32_t(s.size), "x.c");
   }
 
   static std::vector<Proc *> by_address() {
@@ -134,7 +110,7 @@ TEST_F(RealPlanning, ReversedAndHalfFeedbackOnTheBench) {
       for (int variant = 0; variant < 2; ++variant) {
         SCOPED_TRACE(e.name + (dwarf_like ? " dwarf-like" : " mdebug-like") +
                      (variant ? " random half" : " reversed"));
-        ASSERT_TRUE(load(e, dwarf_like, rng));
+        load(e, dwarf_like, rng);
         std::vector<Proc *> procs = by_address();
         ASSERT_GT(procs.size(), 10u);
         std::vector<Proc *> fed;
