@@ -104,7 +104,8 @@ TEST_F(R4000, FaultsInOneBlock) {
   EXPECT_EQ(check_r4000_bug_per_block(0, LO32, LO32, 8192), 0u);
 }
 
-TEST_F(R4000, FaultyProcedureGetsAnotherInFront) {
+TEST_F(R4000, FaultyProceduresGetAnotherInFront) {
+  // r1 ends the first page with a divide: r2 goes in front of it.
   bodies = {body(1020), body(8, {{3, DIV_A0_A1}}), body(8), body(8)};
   build({0, 1, 2, 3});
   EXPECT_EQ(check_r4000_bug_per_block(0, LO32 + 0xff0, LO32 + 0xff0, 32), 1u);
@@ -119,12 +120,11 @@ TEST_F(R4000, FaultyProcedureGetsAnotherInFront) {
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(faults_in_new_text(), 0u);
   expect_layout_invariants();
-}
 
-TEST_F(R4000, BranchAfterLoadIsFixedTooAndTiedChainsMoveWhole) {
   // r1 would end the first page with a jr whose second word before is a
   // load; r2 is faulty at r1's place too; r3 and r4 are tied and move as
   // one.
+  option.debug = 0;
   bodies = {body(1016),
             body(16, {{5, LW_T0}, {7, JR_RA}}),
             body(8, {{7, DIV_A0_A1}}),
