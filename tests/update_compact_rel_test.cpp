@@ -292,7 +292,7 @@ TEST(UpdateCompactRel, GrowsTheSectionWhenEntriesNeedAddressWords) {
 }
 
 TEST(UpdateCompactRelDeathTest, RefusesMalformedSectionsAndEntries) {
-  auto header = [](std::initializer_list<uint32_t> words) {
+  auto header = [](std::vector<uint32_t> words) {
     return [words](Image &im) {
       for (uint32_t w : words)
         put32(im.header_override, w);
