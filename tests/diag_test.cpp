@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <libelf.h>
 #include <unistd.h>
 
@@ -35,48 +36,34 @@ TEST(Diag, ErrorEndsTheRunWithStatusOne) {
   EXPECT_EQ(r.out, "<Debug> before\n");
 }
 
-static RunResult sysfatal_with(int e) {
-  return run_in_child([e] {
-    errno = e;
-    sysfatal("reading %s", "prog");
-  });
-}
-
-TEST(Diag, SysfatalCauseFollowsErrno) {
-  auto r = sysfatal_with(-1);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Error: unexpected end of file, reading prog.\n");
-
-  r = sysfatal_with(ENOENT);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Error: No such file or directory, reading prog.\n");
-
-  // The last entry of the table still has its text...
-  r = sysfatal_with(EHWPOISON);
-  EXPECT_EQ(r.err, std::string("Error: ") + strerrordesc_np(EHWPOISON) + ", reading prog.\n");
-  // ... and so has a hole inside it (no error uses 41 on Linux).
-  r = sysfatal_with(41);
-  EXPECT_EQ(r.err, std::string("Error: ") + std::strerror(41) + ", reading prog.\n");
-
-  r = sysfatal_with(EHWPOISON + 1);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Error: error code " + std::to_string(EHWPOISON + 1) + ", reading prog.\n");
-  r = sysfatal_with(100000);
-  EXPECT_EQ(r.err, "Error: error code 100000, reading prog.\n");
-  r = sysfatal_with(-5);
-  EXPECT_EQ(r.err, "Error: error code -5, reading prog.\n");
-}
-
-TEST(Diag, DwarfErrorCauseFollowsResult) {
-  auto r = run_in_child([] { print_dwarf_error(nullptr, DW_DLV_NO_ENTRY, nullptr, "dwarf_tag"); });
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Dwarf Error: NO ENTRY dwarf_tag\n");
-  r = run_in_child([] { print_dwarf_error(nullptr, DW_DLV_OK, nullptr, "dwarf_lowpc in %s", "f"); });
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Dwarf Error: DLV_OK dwarf_lowpc in f\n");
-  r = run_in_child([] { print_dwarf_error(nullptr, 7, nullptr, "dwarf_diename"); });
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Dwarf Error: code 7 dwarf_diename\n");
+// Every fatal message ends the run with status 1 and one exact line.
+TEST(Diag, FatalCausesFollowErrnoAndDwarfResult) {
+  auto sysfatal_with = [](int e) {
+    return [e] {
+      errno = e;
+      sysfatal("reading %s", "prog");
+    };
+  };
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {sysfatal_with(-1), "Error: unexpected end of file, reading prog.\n"},
+      {sysfatal_with(ENOENT), "Error: No such file or directory, reading prog.\n"},
+      // The last entry of the table still has its text, and so has a hole
+      // inside it (no error uses 41 on Linux).
+      {sysfatal_with(EHWPOISON), std::string("Error: ") + strerrordesc_np(EHWPOISON) + ", reading prog.\n"},
+      {sysfatal_with(41), std::string("Error: ") + std::strerror(41) + ", reading prog.\n"},
+      {sysfatal_with(EHWPOISON + 1), "Error: error code " + std::to_string(EHWPOISON + 1) + ", reading prog.\n"},
+      {sysfatal_with(100000), "Error: error code 100000, reading prog.\n"},
+      {sysfatal_with(-5), "Error: error code -5, reading prog.\n"},
+      {[] { print_dwarf_error(nullptr, DW_DLV_NO_ENTRY, nullptr, "dwarf_tag"); }, "Dwarf Error: NO ENTRY dwarf_tag\n"},
+      {[] { print_dwarf_error(nullptr, DW_DLV_OK, nullptr, "dwarf_lowpc in %s", "f"); },
+       "Dwarf Error: DLV_OK dwarf_lowpc in f\n"},
+      {[] { print_dwarf_error(nullptr, 7, nullptr, "dwarf_diename"); }, "Dwarf Error: code 7 dwarf_diename\n"},
+  };
+  for (const auto &[fn, err] : cases) {
+    auto r = run_in_child(fn);
+    EXPECT_EQ(r.status, 1) << err;
+    EXPECT_EQ(r.err, err);
+  }
 }
 
 TEST(Diag, ElfErrorOnlyWhenLibelfHasOne) {
