@@ -75,12 +75,8 @@ struct RptImage {
         put32(t.data, uint32_t(i * 100 + k)); // the rest of the descriptor travels with it
     }
     size_t table_index = img.add(t);
-    if (rtproc_header) {
-      SynthPhdr p;
-      p.type = 0x70000001;
-      p.section = int(table_index);
-      img.phdrs.push_back(p);
-    }
+    if (rtproc_header)
+      img.phdrs.push_back({.type = 0x70000001, .section = table_index});
     path = img.write(temp_path("rpt"));
     fd = open(path.c_str(), O_RDONLY);
     elf = elf_begin(fd, ELF_C_READ, nullptr);

@@ -10,8 +10,10 @@
 
 namespace vesk::test {
 
-void put16(std::vector<uint8_t> &v, uint16_t x) { v.push_back(uint8_t(x >> 8)); v.push_back(uint8_t(x)); }
-void put32(std::vector<uint8_t> &v, uint32_t x) { put16(v, uint16_t(x >> 16)); put16(v, uint16_t(x)); }
+void put32(std::vector<uint8_t> &v, uint32_t x) {
+  for (int shift = 24; shift >= 0; shift -= 8)
+    v.push_back(uint8_t(x >> shift));
+}
 void put64(std::vector<uint8_t> &v, uint64_t x) { put32(v, uint32_t(x >> 32)); put32(v, uint32_t(x)); }
 
 SynthSection text_section(uint64_t addr, const std::vector<uint32_t> &words) {
@@ -55,7 +57,7 @@ std::string SynthElf::write(const std::string &path) const {
   gelf_getehdr(e, &eh);
   eh.e_ident[EI_DATA] = ELFDATA2MSB;
   eh.e_ident[EI_VERSION] = EV_CURRENT;
-  eh.e_type = e_type;
+  eh.e_type = ET_EXEC;
   eh.e_machine = EM_MIPS;
   eh.e_version = EV_CURRENT;
   eh.e_entry = entry;
@@ -128,19 +130,12 @@ std::string SynthElf::write(const std::string &path) const {
     ph.p_type = p.type;
     ph.p_flags = p.flags;
     ph.p_align = 4;
-    if (p.section >= 0) {
-      GElf_Shdr s2;
-      gelf_getshdr(scns[size_t(p.section)], &s2);
-      ph.p_offset = s2.sh_offset;
-      ph.p_vaddr = ph.p_paddr = s2.sh_addr;
-      ph.p_filesz = s2.sh_type == SHT_NOBITS ? 0 : s2.sh_size;
-      ph.p_memsz = s2.sh_size;
-    } else {
-      ph.p_offset = p.offset;
-      ph.p_vaddr = ph.p_paddr = p.vaddr;
-      ph.p_filesz = p.filesz;
-      ph.p_memsz = p.memsz;
-    }
+    GElf_Shdr s2;
+    gelf_getshdr(scns[p.section], &s2);
+    ph.p_offset = s2.sh_offset;
+    ph.p_vaddr = ph.p_paddr = s2.sh_addr;
+    ph.p_filesz = s2.sh_type == SHT_NOBITS ? 0 : s2.sh_size;
+    ph.p_memsz = s2.sh_size;
     gelf_update_phdr(e, int(i), &ph);
   }
   if (elf_update(e, ELF_C_WRITE) < 0)

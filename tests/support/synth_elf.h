@@ -26,17 +26,17 @@ struct SynthSection {
   uint64_t nobits_size = 0; // sh_size of an SHT_NOBITS section
 };
 
+// A program header over one section: it takes that section's offset,
+// address and size.
 struct SynthPhdr {
   uint32_t type = PT_LOAD;
   uint32_t flags = PF_R;
-  int section = -1; // index into SynthElf::sections whose offset, address and size it takes
-  uint64_t vaddr = 0, offset = 0, filesz = 0, memsz = 0; // used when section is -1
+  size_t section = 0; // index into SynthElf::sections
 };
 
 struct SynthElf {
   bool is64 = false;
   uint32_t e_flags = 0x1000;       // EF_MIPS_ARCH_2-ish; o32, no PIC bits
-  uint16_t e_type = ET_EXEC;
   uint64_t entry = 0;
   std::vector<SynthSection> sections; // section 0 (null) and .shstrtab are added by write
   std::vector<SynthPhdr> phdrs;
@@ -48,7 +48,6 @@ struct SynthElf {
 };
 
 // Big-endian byte builders for section contents.
-void put16(std::vector<uint8_t> &v, uint16_t x);
 void put32(std::vector<uint8_t> &v, uint32_t x);
 void put64(std::vector<uint8_t> &v, uint64_t x);
 // Host-order records of a typed section as bytes.
