@@ -87,23 +87,6 @@ TEST(CompletedRun, WithoutFeedbackAnMdebugInputKeepsItsLayout) {
   }
 }
 
-TEST(CompletedRun, DefaultOutputGoesToTheCurrentDirectory) {
-  VESK_REQUIRE_BENCH();
-  ScratchDir dir("run");
-  ASSERT_NE(prepare(dir, "n32", "mdebug", "no-pie"), nullptr);
-  ASSERT_EQ(mkdir((dir / "sub").c_str(), 0755), 0);
-  ASSERT_EQ(rename((dir / "prog").c_str(), (dir / "sub/prog").c_str()), 0);
-  // sub/prog reads prog.fb and writes prog.vesk here, not in sub.
-  auto r = run_vesk({"sub/prog"}, dir.path());
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(access((dir / "prog.vesk").c_str(), F_OK), 0);
-  EXPECT_NE(access((dir / "sub/prog.vesk").c_str(), F_OK), 0);
-  // -o names it.
-  r = run_vesk({"-o", "other", "sub/prog"}, dir.path());
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(read_file(dir / "other").size(), read_file(dir / "sub/prog").size());
-}
-
 TEST(RunErrors, InputOrOutputThatCannotBeOpened) {
   VESK_REQUIRE_BENCH();
   ScratchDir dir("run");
