@@ -13,6 +13,7 @@
 #include "support/bench.h"
 #include "support/o32_reorder.h"
 #include "support/run.h"
+#include "vesk/bytes.h"
 
 using namespace vesk::test;
 
@@ -214,6 +215,44 @@ TEST_P(O32MdebugEndToEnd, SecondRunOnItsOwnOutputWarnsAndStillRuns) {
   r = run_bench(*e, second);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, e->expected);
+}
+
+// The bench has no mdebug line numbers, so a header that places the line
+// table over the local symbols stands in for one: the rewrite changes the
+// symbols of moved procedures, and the line table written back after it
+// must still hold exactly the input's bytes.
+TEST(O32MdebugLineTable, IsTheInputsEvenWhereTheRewriteChangedTheBytes) {
+  VESK_REQUIRE_BENCH();
+  const BenchExe *e = find_bench("calc", "o32", "mdebug", "fno-pie");
+  ASSERT_NE(e, nullptr);
+  AnnotatedBench b(*e);
+  ASSERT_TRUE(b.ok()) << b.refusal();
+  uint64_t mdebug_off = 0;
+  std::string hdr = section_contents(b.annotated(), ".mdebug", &mdebug_off);
+  ASSERT_GE(hdr.size(), 96u);
+  const auto *h = reinterpret_cast<const uint8_t *>(hdr.data());
+  uint32_t isym_max = vesk::load32(h + 32), cb_sym_offset = vesk::load32(h + 36);
+  ASSERT_GT(isym_max, 0u);
+
+  // Unchanged, the run rewrites bytes of the symbol table.
+  const std::string plain = b.path("plain"), patched_in = b.path("patched-input"), patched = b.path("patched");
+  std::vector<FeedbackLine> fb = random_order(b.procs(), e->name);
+  RunResult r = b.vesk(b.annotated(), fb, plain);
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string in = read_file(b.annotated());
+  ASSERT_LE(uint64_t(cb_sym_offset) + 12 * isym_max, in.size());
+  EXPECT_NE(read_file(plain).substr(cb_sym_offset, 12 * isym_max), in.substr(cb_sym_offset, 12 * isym_max));
+
+  auto *fields = reinterpret_cast<uint8_t *>(in.data() + mdebug_off);
+  vesk::store32(fields + 8, 12 * isym_max); // cbLine
+  vesk::store32(fields + 12, cb_sym_offset); // cbLineOffset
+  write_file(patched_in, in);
+  r = b.vesk(patched_in, fb, patched);
+  ASSERT_EQ(r.status, 0) << r.err;
+  LineTable before = mdebug_line_table(patched_in), after = mdebug_line_table(patched);
+  EXPECT_EQ(after.offset, cb_sym_offset);
+  EXPECT_EQ(after.size, 12 * isym_max);
+  EXPECT_EQ(after.bytes, before.bytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(Bench, O32MdebugEndToEnd, testing::ValuesIn(o32_bench_names("mdebug")), test_name);

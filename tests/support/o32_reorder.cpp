@@ -274,7 +274,7 @@ std::vector<FeedbackLine> hot_first_order(const std::vector<ListedProc> &procs, 
   return out;
 }
 
-std::string section_contents(const std::string &exe, const std::string &name) {
+std::string section_contents(const std::string &exe, const std::string &name, uint64_t *file_offset) {
   elf_version(EV_CURRENT);
   int fd = open(exe.c_str(), O_RDONLY);
   if (fd < 0)
@@ -292,6 +292,8 @@ std::string section_contents(const std::string &exe, const std::string &name) {
       Elf_Data *d = elf_rawdata(s, nullptr);
       if (d != nullptr && d->d_buf != nullptr)
         out.assign(static_cast<const char *>(d->d_buf), d->d_size);
+      if (file_offset != nullptr)
+        *file_offset = sh.sh_offset;
       break;
     }
   if (e != nullptr)
