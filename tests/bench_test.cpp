@@ -24,14 +24,3 @@ TEST(Bench, CoversEveryAbiDebugAndModel) {
   EXPECT_TRUE(seen.count("o32/mdebug/no-pie/noexplicit"));
   EXPECT_NE(find_bench("calc", "n64", "dwarf", "fno-pie"), nullptr);
 }
-
-TEST(Bench, OneExecutablePerAbiRunsUnderQemu) {
-  VESK_REQUIRE_BENCH();
-  for (const char *abi : {"o32", "n32", "n64"}) {
-    const BenchExe *e = find_bench("shapes", abi, "dwarf", "pie");
-    ASSERT_NE(e, nullptr) << abi;
-    RunResult r = run_bench(*e, e->path);
-    EXPECT_EQ(r.status, 0) << e->name << r.err;
-    EXPECT_EQ(r.out, e->expected) << e->name;
-  }
-}

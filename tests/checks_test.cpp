@@ -64,19 +64,6 @@ TEST_F(Checks, ForwardBranchTiesEveryProcedureInBetween) {
     EXPECT_EQ(q->next->prev, q);
 }
 
-TEST_F(Checks, BackwardBranchTiesFromTheTarget) {
-  procs(5);
-  branch(3, 1, 1);
-  words[1] = beq_zero(-1); // a branch to itself ties nothing
-  build({3, 4, 0, 2, 1});
-  check_branch_out_of_procedure();
-  EXPECT_EQ(order(), (Order{"p4", "p0", "p1", "p2", "p3"}));
-  EXPECT_EQ(p[0]->tied, 0);
-  EXPECT_EQ(p[1]->tied, 1);
-  EXPECT_EQ(p[2]->tied, 1);
-  EXPECT_EQ(p[3]->tied, 0);
-}
-
 TEST_F(Checks, BranchOpcodesThatTie) {
   // REGIMM (traps included) and COP2 branches tie; COP1 branches and jumps
   // do not.
@@ -119,40 +106,6 @@ TEST_F(Checks, CallAtTheEndAndFallThroughTie) {
   // with a break before its end.
   EXPECT_EQ(p[3]->tied, 0);
   EXPECT_EQ(p[5]->tied, 0);
-}
-
-TEST_F(Checks, ShortProceduresAndLibstubs) {
-  procs(3);
-  words[4 * 0 + 2] = JALR_T9;
-  build({});
-  p[0]->name = ".libstub"; // a call at its end is fine
-  p[1]->old_addr = addr(2, 0);
-  p[1]->size = 0; // no words, no return: tied to what holds its start
-  check_merged_procedure();
-  EXPECT_EQ(p[0]->tied, 0);
-  check_procedure_with_no_return();
-  EXPECT_EQ(p[1]->tied, 1);
-  EXPECT_EQ(p[1]->next, p[2]);
-}
-
-TEST_F(Checks, ChainsMoveWhole) {
-  procs(4);
-  build({0, 2, 3, 1});
-  p[2]->tied = 1;
-  option.debug = 1;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(put_proc_together(p[1], p[2]), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\tp2 comes together\n");
-  EXPECT_EQ(order(), (Order{"p0", "p1", "p2", "p3"}));
-  EXPECT_EQ(put_proc_together(p[0], p[1]), 0); // already behind: just tied
-  EXPECT_EQ(p[0]->tied, 1);
-
-  // Moving the head of the list.
-  build({1, 0, 2, 3});
-  EXPECT_EQ(put_proc_together(p[0], p[1]), 1);
-  EXPECT_EQ(order(), (Order{"p0", "p1", "p2", "p3"}));
-  EXPECT_EQ(order_head, p[0]);
-  EXPECT_EQ(p[0]->prev, nullptr);
 }
 
 TEST_F(Checks, TyingErrors) {

@@ -80,18 +80,6 @@ TEST(CommandLine, LaterOptionsWin) {
   EXPECT_EQ(line(r, 0), "program=p output=p.vesk merge=(null) interp=(null)");
 }
 
-TEST(CommandLine, KeepsTwentyFiveFeedbackFilesInOrder) {
-  std::vector<std::string> args{"prog"};
-  std::string expect = "feedback:";
-  for (int i = 1; i <= 25; ++i) {
-    args.push_back("f" + std::to_string(i) + ".fb");
-    expect += " f" + std::to_string(i) + ".fb";
-  }
-  auto r = parse(args);
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(line(r, 2), expect);
-}
-
 TEST(CommandLine, FeedbackListAlwaysEndsInANullPointer) {
   // Fill the list one by one and look behind the last entry each time,
   // across the regrowths at 9, 19 and 29 entries.

@@ -13,14 +13,6 @@
 using namespace vesk;
 using namespace vesk::test;
 
-TEST(Diag, BasenameKeepsStorage) {
-  const char *p = "dir/sub/a.out";
-  EXPECT_EQ(vesk::basename(p), p + 8);
-  EXPECT_STREQ(vesk::basename("a.out"), "a.out");
-  EXPECT_STREQ(vesk::basename("dir/"), "");
-  EXPECT_STREQ(vesk::basename("/a.out"), "a.out");
-}
-
 TEST(Diag, NoteWarningAndDumpFormsAndStreams) {
   auto r = run_in_child([] {
     note("n %d", 1);

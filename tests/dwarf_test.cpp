@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
@@ -64,181 +65,39 @@ std::vector<Rec> discover(const std::string &path, int debug = 0) {
   return out;
 }
 
-struct Sym {
-  std::string name;
-  uint64_t addr, size;
-};
-
 // The sized function symbols of .text (of every section with all_sections).
-std::vector<Sym> functions(const std::string &path, bool all_sections = false) {
-  elf_version(EV_CURRENT);
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  size_t shstrndx = 0, text = 0;
-  elf_getshdrstrndx(e, &shstrndx);
-  Elf_Scn *symtab = nullptr;
-  GElf_Shdr sh;
-  for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
-    gelf_getshdr(scn, &sh);
-    if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == ".text")
-      text = elf_ndxscn(scn);
-    if (sh.sh_type == SHT_SYMTAB)
-      symtab = scn;
-  }
-  std::vector<Sym> out;
-  gelf_getshdr(symtab, &sh);
-  Elf_Data *d = elf_getdata(symtab, nullptr);
-  for (size_t i = 0; i < sh.sh_size / sh.sh_entsize; ++i) {
-    GElf_Sym s;
-    gelf_getsym(d, int(i), &s);
-    if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_size > 0 &&
-        (all_sections ? s.st_shndx != SHN_UNDEF : s.st_shndx == text))
-      out.push_back({elf_strptr(e, sh.sh_link, s.st_name), s.st_value, s.st_size});
-  }
-  elf_end(e);
-  close(fd);
+std::vector<ElfSymbol> functions(const std::string &path, bool all_sections = false) {
+  ElfFile f(path);
+  Elf_Scn *text = f.scn(".text");
+  std::vector<ElfSymbol> out;
+  for (const ElfSymbol &s : f.functions(true))
+    if (all_sections || (text != nullptr && s.shndx == elf_ndxscn(text)))
+      out.push_back(s);
   return out;
 }
 
-const char *kMainSource = R"(#include <stdio.h>
-int global_b(int);
-static int sq(int x) { return x * x; }
-static int __attribute__((noinline)) twice(int x) { return x + x + sq(x); }
-int fact(int n) { return n <= 1 ? 1 : n * fact(n - 1); }
-int outer1(int x) {
-  int __attribute__((noinline)) nested1(int y) { return y * x + 1; }
-  return nested1(x) + 2;
-}
-int outer2(int x) {
-  int __attribute__((noinline)) nested2(int y) { return y - x; }
-  return nested2(x * 3);
-}
-int main(int argc, char **argv) {
-  (void)argv;
-  printf("%d\n", fact(argc + 3) + twice(argc) + global_b(argc) + outer1(argc) + outer2(argc));
-  return 0;
-}
-)";
-
-const char *kOtherSource = R"(static int counter;
-static int __attribute__((noinline)) bump(int x) { counter += x; return counter; }
-int global_b(int x) { return bump(x) + bump(x * 2); }
-)";
-
-struct Variant {
-  const char *label;
-  std::vector<std::string> cc;
-  const char *pie;
-};
-void PrintTo(const Variant &v, std::ostream *os) { *os << v.label; }
-
-const Variant kVariants[] = {
-    {"o32_pie", {"mips-linux-gnu-gcc"}, "-pie"},
-    {"o32_nopie", {"mips-linux-gnu-gcc"}, "-no-pie"},
-    {"n32_pie", {"mips64-linux-gnuabi64-gcc", "-mabi=n32"}, "-pie"},
-    {"n32_nopie", {"mips64-linux-gnuabi64-gcc", "-mabi=n32"}, "-no-pie"},
-    {"n64_pie", {"mips64-linux-gnuabi64-gcc"}, "-pie"},
-    {"n64_nopie", {"mips64-linux-gnuabi64-gcc"}, "-no-pie"},
-};
-
-// Test programs are made once per test process, in places that go when the
-// tests are done.
-struct Programs : ::testing::Environment {
-  static inline std::string dir;
-  static inline std::vector<std::string> images; // hand-made executables
+// Hand-made executables go when the tests are done.
+struct Images : ::testing::Environment {
+  static inline std::vector<std::string> paths;
   void TearDown() override {
-    if (!dir.empty())
-      run_command({"rm", "-rf", dir});
-    for (const std::string &p : images)
+    for (const std::string &p : paths)
       unlink(p.c_str());
   }
-  // main.c is named by its full path, other.c relative to the compiler's
-  // directory: both unit names must come down to their base names.
-  static std::string build(const Variant &v) {
-    if (dir.empty()) {
-      dir = temp_path("dwarf-src");
-      EXPECT_EQ(run_command({"mkdir", "-p", dir}).status, 0);
-      write_file(dir + "/main.c", kMainSource);
-      write_file(dir + "/other.c", kOtherSource);
-    }
-    std::string out = dir + "/" + v.label;
-    if (access(out.c_str(), F_OK) != 0) {
-      std::vector<std::string> argv = v.cc;
-      argv.insert(argv.end(), {"-g", "-O2", "-Wl,-q", v.pie, "-o", out, dir + "/main.c", "other.c"});
-      RunResult r = run_command(argv, dir);
-      EXPECT_EQ(r.status, 0) << r.err;
-    }
-    return out;
-  }
 };
-const auto *programs_env = ::testing::AddGlobalTestEnvironment(new Programs);
-
-using RealProgram = ::testing::TestWithParam<Variant>;
-
-// The symbol behind every record, in the order the records are made: the
-// unit of main.c first, its top-level entries before the nested ones (the
-// abstract outer2 precedes outer1, so nested1 comes first), then other.c.
-// Out-of-line copies of functions that were also inlined carry their name
-// only in the abstract entry, so their records have none.
-struct Expected {
-  const char *symbol, *name, *file;
-};
-const Expected kExpected[] = {
-    {"main", "main", "main.c"},         {"twice", "twice", "main.c"},          {"fact", "<null>", "main.c"},
-    {"outer1", "<null>", "main.c"},     {"outer2", "<null>", "main.c"},        {"nested1.0", "nested1", "main.c"},
-    {"nested2.1", "nested2", "main.c"}, {"global_b", "global_b", "other.c"}, {"bump", "bump", "other.c"},
-};
+const auto *images_env = ::testing::AddGlobalTestEnvironment(new Images);
 
 } // namespace
 
-TEST_P(RealProgram, OneRecordPerSubprogramWithCode) {
-  std::string path = Programs::build(GetParam());
-  std::map<std::string, Sym> syms;
-  for (const Sym &s : functions(path))
-    syms[s.name] = s;
-  // Nothing else in .text has a size: the start files bring no DWARF.
-  ASSERT_EQ(syms.size(), std::size(kExpected));
-  std::vector<Rec> want;
-  std::string want_dump;
-  for (const Expected &e : kExpected) {
-    ASSERT_TRUE(syms.count(e.symbol)) << e.symbol;
-    const Sym &s = syms[e.symbol];
-    want.push_back({e.name, e.file, s.addr, uint32_t(s.size)});
-    if (e.symbol == std::string("main"))
-      want_dump += "<Debug> File:  " + Programs::dir + "/main.c\n";
-    if (e.symbol == std::string("global_b"))
-      want_dump += "<Debug> File:  other.c\n";
-    char line[200];
-    std::snprintf(line, sizeof line, "<Debug>   Subprogram: %s(%#llx-%#llx)\n",
-                  e.name == std::string("<null>") ? "Function Name Unavailable" : e.name,
-                  (unsigned long long)s.addr, (unsigned long long)(s.addr + s.size));
-    want_dump += line;
-  }
-  // Declarations (printf, global_b in main.c) and the abstract entries of
-  // inlined functions pass without a word; without -debug nothing is dumped.
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(discover(path), want);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(discover(path, 1), want);
-  std::string out = testing::internal::GetCapturedStdout();
-  size_t at = out.find("<Debug> File:"); // behind the reader's own lines
-  ASSERT_NE(at, std::string::npos) << out;
-  EXPECT_EQ(out.substr(at), want_dump);
-}
-
-INSTANTIATE_TEST_SUITE_P(Abis, RealProgram, ::testing::ValuesIn(kVariants),
-                         [](const auto &info) { return std::string(info.param.label); });
 
 TEST(DwarfCorruption, DamagedSectionsStopCleanly) {
-  for (const Variant &v : {kVariants[0], kVariants[5]}) {
-    std::string path = Programs::build(v);
-    std::string file = read_file(path);
+  VESK_REQUIRE_BENCH();
+  for (const BenchExe *b : {find_bench("calc", "o32", "dwarf", "pie"), find_bench("shapes", "n64", "dwarf", "no-pie")}) {
+    ASSERT_NE(b, nullptr);
+    std::string path = temp_path("dwarf-damaged");
+    Images::paths.push_back(path);
+    std::string file = read_file(b->path);
     elf_version(EV_CURRENT);
-    int fd = open(path.c_str(), O_RDONLY);
+    int fd = open(b->path.c_str(), O_RDONLY);
     Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
     size_t shstrndx = 0;
     elf_getshdrstrndx(e, &shstrndx);
@@ -267,15 +126,15 @@ TEST(DwarfCorruption, DamagedSectionsStopCleanly) {
     std::string cut = file;
     for (int i = 0, n = is64 ? 8 : 4; i < n; ++i)
       cut[info_header + (is64 ? 32 : 20) + i] = char((info.sh_size / 3) >> (8 * (n - 1 - i)));
-    write_file(path + ".cut", cut);
-    EXPECT_EXIT(discover(path + ".cut"), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
+    write_file(path, cut);
+    EXPECT_EXIT(discover(path), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
 
     // Abbreviations that are garbage.
     std::string junk = file;
     for (uint64_t i = 0; i < abbrev.sh_size; ++i)
       junk[abbrev.sh_offset + i] = char(0xff - (i % 7));
-    write_file(path + ".junk", junk);
-    EXPECT_EXIT(discover(path + ".junk"), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
+    write_file(path, junk);
+    EXPECT_EXIT(discover(path), ::testing::ExitedWithCode(1), "^Dwarf Error: [^\n]*\n$");
 
     // Scattered damage in the entries: the walk either finishes or stops
     // with one of the tool's fatal messages (which end the run at once, so
@@ -285,7 +144,7 @@ TEST(DwarfCorruption, DamagedSectionsStopCleanly) {
       std::string hit = file;
       for (int k = 0; k < 4; ++k)
         hit[info.sh_offset + 11 + rng() % (info.sh_size - 11)] = char(rng());
-      std::string p = path + ".hit" + std::to_string(round);
+      const std::string &p = path;
       write_file(p, hit);
       EXPECT_EXIT(
           {
@@ -313,7 +172,7 @@ std::map<std::string, std::string> defining_files(const std::string &program) {
     std::string file = files.substr(pos, nl - pos), obj = work + "/" + file + ".o";
     RunResult r = run_command({"mips-linux-gnu-gcc", "-O2", "-c", "-o", obj, file}, src);
     EXPECT_EQ(r.status, 0) << r.err;
-    for (const Sym &s : functions(obj, true))
+    for (const ElfSymbol &s : functions(obj, true))
       owner[s.name] = file;
   }
   run_command({"rm", "-rf", work});
@@ -337,9 +196,9 @@ TEST(DwarfBench, EveryExecutableListsExactlyItsOwnFunctions) {
     if (!owners.count(e.program))
       owners[e.program] = defining_files(e.program);
     const auto &owner = owners[e.program];
-    std::map<uint64_t, Sym> by_addr;
-    for (const Sym &s : functions(e.path))
-      by_addr[s.addr] = s;
+    std::map<uint64_t, ElfSymbol> by_addr;
+    for (const ElfSymbol &s : functions(e.path))
+      by_addr[s.value] = s;
 
     testing::internal::CaptureStderr();
     std::vector<Rec> recs = discover(e.path);
@@ -352,7 +211,7 @@ TEST(DwarfBench, EveryExecutableListsExactlyItsOwnFunctions) {
     for (const Rec &r : recs) {
       auto it = by_addr.find(r.addr);
       ASSERT_NE(it, by_addr.end()) << e.name << " " << r.name;
-      const Sym &s = it->second;
+      const ElfSymbol &s = it->second;
       EXPECT_TRUE(seen.insert(r.addr).second) << e.name << " " << s.name;
       EXPECT_EQ(r.size, s.size) << e.name << " " << s.name;
       ASSERT_TRUE(owner.count(s.name)) << e.name << " " << s.name << " is not from the program's sources";
@@ -455,8 +314,8 @@ struct Dwarf {
       s.align = 1;
       e.add(s);
     }
-    Programs::images.push_back(e.write(temp_path("dwarf")));
-    return Programs::images.back();
+    Images::paths.push_back(e.write(temp_path("dwarf")));
+    return Images::paths.back();
   }
 };
 

@@ -145,30 +145,6 @@ TEST_F(OutputImage, GapsAndTrailingBytesOfASyntheticImageSurvive) {
   }
 }
 
-TEST_F(OutputImage, DuplicateOwnsItsContentsAndKnowsTheNewText) {
-  std::string in = gappy_image(false).write(temp_path("dup"));
-  load_input(in, temp_path("dup-out"));
-  begin_output();
-  Elf_Data *in_text_data = find_section_data_by_name(bin.in_elf, ".text");
-  Elf_Data *out_text_data = find_section_data_by_name(bin.out_elf, ".text");
-  ASSERT_NE(in_text_data, nullptr);
-  ASSERT_NE(out_text_data, nullptr);
-  EXPECT_NE(in_text_data->d_buf, out_text_data->d_buf);
-  EXPECT_EQ(bin.new_text, out_text_data->d_buf);
-  EXPECT_EQ(out_text_data->d_size, 12u);
-  // .bss has no contents; the copy has none either.
-  Elf_Data *bss = find_section_data_by_name(bin.out_elf, ".bss");
-  ASSERT_NE(bss, nullptr);
-  EXPECT_EQ(bss->d_buf, nullptr);
-  // Absent names give null; the empty name is the null section 0.
-  EXPECT_EQ(find_section_by_name(bin.out_elf, ".nothing"), nullptr);
-  EXPECT_EQ(find_section_data_by_name(bin.out_elf, ".nothing"), nullptr);
-  EXPECT_EQ(elf_ndxscn(find_section_by_name(bin.out_elf, "")), 0u);
-  finish_output();
-  unlink(in.c_str());
-  unlink(option.output);
-}
-
 TEST_F(OutputImage, AddressLookupFindsTheHoldingSectionAndChecksTheRange) {
   SynthElf img;
   img.add(text_section(0x400100, {0x11111111, 0x22222222}));

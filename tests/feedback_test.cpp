@@ -132,19 +132,6 @@ TEST_F(Feedback, TwoFilesMergeInTheDefinedOrder) {
   EXPECT_EQ(order(), (Order{"b1", "x", "both2", "both1", "a1", "b0", "z", "a0", "rest"}));
 }
 
-TEST_F(Feedback, ThreeFilesFirstOnTheCommandLineLeads) {
-  make_procs({"p", "q", "r", "s", "t"});
-  std::string a = file("A.fb", std::string(HEADER) + "r a.c 1\n");
-  std::string b = file("B.fb", std::string(HEADER) + "q a.c 1\nr a.c 1\n");
-  std::string c = file("C.fb", std::string(HEADER) + "p a.c 1\nq a.c 1\n");
-  testing::internal::CaptureStderr();
-  read({a, b, c});
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(order(), (Order{"r", "q", "p", "s", "t"}));
-  EXPECT_EQ(freq_of("q"), 2u);
-  EXPECT_EQ(freq_of("r"), 2u);
-}
-
 TEST_F(Feedback, MergedListAsLongAsTheTableIsRefused) {
   make_procs({"a", "b"});
   std::string a = file("A.fb", std::string(HEADER) + "a a.c 1\n");
@@ -216,8 +203,6 @@ TEST_F(Feedback, HeaderDirectives) {
   EXPECT_EQ(bin.feedback_time_stamp, 0x5f3au);
   EXPECT_EQ(status, 0);
 
-  // The header ends at the first "$start".
-  std::string h = file("late.fb", "$magic 1\n$start\n$name dir/other\n$version 2\n$start\n");
   std::string named = file("named.fb", "$magic 1\n$name dir/other\n$version 2\n$start\nf a.c 1\n");
   reset_proc_table();
   make_procs({"f"});
@@ -225,60 +210,43 @@ TEST_F(Feedback, HeaderDirectives) {
   read({named});
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Warning: feedback file " + named + " derived from dir/other !!!.\n");
-  EXPECT_EXIT(read({h}), ExitedWithCode(1), "^Error: invalid version\\.\n$");
 }
 
-TEST_F(Feedback, FatalMessages) {
+TEST_F(Feedback, FatalMessagesAndLineLength) {
   make_procs({"f"});
+  // 510 characters and the newline fit, also on a last line without one.
+  for (const std::string &fits : {"$magic 7 " + std::string(501, 'x') + "\n$version 2\n$start\n",
+                                  "$magic 7\n$version 2\n$kind " + std::string(504, 'k')}) {
+    testing::internal::CaptureStderr();
+    read({file("fits.fb", fits)});
+    testing::internal::GetCapturedStderr();
+  }
+  struct Case {
+    std::string contents;
+    std::string message;  // behind "^Error: "; @ stands for the file's path
+  } cases[] = {
+      {"# comment\nf a.c 1\n", "@ is not a feedback file\\.\n$"},
+      {"$magic 0x10130000\n\n", "@ is not a feedback file\\.\n$"}, // hexadecimal reads as 0
+      {"$magic 7\n$version 2\nnot a directive\n$start\n", "syntax error in feedback file @\nnot a directive\n\\.\n$"},
+      {"$magic 7\n$version 1\n$start\nf a.c 1\n", "invalid version\\.\n$"},
+      {"", "invalid version\\.\n$"},
+      {"$magic 1\n$start\n$name dir/other\n$version 2\n$start\n", "invalid version\\.\n$"}, // header ends at $start
+      {std::string(HEADER) + "f a.c 1\n$version 2\n", "@: directive after \\$start\\.\n$"},
+      {"$magic 7 " + std::string(502, 'x') + "\n$version 2\n$start\n",
+       "reorder file line too long, shouldn't exceed 511\\.\n$"},
+      {"#" + std::string(599, 'c') + "\n$magic 7\n$version 2\n$start\n", "reorder file line too long"},
+      {"$magic 7\n$version 2\n$kind " + std::string(505, 'k'), "reorder file line too long"},
+  };
   std::string missing = dir + "/missing.fb";
   EXPECT_EXIT(read({missing}), ExitedWithCode(1), "^Error: cannot read reorder file " + missing + "\\.\n$");
-
-  std::string body_first = file("bad1.fb", "# comment\nf a.c 1\n");
-  EXPECT_EXIT(read({body_first}), ExitedWithCode(1), "^Error: " + body_first + " is not a feedback file\\.\n$");
-  // A hexadecimal magic reads as 0, so it does not count.
-  std::string hex_magic = file("bad2.fb", "$magic 0x10130000\n\n");
-  EXPECT_EXIT(read({hex_magic}), ExitedWithCode(1), "^Error: " + hex_magic + " is not a feedback file\\.\n$");
-  std::string syntax = file("bad3.fb", "$magic 7\n$version 2\nnot a directive\n$start\n");
-  EXPECT_EXIT(read({syntax}), ExitedWithCode(1),
-              "^Error: syntax error in feedback file " + syntax + "\nnot a directive\n\\.\n$");
-
-  std::string v1 = file("v1.fb", "$magic 7\n$version 1\n$start\nf a.c 1\n");
-  EXPECT_EXIT(read({v1}), ExitedWithCode(1), "^Error: invalid version\\.\n$");
-  std::string none = file("none.fb", "");
-  EXPECT_EXIT(read({none}), ExitedWithCode(1), "^Error: invalid version\\.\n$");
-
-  std::string directive = file("dir.fb", std::string(HEADER) + "f a.c 1\n$version 2\n");
-  EXPECT_EXIT(read({directive}), ExitedWithCode(1), "^Error: " + directive + ": directive after \\$start\\.\n$");
-}
-
-TEST_F(Feedback, HeaderLineLength) {
-  make_procs({"f"});
-  // 510 characters and the newline fit; one more is refused, comments too.
-  std::string fits = file("fits.fb", "$magic 7 " + std::string(501, 'x') + "\n$version 2\n$start\n");
-  testing::internal::CaptureStderr();
-  read({fits});
-  testing::internal::GetCapturedStderr();
-  std::string too_long = file("long.fb", "$magic 7 " + std::string(502, 'x') + "\n$version 2\n$start\n");
-  EXPECT_EXIT(read({too_long}), ExitedWithCode(1), "^Error: reorder file line too long, shouldn't exceed 511\\.\n$");
-  std::string comment = file("comment.fb", "#" + std::string(599, 'c') + "\n$magic 7\n$version 2\n$start\n");
-  EXPECT_EXIT(read({comment}), ExitedWithCode(1), "shouldn't exceed 511");
-  // The last line without a newline: 510 characters fit, 511 do not.
-  std::string tail_fits = file("tail1.fb", "$magic 7\n$version 2\n$kind " + std::string(504, 'k'));
-  testing::internal::CaptureStderr();
-  read({tail_fits});
-  testing::internal::GetCapturedStderr();
-  std::string tail_long = file("tail2.fb", "$magic 7\n$version 2\n$kind " + std::string(505, 'k'));
-  EXPECT_EXIT(read({tail_long}), ExitedWithCode(1), "shouldn't exceed 511");
-}
-
-TEST_F(Feedback, VerboseNamesEveryGap) {
-  make_procs({"f", "g", ".libstub"});
-  option.verbose = 1;
-  testing::internal::CaptureStderr();
-  read({file("v.fb", std::string(HEADER) + "nope x.c 1\nf a.c 2\n")});
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Warning: Procedure not found. nope(x.c) feedback ignored.\n"
-            "Warning: No feedback data. g(a.c) placed at the end.\n");
+  int n = 0;
+  for (const Case &c : cases) {
+    std::string path = file("bad" + std::to_string(n++) + ".fb", c.contents);
+    std::string re = "^Error: " + c.message;
+    for (size_t at; (at = re.find('@')) != std::string::npos;)
+      re.replace(at, 1, path);
+    EXPECT_EXIT(read({path}), ExitedWithCode(1), re) << c.contents;
+  }
 }
 
 TEST_F(Feedback, MergedOutputFormatAndRoundTrip) {

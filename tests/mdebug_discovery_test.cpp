@@ -171,19 +171,6 @@ TEST_F(MdebugDiscovery, SymbolValuesAreSignExtended) {
       ExitedWithCode(1), "Subprogram: kernel lowpc\\(0xffffffff80001000\\)\n");
 }
 
-TEST_F(MdebugDiscovery, DebugDumpsEverySubprogram) {
-  SynthMdebug t;
-  t.files = {file("a.c", {{"one", 0x400100}, {"two", 0x400200}})};
-  write(t);
-  option.debug = 1;
-  testing::internal::CaptureStdout();
-  read_orig_binary();
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("<Debug> \tSubprogram: one lowpc(0x400100)\n<Debug> \tSubprogram: two lowpc(0x400200)\n"),
-            std::string::npos)
-      << out;
-}
-
 TEST_F(MdebugDiscovery, DescriptorRangeBeyondTheTableIsRefused) {
   SynthMdebug t;
   t.files = {file("a.c", {{"one", 0x400100}, {"two", 0x400200}})};

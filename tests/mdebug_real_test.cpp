@@ -18,6 +18,7 @@
 
 #include "com/mdebug.h"
 #include "mdebug/symtab.h"
+#include "support/elf_file.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
@@ -31,61 +32,12 @@ using ::testing::ExitedWithCode;
 
 namespace {
 
-struct ElfSymbol {
-  std::string name;
-  uint64_t value;
-  uint64_t size;
-};
-
 struct Built {
   std::string exe;
   std::vector<std::string> own_functions; // defined in the program's sources
 };
 
-std::vector<ElfSymbol> function_symbols(const std::string &path, bool defined_only = true) {
-  std::vector<ElfSymbol> r;
-  elf_version(EV_CURRENT);
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    if (sh.sh_type != SHT_SYMTAB)
-      continue;
-    Elf_Data *d = elf_getdata(s, nullptr);
-    for (size_t i = 0; i < sh.sh_size / sh.sh_entsize; ++i) {
-      GElf_Sym sym;
-      gelf_getsym(d, int(i), &sym);
-      if (GELF_ST_TYPE(sym.st_info) == STT_FUNC && (!defined_only || sym.st_shndx != SHN_UNDEF))
-        r.push_back({elf_strptr(e, sh.sh_link, sym.st_name), sym.st_value, sym.st_size});
-    }
-  }
-  elf_end(e);
-  close(fd);
-  return r;
-}
-
-// The .mdebug bytes of an executable and their file offset.
-std::vector<uint8_t> mdebug_bytes(const std::string &path, uint64_t *file_off) {
-  elf_version(EV_CURRENT);
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  size_t shstrndx;
-  elf_getshdrstrndx(e, &shstrndx);
-  std::vector<uint8_t> v;
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == ".mdebug") {
-      v.resize(sh.sh_size);
-      pread(fd, v.data(), v.size(), off_t(sh.sh_offset));
-      *file_off = sh.sh_offset;
-    }
-  }
-  elf_end(e);
-  close(fd);
-  return v;
-}
+std::vector<ElfSymbol> function_symbols(const std::string &path) { return ElfFile(path).functions(); }
 
 // Compiles the bench's calc program for one ABI; the assembler sees each
 // source under its own name, so the file descriptors say main.c etc.
@@ -191,8 +143,8 @@ TEST_P(MdebugReal, UpdateMovesEveryCodeAddress) {
     map[i] = bin.text_lo + 4 * uint64_t(i) + 0x10000;
   bin.text_map = map.data();
 
-  uint64_t file_off = 0;
-  std::vector<uint8_t> before = mdebug_bytes(b.exe, &file_off);
+  uint64_t file_off = ElfFile(b.exe).shdr(".mdebug").sh_offset;
+  std::vector<uint8_t> before = ElfFile(b.exe).contents(".mdebug");
   std::vector<uint8_t> after = before;
   fixmdebug(after.data(), after.size(), file_off);
   MdebugHandle *old_h = mdebug_open_image(before.data(), before.size(), file_off, "before");

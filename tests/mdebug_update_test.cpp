@@ -253,16 +253,3 @@ TEST_F(MdebugUpdate, TablesOutsideTheSectionAreRefused) {
     EXPECT_EXIT(fix(v), ExitedWithCode(1), c.message) << c.what;
   }
 }
-
-// The messages show the addresses the ranges would have had.
-TEST_F(MdebugUpdate, MessagesShowTheComputedAddresses) {
-  std::vector<uint8_t> v = linked_table().build(FILE_OFF);
-  uint32_t n = hdr_of(v).iextMax;
-  hdr_of(v).iextMax = n + 1;
-  uint64_t rel_end = uint64_t(hdr_of(v).cbExtOffset) - FILE_OFF + 16 * (n + 1);
-  auto at = [&](uint64_t rel) { return reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(v.data()) + rel); };
-  char expected[128];
-  snprintf(expected, sizeof expected, "^Error: mdebug Externals not in memory\\? %p %p\\.\n$", at(rel_end),
-           at(v.size()));
-  EXPECT_EXIT(fix(v), ExitedWithCode(1), expected);
-}

@@ -19,6 +19,7 @@
 
 #include "planning_fixture.h"
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/o32_programs.h"
 #include "support/scratch.h"
 #include "vesk/feedback.h"
@@ -39,31 +40,13 @@ struct Symbol {
 
 // The .text of an executable: its address and its words.
 bool read_text(const std::string &path, uint64_t &lo, std::vector<uint32_t> &words) {
-  int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0)
-    return false;
-  elf_version(EV_CURRENT);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  size_t shstrndx = 0;
-  bool found = false;
-  if (e != nullptr && elf_getshdrstrndx(e, &shstrndx) == 0) {
-    for (Elf_Scn *s = elf_nextscn(e, nullptr); s != nullptr && !found; s = elf_nextscn(e, s)) {
-      GElf_Shdr sh;
-      gelf_getshdr(s, &sh);
-      const char *name = elf_strptr(e, shstrndx, sh.sh_name);
-      if (name == nullptr || std::strcmp(name, ".text") != 0)
-        continue;
-      Elf_Data *d = elf_rawdata(s, nullptr);
-      lo = sh.sh_addr;
-      words.clear();
-      for (size_t i = 0; i + 4 <= d->d_size; i += 4)
-        words.push_back(load32(static_cast<const uint8_t *>(d->d_buf) + i));
-      found = true;
-    }
-  }
-  elf_end(e);
-  close(fd);
-  return found;
+  ElfFile f(path);
+  std::vector<uint8_t> v = f.contents(".text");
+  lo = f.shdr(".text").sh_addr;
+  words.clear();
+  for (size_t i = 0; i + 4 <= v.size(); i += 4)
+    words.push_back(load32(&v[i]));
+  return !v.empty();
 }
 
 // Code symbols inside [lo, hi), by address.

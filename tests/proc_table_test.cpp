@@ -46,15 +46,6 @@ Proc *reference_lookup(Proc *&last, uint64_t addr) {
 
 } // namespace
 
-TEST_F(ProcTable, GrowthKeepsRecordsAcrossDoubling) {
-  for (int i = 0; i < 1025; ++i)
-    make("f", "a.c", 0x1000 + 4 * uint64_t(i), 4);
-  EXPECT_EQ(get_n_procs(), 1025);
-  EXPECT_EQ(get_proc_by_index(0)->old_addr, 0x1000u);
-  EXPECT_EQ(get_proc_by_index(1023)->old_addr, 0x1000u + 4 * 1023);
-  EXPECT_EQ(get_proc_by_index(1024)->size, 4u);
-}
-
 TEST_F(ProcTable, BadIndexAndEmptyMapAreInternalErrors) {
   make("f", "a.c", 0x1000, 4);
   EXPECT_EXIT(get_proc_by_index(-1), ::testing::ExitedWithCode(1),
@@ -90,25 +81,6 @@ TEST_F(ProcTable, UnmatchedNamesWarnOnlyWhenVerbose) {
   testing::internal::CaptureStderr();
   attach_all();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: No feedback data. f(a.c) placed at the end.\n");
-}
-
-TEST_F(ProcTable, LibstubWithoutFeedbackDoesNotMarkStatus) {
-  make(".libstub", ".libstub", 0x1000, 8);
-  attach_all();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(order_head, get_proc_by_index(0));
-}
-
-TEST_F(ProcTable, AddressLookupEdges) {
-  Proc *a = make("a", "x.c", 0x1000, 0x10);
-  make("z", "x.c", 0x1010, 0);
-  Proc *b = make("b", "x.c", 0x1010, 0x10);
-  EXPECT_EQ(get_proc_by_addr(0x1000), nullptr); // nothing is in the list yet
-  attach_all();
-  EXPECT_EQ(get_proc_by_addr(0x100f), a);
-  EXPECT_EQ(get_proc_by_addr(0x1010), b); // one past a's end; the empty record is never found
-  EXPECT_EQ(get_proc_by_addr(0x1020), nullptr);
-  EXPECT_EQ(get_proc_by_addr(0xfff), nullptr);
 }
 
 TEST_F(ProcTable, IndexAgreesWithListWalkEvenWithOverlaps) {

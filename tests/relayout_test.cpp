@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <fcntl.h>
 #include <gelf.h>
 #include <map>
@@ -15,6 +16,7 @@
 #include "com/branch.h"
 #include "com/update.h"
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
@@ -25,40 +27,6 @@ using namespace vesk;
 using namespace vesk::test;
 
 namespace {
-
-// Calls, tail calls, recursion, a switch, function pointers in data and a
-// constructor: code addresses in every place a compiler puts them.
-const char *const kBusyProgram = R"(
-#include <stdio.h>
-typedef int (*fn)(int);
-static int sq(int x) { return x * x; }
-static int cube(int x) { return x * x * x; }
-int neg(int x) { return -x; }
-static fn table[] = {sq, cube, neg};
-fn volatile chosen = cube;
-static int order[8], n_order;
-__attribute__((constructor)) static void early(void) { order[n_order++] = 1; }
-__attribute__((noinline)) static int fib(int n) { return n < 2 ? n : fib(n - 1) + fib(n - 2); }
-__attribute__((noinline)) int classify(int v) {
-  switch (v & 7) {
-  case 0: return fib(5);
-  case 1: return sq(v);
-  case 2: return cube(v);
-  case 3: return neg(v);
-  case 4: return 17;
-  case 5: return v + 9;
-  default: return -1;
-  }
-}
-__attribute__((noinline)) int tail(int v) { return classify(v + 1); }
-int main(int argc, char **argv) {
-  int s = 0;
-  for (int i = 0; i < 20; i++)
-    s += table[i % 3](i) + classify(i) + tail(i) + chosen(argc);
-  printf("%d %d %s\n", s, order[0], argc > 1 ? argv[1] : "-");
-  return 0;
-}
-)";
 
 // Only calls, branches and jumps between the procedures that move.
 const char *const kPlainProgram = R"(
@@ -108,87 +76,6 @@ uint64_t target_of(uint32_t w, uint64_t pc) {
   return pc + 4 + uint64_t(int64_t(int16_t(w & 0xffff)) * 4);
 }
 
-// ---- the written file, read with libelf ----
-
-struct ElfFile {
-  std::vector<uint8_t> bytes;
-  int fd = -1;
-  Elf *e = nullptr;
-  bool is64 = false;
-
-  explicit ElfFile(const std::string &path) : bytes(file_bytes(path)) {
-    fd = open(path.c_str(), O_RDONLY);
-    e = elf_begin(fd, ELF_C_READ, nullptr);
-    is64 = gelf_getclass(e) == ELFCLASS64;
-  }
-  ~ElfFile() {
-    elf_end(e);
-    close(fd);
-  }
-  Elf_Scn *scn(const char *name) {
-    size_t shstrndx;
-    elf_getshdrstrndx(e, &shstrndx);
-    for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-      GElf_Shdr sh;
-      gelf_getshdr(s, &sh);
-      if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == name)
-        return s;
-    }
-    return nullptr;
-  }
-  GElf_Shdr shdr(const char *name) {
-    GElf_Shdr sh{};
-    if (Elf_Scn *s = scn(name))
-      gelf_getshdr(s, &sh);
-    return sh;
-  }
-  // File offset of a virtual address, through the section headers.
-  uint64_t offset_of(uint64_t addr) {
-    for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-      GElf_Shdr sh;
-      gelf_getshdr(s, &sh);
-      if ((sh.sh_flags & SHF_ALLOC) && sh.sh_type != SHT_NOBITS && addr >= sh.sh_addr &&
-          addr < sh.sh_addr + sh.sh_size)
-        return sh.sh_offset + (addr - sh.sh_addr);
-    }
-    return ~uint64_t(0);
-  }
-  uint64_t addr_word(uint64_t off) { return is64 ? load64(&bytes[off]) : load32(&bytes[off]); }
-  unsigned addr_size() const { return is64 ? 8 : 4; }
-  std::vector<GElf_Sym> symbols(const char *name) {
-    std::vector<GElf_Sym> v;
-    if (Elf_Scn *s = scn(name)) {
-      Elf_Data *d = elf_getdata(s, nullptr);
-      GElf_Sym sym;
-      for (int i = 0; gelf_getsym(d, i, &sym); ++i)
-        v.push_back(sym);
-    }
-    return v;
-  }
-  std::vector<GElf_Dyn> dynamic() {
-    std::vector<GElf_Dyn> v;
-    if (Elf_Scn *s = scn(".dynamic")) {
-      Elf_Data *d = elf_getdata(s, nullptr);
-      GElf_Dyn dyn;
-      for (int i = 0; gelf_getdyn(d, i, &dyn); ++i)
-        v.push_back(dyn);
-    }
-    return v;
-  }
-  // r_offset of every R_MIPS_REL32 of .rel.dyn.
-  std::vector<uint64_t> rel32_targets() {
-    std::vector<uint64_t> v;
-    if (Elf_Scn *s = scn(".rel.dyn")) {
-      Elf_Data *d = elf_getdata(s, nullptr);
-      GElf_Rel r;
-      for (int i = 0; gelf_getrel(d, i, &r); ++i)
-        if ((r.r_info & 0xff) == 3)
-          v.push_back(r.r_offset);
-    }
-    return v;
-  }
-};
-
 // The layout the test made, as the steps see it.
 struct Layout {
   uint64_t lo = 0, hi = 0;
@@ -221,6 +108,12 @@ template <class Arrange> std::string rewrite(const std::string &exe, Arrange arr
 
 std::vector<TextBlock> reversed(std::vector<TextBlock> b) {
   std::reverse(b.begin(), b.end());
+  return b;
+}
+
+std::vector<TextBlock> shuffled(std::vector<TextBlock> b) {
+  std::mt19937 rng(uint32_t(b.size()) * 2654435761u);
+  std::shuffle(b.begin(), b.end(), rng);
   return b;
 }
 
@@ -289,7 +182,10 @@ void check_rewrite(const std::string &in_path, const std::string &out_path, cons
     EXPECT_EQ(out.addr_word(got.sh_offset + i * in.addr_size()), pages ? v : L.repoint(v)) << "GOT " << i;
   }
 
-  for (uint64_t where : in.rel32_targets()) {
+  for (const GElf_Rel &rel : in.rels(".rel.dyn")) {
+    if ((rel.r_info & 0xff) != 3) // R_MIPS_REL32
+      continue;
+    uint64_t where = rel.r_offset;
     uint64_t off = in.offset_of(where);
     ASSERT_NE(off, ~uint64_t(0));
     EXPECT_EQ(out.addr_word(off), L.repoint(in.addr_word(off))) << std::hex << "REL32 at " << where << " old " << in.addr_word(off);
@@ -328,15 +224,6 @@ void check_rewrite(const std::string &in_path, const std::string &out_path, cons
   EXPECT_EQ(ro.out.find("Error"), std::string::npos);
 }
 
-struct Build {
-  Abi abi;
-  const char *name;
-  std::vector<std::string> flags;
-};
-
-const std::vector<std::string> kPie = {"-O2", "-Wl,-q", "-fPIE", "-pie"};
-const std::vector<std::string> kNoPie = {"-O2", "-Wl,-q", "-fno-pie", "-no-pie"};
-
 // Calls into the PLT, which lies in front of .text, are the only jumps
 // that the fix-up leaves alone, with a warning.
 void expect_only_calls_in_front_of_text(const std::string &err) {
@@ -356,36 +243,18 @@ using Relayout = RewriteTest;
 
 } // namespace
 
-TEST_F(Relayout, EveryCodeAddressTheStepsOwnFollowsReversedProcedures) {
-  std::vector<Build> builds;
-  for (Abi abi : {Abi::o32, Abi::n32, Abi::n64}) {
-    builds.push_back({abi, "pie", kPie});
-    builds.push_back({abi, "nopie", kNoPie});
-  }
-  for (const Build &b : builds) {
-    SCOPED_TRACE(std::string(abi_name(b.abi)) + " " + b.name);
-    std::string exe = cross_compile(b.abi, kBusyProgram, b.flags);
-    if (exe.empty())
-      GTEST_SKIP() << "no cross compiler";
-    Layout layout;
-    testing::internal::CaptureStderr();
-    std::string out = rewrite(exe, reversed, &layout);
-    expect_only_calls_in_front_of_text(testing::internal::GetCapturedStderr());
-    check_rewrite(exe, out, layout);
-    unlink(out.c_str());
-  }
-}
-
-TEST_F(Relayout, BenchExecutablesWithReversedProceduresKeepEveryOwnedCodeAddressRight) {
+TEST_F(Relayout, BenchExecutablesWithReversedOrShuffledProceduresKeepEveryOwnedCodeAddressRight) {
   VESK_REQUIRE_BENCH();
   for (const BenchExe &e : bench_executables()) {
-    SCOPED_TRACE(e.name);
-    Layout layout;
-    testing::internal::CaptureStderr();
-    std::string out = rewrite(e.path, reversed, &layout);
-    expect_only_calls_in_front_of_text(testing::internal::GetCapturedStderr());
-    check_rewrite(e.path, out, layout);
-    unlink(out.c_str());
+    for (auto order : {reversed, shuffled}) {
+      SCOPED_TRACE(e.name + (order == reversed ? " reversed" : " shuffled"));
+      Layout layout;
+      testing::internal::CaptureStderr();
+      std::string out = rewrite(e.path, order, &layout);
+      expect_only_calls_in_front_of_text(testing::internal::GetCapturedStderr());
+      check_rewrite(e.path, out, layout);
+      unlink(out.c_str());
+    }
   }
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/o32_programs.h"
 #include "support/child.h"
 #include "support/scratch.h"
@@ -39,24 +40,6 @@ const BenchExe *prepare(const ScratchDir &dir, const char *abi, const char *debu
 
 } // namespace
 
-// The byte ranges of the sections of an executable, by name.
-std::map<std::string, std::pair<uint64_t, uint64_t>> section_ranges(const std::string &path) {
-  std::map<std::string, std::pair<uint64_t, uint64_t>> out;
-  elf_version(EV_CURRENT);
-  int fd = open(path.c_str(), O_RDONLY);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  size_t shstrndx = 0;
-  elf_getshdrstrndx(e, &shstrndx);
-  for (Elf_Scn *scn = elf_nextscn(e, nullptr); scn; scn = elf_nextscn(e, scn)) {
-    GElf_Shdr sh;
-    gelf_getshdr(scn, &sh);
-    out[elf_strptr(e, shstrndx, sh.sh_name)] = {sh.sh_offset, sh.sh_offset + sh.sh_size};
-  }
-  elf_end(e);
-  close(fd);
-  return out;
-}
-
 // Without feedback an mdebug input keeps its layout (its procedures are in
 // address order): the run rewrites every code address to the address it
 // already had, so the text, data, GOT and symbols come out unchanged, and
@@ -82,18 +65,18 @@ TEST(CompletedRun, WithoutFeedbackAnMdebugInputKeepsItsLayout) {
     // Besides the stamps, the mdebug table is normalised (file base
     // addresses become 0, procedure addresses absolute) and .compact_rel
     // is re-encoded; nothing else may change.
-    auto sections = section_ranges(input);
+    auto sections = ElfFile(input).sections();
     auto stamped = [&](size_t i) {
-      for (const char *name : {".dynamic", ".mdebug", ".compact_rel"}) {
-        auto it = sections.find(name);
-        if (it != sections.end() && i >= it->second.first && i < it->second.second)
+      for (const auto &[name, range] : sections)
+        if ((name == ".dynamic" || name == ".mdebug" || name == ".compact_rel") && i >= range.first && i < range.second)
           return true;
-      }
       return false;
     };
-    for (size_t i = 0; i < in.size(); ++i)
-      if (in[i] != out[i])
+    for (size_t i = 0; i < in.size(); ++i) {
+      if (in[i] != out[i]) {
         ASSERT_TRUE(stamped(i)) << "byte " << i << " changed outside .dynamic, .mdebug and .compact_rel";
+      }
+    }
     EXPECT_NE(in, out) << "the output is not stamped as processed";
     struct stat st;
     ASSERT_EQ(stat((dir / "prog.vesk").c_str(), &st), 0);

@@ -125,32 +125,22 @@ struct Image {
   }
 
   uint32_t new_word(uint32_t new_addr) const { return load32(new_text_bytes.data() + (new_addr - TEXT)); }
-  Elf_Scn *section() const {
+  Elf_Scn *section(const char *name = ".compact_rel") const {
     size_t n;
     elf_getshdrstrndx(elf, &n);
     for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
-      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".compact_rel")
+      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == name)
         return s;
     return nullptr;
   }
-  uint32_t data_word(uint32_t i) const {
-    size_t n;
-    elf_getshdrstrndx(elf, &n);
-    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
-      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".data")
-        return load32(static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i);
-    return 0;
+  const uint8_t *bytes(const char *name) const {
+    return static_cast<const uint8_t *>(elf_getdata(section(name), nullptr)->d_buf);
   }
-  uint32_t init_array_word(uint32_t i) const {
-    size_t n;
-    elf_getshdrstrndx(elf, &n);
-    for (Elf_Scn *s = elf_getscn(elf, 0); s; s = elf_nextscn(elf, s))
-      if (std::string(elf_strptr(elf, n, elf32_getshdr(s)->sh_name)) == ".init_array") {
-        uint32_t v;
-        std::memcpy(&v, static_cast<uint8_t *>(elf_getdata(s, nullptr)->d_buf) + 4 * i, 4);
-        return v;
-      }
-    return 0;
+  uint32_t data_word(uint32_t i) const { return load32(bytes(".data") + 4 * i); }
+  uint32_t init_array_word(uint32_t i) const { // host order, as libelf holds it
+    uint32_t v;
+    std::memcpy(&v, bytes(".init_array") + 4 * i, 4);
+    return v;
   }
   // The entries of the rebuilt section.
   std::vector<CompactRelEntry> result() const {

@@ -8,6 +8,7 @@
 
 #include "com/elf.h"
 #include "com/update.h"
+#include "support/elf_file.h"
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
@@ -142,36 +143,6 @@ void run_all_updates() {
   update_symtab();
 }
 
-// Reads back a written file with libelf.
-struct Written {
-  int fd;
-  Elf *e;
-  explicit Written(const std::string &path) {
-    fd = open(path.c_str(), O_RDONLY);
-    e = elf_begin(fd, ELF_C_READ, nullptr);
-  }
-  ~Written() {
-    elf_end(e);
-    close(fd);
-  }
-  Elf_Scn *scn(const char *name) {
-    size_t shstrndx;
-    elf_getshdrstrndx(e, &shstrndx);
-    for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-      GElf_Shdr sh;
-      gelf_getshdr(s, &sh);
-      if (std::string(elf_strptr(e, shstrndx, sh.sh_name)) == name)
-        return s;
-    }
-    return nullptr;
-  }
-  Elf_Data *data(const char *name) { return elf_getdata(scn(name), nullptr); }
-  uint64_t word(const char *name, size_t i, bool is64) {
-    auto *p = static_cast<const uint8_t *>(data(name)->d_buf);
-    return is64 ? load64(p + 8 * i) : load32(p + 4 * i);
-  }
-};
-
 template <class C> void check_all_updates() {
   constexpr bool is64 = sizeof(typename C::Addr) == 8;
   std::string in = code_address_image<C>(TEXT + 0x40, 0x2);
@@ -187,27 +158,23 @@ template <class C> void check_all_updates() {
                       : "Warning: ignoring incorrect R_MIPS_REL32.\n"
                         "Warning: unknown elf rel type.\n");
 
-  Written w(out);
-  GElf_Ehdr eh;
-  gelf_getehdr(w.e, &eh);
-  EXPECT_EQ(eh.e_entry, moved(TEXT + 0x40));
-
-  Elf_Data *dd = w.data(".dynamic");
-  std::vector<GElf_Dyn> d(dd->d_size / gelf_fsize(w.e, ELF_T_DYN, 1, EV_CURRENT));
-  for (size_t i = 0; i < d.size(); ++i)
-    gelf_getdyn(dd, int(i), &d[i]);
+  ElfFile w(out);
+  EXPECT_EQ(w.ehdr().e_entry, moved(TEXT + 0x40));
+  auto word = [&](const char *name, size_t i) {
+    std::vector<uint8_t> v = w.contents(name);
+    return is64 ? load64(&v[8 * i]) : load32(&v[4 * i]);
+  };
+  std::vector<GElf_Dyn> d = w.dynamic();
   EXPECT_EQ(d[0].d_un.d_val, INIT);               // in .init: stays
   EXPECT_EQ(d[1].d_un.d_val, moved(TEXT + 0x10)); // in .text: follows
   EXPECT_NE(d[2].d_un.d_val, 5u);                 // a new time stamp
   {
     // Outputs of two runs compare equal apart from the stamp.
-    GElf_Shdr dsh;
-    gelf_getshdr(w.scn(".dynamic"), &dsh);
-    size_t half = is64 ? 8 : 4, at = dsh.sh_offset + 2 * 2 * half + half;
-    std::vector<uint8_t> raw = file_bytes(out), masked = file_bytes_without_time_stamp(out);
-    ASSERT_EQ(raw.size(), masked.size());
-    for (size_t i = 0; i < raw.size(); ++i)
-      EXPECT_EQ(masked[i], i >= at && i < at + half ? 0 : raw[i]) << i;
+    size_t half = is64 ? 8 : 4, at = w.shdr(".dynamic").sh_offset + 2 * 2 * half + half;
+    std::vector<uint8_t> masked = file_bytes_without_time_stamp(out);
+    ASSERT_EQ(w.bytes.size(), masked.size());
+    for (size_t i = 0; i < masked.size(); ++i)
+      EXPECT_EQ(masked[i], i >= at && i < at + half ? 0 : w.bytes[i]) << i;
   }
   EXPECT_EQ(d[3].d_un.d_val, 0x1002u);
   EXPECT_EQ(bin.mips_flags, 0x2u);
@@ -216,21 +183,16 @@ template <class C> void check_all_updates() {
   std::vector<uint64_t> want_got = {0,        0x80000000,          0x400000,      moved(TEXT + 4), 0x410000,
                                     moved(TEXT + 0x14), moved(TEXT + 0x20), STUBS + 0x10, TEXT_END};
   for (size_t i = 0; i < want_got.size(); ++i)
-    EXPECT_EQ(w.word(".got", i, is64), want_got[i]) << "GOT entry " << i;
+    EXPECT_EQ(word(".got", i), want_got[i]) << "GOT entry " << i;
 
-  EXPECT_EQ(w.word(".data", 0, is64), moved(TEXT + 8)); // REL32 target
-  EXPECT_EQ(w.word(".data", 1, is64), STUBS);           // R_MIPS_32 or an odd REL: left
-  EXPECT_EQ(w.word(".data", 2, is64), TEXT + 0x10);     // no relocation
+  EXPECT_EQ(word(".data", 0), moved(TEXT + 8)); // REL32 target
+  EXPECT_EQ(word(".data", 1), STUBS);           // R_MIPS_32 or an odd REL: left
+  EXPECT_EQ(word(".data", 2), TEXT + 0x10);     // no relocation
 
   auto values = [&](const char *name) {
-    Elf_Data *sd = w.data(name);
     std::vector<uint64_t> v;
-    for (int i = 0;; ++i) {
-      GElf_Sym s;
-      if (!gelf_getsym(sd, i, &s))
-        break;
+    for (const GElf_Sym &s : w.symbols(name))
       v.push_back(s.st_value);
-    }
     return v;
   };
   EXPECT_EQ(values(".dynsym"), (std::vector<uint64_t>{0, moved(TEXT + 0x20), STUBS, 0, moved(TEXT + 0x24)}));
@@ -242,7 +204,6 @@ template <class C> void check_all_updates() {
 
 using CodeAddressUpdates = RewriteTest;
 using CodeAddressUpdatesDeathTest = RewriteTest;
-using GotPairHelpers = RewriteTest;
 using GotPairHelpersDeathTest = RewriteTest;
 
 } // namespace
@@ -291,45 +252,6 @@ TEST_F(CodeAddressUpdatesDeathTest, AnEntryPointOutsideTheCodeIsFatal) {
   EXPECT_EXIT(update_elf_header(), testing::ExitedWithCode(1), "^Error: e_entry not in \\.text\\.\n$");
   unlink(in.c_str());
   unlink(option.output);
-}
-
-TEST_F(GotPairHelpers, PageAndOffsetFollowTheCodeAndReuseLocalEntries) {
-  for (bool is64 : {false, true}) {
-    SCOPED_TRACE(is64 ? "64-bit" : "32-bit");
-    std::string in = is64 ? code_address_image<Elf64Class>(TEXT, 0) : code_address_image<Elf32Class>(TEXT, 0);
-    prepare(in);
-    uint32_t size = is64 ? 8 : 4;
-    auto gpoff = [&](uint32_t index) { return int32_t(GOT + index * size - bin.gp_value); };
-    EXPECT_EQ(got_index_by_gpoffset(gpoff(3)), 3u);
-    EXPECT_EQ(got_content_by_gpoffset(gpoff(3)), TEXT + 4);
-
-    // Nearest local entry to a text address: the page 0x400000 (index 2),
-    // the first in index order within 32 KB.
-    uint32_t index = 0;
-    EXPECT_EQ(find_local_got_entry_for_addr(0x400010, &index), 0x10);
-    EXPECT_EQ(index, 2u);
-
-    // A pair forms TEXT + 0x20 from page 0x400000 (low -0xe0); the word
-    // moves by +0x100 and the page still reaches it: only the low changes.
-    bin.new_text[0] = 0xdf; // the instructions patched below: words 0 and 1
-    uint64_t old_addr = TEXT + 0x20, new_addr = moved(old_addr);
-    int32_t low = int32_t(old_addr - 0x400000);
-    int32_t new_low = update_got_page(TEXT, low, 2, old_addr);
-    EXPECT_EQ(new_low, int32_t(new_addr - 0x400000));
-    EXPECT_EQ(load16(bin.new_text + 2), uint16_t(gpoff(2)));
-    EXPECT_EQ(update_got_offset(TEXT + 4, low, 2, old_addr), gpoff(2));
-    EXPECT_EQ(load16(bin.new_text + 6), uint16_t(new_low));
-    EXPECT_EQ(bin.new_text[0], 0xdf); // opcode byte untouched
-
-    // With the output GOT re-pointed, entry 3 (TEXT + 4) no longer holds
-    // its input value and is passed over for a later, unchanged one.
-    update_got();
-    EXPECT_EQ(find_local_got_entry_for_addr(TEXT + 8, &index), int32_t(TEXT + 8 - 0x400000));
-    EXPECT_EQ(index, 2u);
-    finish_output();
-    unlink(in.c_str());
-    unlink(option.output);
-  }
 }
 
 TEST_F(GotPairHelpersDeathTest, NoEntryNearbyOrNoEntryAtAllIsFatal) {

@@ -55,7 +55,11 @@ extern Bin bin;
 // The input's ELF header, widened to the 64-bit layout for a 32-bit input.
 extern Elf64_Ehdr *in_ehdr;
 
-inline bool in_text(uint64_t a) { return a >= bin.text_lo && a < bin.text_hi; }
+// A .text whose size is not a multiple of 4 ends in a partial word that
+// has no text_map entry; it counts as outside.
+inline bool in_text(uint64_t a) {
+  return a >= bin.text_lo && a < bin.text_hi && ((a - bin.text_lo) >> 2) < bin.text_words;
+}
 inline bool is_o32() { return bin.is_elf32 == 1 && bin.is_n32 == 0; }
 // The new address of an old .text address (caller checks in_text).
 inline uint64_t text_map_of(uint64_t a) { return bin.text_map[(a - bin.text_lo) >> 2]; }
