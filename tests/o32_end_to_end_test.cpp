@@ -11,6 +11,7 @@
 #include <map>
 
 #include "support/bench.h"
+#include "support/elf_file.h"
 #include "support/o32_reorder.h"
 #include "support/run.h"
 #include "vesk/bytes.h"
@@ -229,10 +230,11 @@ TEST(O32MdebugLineTable, IsTheInputsEvenWhereTheRewriteChangedTheBytes) {
   ASSERT_NE(e, nullptr);
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << b.refusal();
-  uint64_t mdebug_off = 0;
-  std::string hdr = section_contents(b.annotated(), ".mdebug", &mdebug_off);
+  ElfFile input(b.annotated());
+  uint64_t mdebug_off = input.shdr(".mdebug").sh_offset;
+  std::vector<uint8_t> hdr = input.contents(".mdebug");
   ASSERT_GE(hdr.size(), 96u);
-  const auto *h = reinterpret_cast<const uint8_t *>(hdr.data());
+  const uint8_t *h = hdr.data();
   uint32_t isym_max = vesk::load32(h + 32), cb_sym_offset = vesk::load32(h + 36);
   ASSERT_GT(isym_max, 0u);
 
@@ -272,7 +274,7 @@ TEST_P(O32DwarfEndToEnd, SecondRunOnItsOwnOutputIsRefused) {
   const std::string first = b.path("first");
   RunResult r = b.vesk(b.annotated(), reversed_order(b.procs()), first);
   ASSERT_EQ(r.status, 0) << r.err;
-  if (section_contents(first, ".MIPS.Xlate").empty())
+  if (ElfFile(first).scn(".MIPS.Xlate") == nullptr)
     GTEST_SKIP() << "vesk writes no .MIPS.Xlate section yet";
   r = b.vesk(first, random_order(b.procs(), e->name + " again"), b.path("second"));
   EXPECT_EQ(r.status, 1);

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "support/elf_file.h"
 #include "vesk/bytes.h"
 
 namespace vesk::test {
@@ -199,22 +200,15 @@ namespace {
 
 // The lowest virtual address of a loadable segment.
 uint64_t lowest_load_address(const std::string &exe) {
-  elf_version(EV_CURRENT);
-  int fd = open(exe.c_str(), O_RDONLY);
-  if (fd < 0)
-    throw std::runtime_error("cannot open " + exe);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
+  ElfFile f(exe);
   size_t n = 0;
   uint64_t lowest = UINT64_MAX;
-  if (e != nullptr && elf_getphdrnum(e, &n) == 0)
+  if (f.e != nullptr && elf_getphdrnum(f.e, &n) == 0)
     for (size_t i = 0; i < n; ++i) {
       GElf_Phdr ph;
-      if (gelf_getphdr(e, int(i), &ph) && ph.p_type == PT_LOAD)
+      if (gelf_getphdr(f.e, int(i), &ph) && ph.p_type == PT_LOAD)
         lowest = std::min<uint64_t>(lowest, ph.p_vaddr);
     }
-  if (e != nullptr)
-    elf_end(e);
-  close(fd);
   if (lowest == UINT64_MAX)
     throw std::runtime_error("no loadable segment in " + exe);
   return lowest;
@@ -274,49 +268,20 @@ std::vector<FeedbackLine> hot_first_order(const std::vector<ListedProc> &procs, 
   return out;
 }
 
-std::string section_contents(const std::string &exe, const std::string &name, uint64_t *file_offset) {
-  elf_version(EV_CURRENT);
-  int fd = open(exe.c_str(), O_RDONLY);
-  if (fd < 0)
-    throw std::runtime_error("cannot open " + exe);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  std::string out;
-  size_t shstrndx;
-  if (e != nullptr && elf_getshdrstrndx(e, &shstrndx) == 0)
-    for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-      GElf_Shdr sh;
-      gelf_getshdr(s, &sh);
-      const char *n = elf_strptr(e, shstrndx, sh.sh_name);
-      if (n == nullptr || name != n)
-        continue;
-      Elf_Data *d = elf_rawdata(s, nullptr);
-      if (d != nullptr && d->d_buf != nullptr)
-        out.assign(static_cast<const char *>(d->d_buf), d->d_size);
-      if (file_offset != nullptr)
-        *file_offset = sh.sh_offset;
-      break;
-    }
-  if (e != nullptr)
-    elf_end(e);
-  close(fd);
-  return out;
-}
-
 LineTable mdebug_line_table(const std::string &exe) {
   // The symbolic header: magic and vstamp (16 bits each), then ilineMax,
   // cbLine, cbLineOffset, ... (32 bits each).  cbLineOffset is a file
   // offset.
-  std::string hdr = section_contents(exe, ".mdebug");
-  if (hdr.size() < 96 || load16(reinterpret_cast<const uint8_t *>(hdr.data())) != 0x7009)
+  ElfFile f(exe);
+  std::vector<uint8_t> hdr = f.contents(".mdebug");
+  if (hdr.size() < 96 || load16(hdr.data()) != 0x7009)
     throw std::runtime_error("no mdebug symbolic header in " + exe);
-  const auto *h = reinterpret_cast<const uint8_t *>(hdr.data());
   LineTable t;
-  t.size = load32(h + 8);
-  t.offset = load32(h + 12);
-  std::string file = read_file(exe);
-  if (uint64_t(t.offset) + t.size > file.size())
+  t.size = load32(hdr.data() + 8);
+  t.offset = load32(hdr.data() + 12);
+  if (uint64_t(t.offset) + t.size > f.bytes.size())
     throw std::runtime_error("mdebug line table runs past the end of " + exe);
-  t.bytes = file.substr(t.offset, t.size);
+  t.bytes.assign(f.bytes.begin() + t.offset, f.bytes.begin() + t.offset + t.size);
   return t;
 }
 

@@ -104,14 +104,11 @@ std::vector<uint64_t> entry_counts(const BenchExe &e, const std::string &exe, co
 // counts; nameless procedures cannot be named in feedback and are left out.
 std::vector<FeedbackLine> hot_first_order(const std::vector<ListedProc> &procs, const std::vector<uint64_t> &counts);
 
-// The raw contents of an ELF section (empty when absent), and where they lie
-// in the file.
-std::string section_contents(const std::string &exe, const std::string &name, uint64_t *file_offset = nullptr);
 // The mdebug line-number table of an executable: where its header places
 // it in the file and its bytes.
 struct LineTable {
   uint32_t offset = 0, size = 0;
-  std::string bytes;
+  std::vector<uint8_t> bytes;
 };
 LineTable mdebug_line_table(const std::string &exe);
 
