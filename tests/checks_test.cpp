@@ -12,8 +12,6 @@ using ::testing::ExitedWithCode;
 
 namespace {
 
-using Order = std::vector<std::string>;
-constexpr uint64_t LO = 0x400000;
 
 // Procedures p0..pN-1 of four words each (a frame, a nop, a return and its
 // delay slot); `patch` changes single words before the table is built.
@@ -33,11 +31,10 @@ struct Checks : Planning {
     p.clear();
     for (size_t i = 0; i < words.size() / 4; ++i)
       p.push_back(make(numbered("p", i), LO + 16 * i, 16));
-    for (int i : list_order) {
-      attach_proc_list(p[size_t(i)]);
-      p[size_t(i)]->placed = 1;
-    }
-    attach_proc_with_no_feedback();
+    std::vector<Proc *> fed;
+    for (int i : list_order)
+      fed.push_back(p[size_t(i)]);
+    attach(fed);
   }
   static uint64_t addr(int proc, int word) { return LO + 16 * uint64_t(proc) + 4 * uint64_t(word); }
   // A branch in word w of procedure `from` to word 0 of procedure `to`.

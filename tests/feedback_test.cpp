@@ -73,7 +73,6 @@ struct Feedback : Planning {
   }
 };
 
-using Order = std::vector<std::string>;
 
 TEST_F(Feedback, OneFileGivesItsOrderThenTheRestInTableOrder) {
   make_procs({"a", "b", "c", "d", "e"});

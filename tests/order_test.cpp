@@ -21,8 +21,6 @@ using ::testing::ExitedWithCode;
 
 namespace {
 
-using Order = std::vector<std::string>;
-constexpr uint64_t LO = 0x400000;
 constexpr uint64_t PAGE = 4096;
 
 struct Layout : Planning {
@@ -68,15 +66,6 @@ struct Layout : Planning {
     for (int i = 0; i < get_n_procs(); ++i)
       v.push_back(get_proc_by_index(i));
     return v;
-  }
-
-  // Attaches the given procedures as the feedback would, the rest behind.
-  static void attach(const std::vector<Proc *> &fed) {
-    for (Proc *p : fed) {
-      attach_proc_list(p);
-      p->placed = 1;
-    }
-    attach_proc_with_no_feedback();
   }
 
   static std::string plan(bool verbose = true) {

@@ -28,6 +28,9 @@ constexpr uint32_t ADDIU_SP = 0x27bdffe0;
 constexpr uint32_t DIV_A0_A1 = 0x0085001a;
 constexpr uint32_t LW_T0 = 0x8c880000;   // lw t0,0(a0)
 constexpr uint32_t MFC1_T0 = 0x44084000; // mfc1 t0,$f8
+constexpr uint64_t LO = 0x400000; // where the synthetic texts start
+using Order = std::vector<std::string>;
+
 inline uint32_t beq_zero(int32_t words) { return 0x10000000u | (uint32_t(words) & 0xffff); }
 inline uint32_t jal(uint64_t target) { return 0x0c000000u | (uint32_t(target >> 2) & 0x03ffffff); }
 
@@ -78,6 +81,15 @@ struct Planning : ::testing::Test {
     std::string s = prefix;
     s += std::to_string(i);
     return keep(std::move(s));
+  }
+
+  // Attaches the given procedures as the feedback would, the rest behind.
+  static void attach(const std::vector<Proc *> &fed) {
+    for (Proc *p : fed) {
+      attach_proc_list(p);
+      p->placed = 1;
+    }
+    attach_proc_with_no_feedback();
   }
 
   static std::vector<std::string> order() {

@@ -13,8 +13,6 @@ using namespace vesk::test;
 
 namespace {
 
-using Order = std::vector<std::string>;
-constexpr uint64_t LO = 0x400000;
 constexpr uint32_t LO32 = uint32_t(LO);
 const std::string CANNOT_FIX = "Warning: cannot fix R4000 eop bug.\n";
 
@@ -45,11 +43,10 @@ struct R4000 : Planning {
     p.clear();
     for (size_t i = 0; i < bodies.size(); ++i)
       p.push_back(get_proc_by_index(long(i)));
-    for (int i : list_order) {
-      attach_proc_list(p[size_t(i)]);
-      p[size_t(i)]->placed = 1;
-    }
-    attach_proc_with_no_feedback();
+    std::vector<Proc *> fed;
+    for (int i : list_order)
+      fed.push_back(p[size_t(i)]);
+    attach(fed);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     verify_proc();
