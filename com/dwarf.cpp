@@ -23,7 +23,7 @@ namespace vesk {
 
 namespace {
 
-// The SGI attribute that carries a subprogram's linker-level (abstract)
+// The vendor attribute (0x2009) that carries a subprogram's linker-level (abstract)
 // name.  GCC writes DW_AT_linkage_name instead, which is not looked at.
 constexpr Dwarf_Half kAbstractNameAttr = 0x2009;
 
