@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "com/dwarf_sections.h"
 #include "vesk/diag.h"
 #include "vesk/options.h"
 #include "vesk/proc.h"
@@ -338,6 +339,7 @@ void free_inline_notes() {
 
 void dwarf_interface(Elf *elf) {
   Dwarf_Error err = nullptr;
+  check_dwarf_table_sections(elf);
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // applying them would add every address a second time.
   dwarf_set_reloc_application(0);

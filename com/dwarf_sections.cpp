@@ -1,0 +1,77 @@
+#include "com/dwarf_sections.h"
+
+#include <cstring>
+#include <gelf.h>
+
+#include "vesk/bytes.h"
+#include "vesk/diag.h"
+#include "vesk/options.h"
+
+namespace vesk {
+
+namespace {
+
+// The DWARF 5 sections that are a sequence of tables, each opening with a
+// unit length and a 16-bit version.  libdwarf reads their table headers
+// while it loads the compilation units, and some damaged lengths send it
+// into a double free instead of an error; so their framing is checked here
+// first.
+const char *const kTableSections[] = {".debug_rnglists", ".debug_loclists", ".debug_addr",
+                                      ".debug_str_offsets"};
+
+void check_tables(const char *name, const uint8_t *p, uint64_t size) {
+  uint64_t off = 0;
+  while (off < size) {
+    if (size - off < 4)
+      error("%s: section %s is damaged: a table header at %#llx runs past its end", option.program, name,
+            (unsigned long long)off);
+    uint64_t length = load32(p + off);
+    uint64_t header = 4;
+    if (length == 0xffffffff) {
+      if (size - off < 12)
+        error("%s: section %s is damaged: a table header at %#llx runs past its end", option.program, name,
+              (unsigned long long)off);
+      length = load64(p + off + 4);
+      header = 12;
+    } else if (length >= 0xfffffff0) {
+      error("%s: section %s is damaged: the table at %#llx has a reserved length %#llx", option.program, name,
+            (unsigned long long)off, (unsigned long long)length);
+    }
+    if (length > size - off - header || length < 2)
+      error("%s: section %s is damaged: the table at %#llx is %#llx bytes long, beyond the section", option.program,
+            name, (unsigned long long)off, (unsigned long long)length);
+    uint16_t version = load16(p + off + header);
+    if (version != 5)
+      error("%s: section %s is damaged: the table at %#llx has version %u", option.program, name,
+            (unsigned long long)off, unsigned(version));
+    off += header + length;
+  }
+}
+
+} // namespace
+
+void check_dwarf_table_sections(Elf *elf) {
+  size_t shstrndx;
+  if (elf_getshdrstrndx(elf, &shstrndx) != 0)
+    return;
+  for (Elf_Scn *scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+    GElf_Shdr sh;
+    if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
+      continue;
+    const char *name = elf_strptr(elf, shstrndx, sh.sh_name);
+    if (name == nullptr)
+      continue;
+    for (const char *table : kTableSections) {
+      if (std::strcmp(name, table) != 0)
+        continue;
+      Elf_Data *d = elf_getdata(scn, nullptr);
+      if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0))
+        error("%s: cannot read the contents of section %s", option.program, name);
+      if (d->d_type != ELF_T_BYTE)
+        continue; // not raw bytes: not a table section as written by a compiler
+      check_tables(name, static_cast<const uint8_t *>(d->d_buf), d->d_size);
+    }
+  }
+}
+
+} // namespace vesk
