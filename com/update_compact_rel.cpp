@@ -123,27 +123,17 @@ void update_gprel_pair_nokonst(CompactRelEntry &e) {
   patch_gp_pair(e, lui_new, addiu_new, bin.gp_value - addiu_new);
 }
 
-void update_rel32(CompactRelEntry &e) {
+// A data word holding a code address: relative to gp (REL32) or absolute
+// (WORD).  kind names the entry in the warning when the word itself lies in
+// the text and moves with it.
+void update_data_word(CompactRelEntry &e, bool gp_relative, const char *kind) {
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  set_data_word(e, target - bin.gp_value);
+  set_data_word(e, gp_relative ? target - bin.gp_value : target);
   if (in_text(e.vaddr)) {
     uint32_t moved = new_addr(e.vaddr);
-    warning("REL32 %#x updated to %#x", e.vaddr, moved);
-    e.vaddr = moved;
-  }
-  e.konst = target;
-}
-
-void update_word(CompactRelEntry &e) {
-  if (!in_text(e.konst))
-    return;
-  uint32_t target = new_addr(e.konst);
-  set_data_word(e, target);
-  if (in_text(e.vaddr)) {
-    uint32_t moved = new_addr(e.vaddr);
-    warning("WORD %#x updated to %#x", e.vaddr, moved);
+    warning("%s %#x updated to %#x", kind, e.vaddr, moved);
     e.vaddr = moved;
   }
   e.konst = target;
@@ -189,8 +179,8 @@ void update_got_pair(CompactRelEntry &e) {
 
 void update_entry(CompactRelEntry &e) {
   switch (e.type) {
-  case CR_REL32: update_rel32(e); break;
-  case CR_WORD: update_word(e); break;
+  case CR_REL32: update_data_word(e, true, "REL32"); break;
+  case CR_WORD: update_data_word(e, false, "WORD"); break;
   case CR_GPREL_PAIR: update_gprel_pair(e); break;
   case CR_GOT_PAIR: update_got_pair(e); break;
   case CR_GPREL_PAIR_NOKONST: update_gprel_pair_nokonst(e); break;

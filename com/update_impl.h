@@ -170,36 +170,35 @@ template <class C> void update_reldyn_t() {
   }
 }
 
-template <class C> void update_dynsym_t() {
-  Elf_Data *d = typed_output_data(".dynsym", ELF_T_SYM);
+// Re-points the value of every symbol of a symbol table for which keep()
+// is true.
+template <class C, class Keep> void repoint_symbols(const char *section, Keep keep) {
+  Elf_Data *d = typed_output_data(section, ELF_T_SYM);
   if (d == nullptr)
     return;
   auto *sym = static_cast<typename C::Sym *>(d->d_buf);
   size_t n = d->d_size / sizeof(typename C::Sym);
   for (size_t i = 0; i < n; ++i) {
     typename C::Addr v = sym[i].st_value;
+    if (!keep(sym[i]))
+      continue;
     check_for_text_and_update(&v);
     sym[i].st_value = v;
   }
 }
 
+template <class C> void update_dynsym_t() {
+  repoint_symbols<C>(".dynsym", [](const typename C::Sym &) { return true; });
+}
+
 template <class C> void update_symtab_t() {
-  Elf_Data *d = typed_output_data(".symtab", ELF_T_SYM);
-  if (d == nullptr)
-    return;
-  auto *sym = static_cast<typename C::Sym *>(d->d_buf);
-  size_t n = d->d_size / sizeof(typename C::Sym);
-  for (size_t i = 0; i < n; ++i) {
-    typename C::Addr v = sym[i].st_value;
-    if (sym[i].st_shndx == SHN_ABS || v == 0)
-      continue;
+  repoint_symbols<C>(".symtab", [](const typename C::Sym &s) {
+    if (s.st_shndx == SHN_ABS || s.st_value == 0)
+      return false;
     // The value of a common symbol is its alignment; only a large one can
     // be an address.
-    if (sym[i].st_shndx == SHN_COMMON && v <= 0x10000)
-      continue;
-    check_for_text_and_update(&v);
-    sym[i].st_value = v;
-  }
+    return !(s.st_shndx == SHN_COMMON && s.st_value <= 0x10000);
+  });
 }
 
 // Number of whole entries in the input GOT.

@@ -289,52 +289,54 @@ void check_branch_out_of_procedure() {
   }
 }
 
-void check_merged_procedure() {
+// Walks the list as the ties change it, examining every procedure once
+// (`placed` marks the examined ones); a procedure starting in the text for
+// which leaves_into_next() holds is tied to its physical successor, with
+// the note "%s and %s tied, <why>" under -v.
+template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next, const char *why) {
   ChainEndsScope scope;
   clear_proc_flag();
   for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
     if (p->placed == 1)
       continue;
     p->placed = 1;
-    if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || !start_in_text(p))
-      continue;
-    if (p->size <= 7)
-      continue;
-    // The word before the last delay slot: a call there returns into the
-    // next procedure.
-    auto idx = text_index(p->old_addr + p->size - 8);
-    if (!idx)
-      continue;
-    uint32_t w = word_at(bin.text_buf, *idx);
-    if (!mips::is_jal(w) && !mips::is_jalr(w))
+    if (!start_in_text(p) || !leaves_into_next(p))
       continue;
     Proc *q = physically_next(p);
     if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
-      note("%s and %s tied, jal/jalr", name_of(p), name_of(q));
+      note("%s and %s tied, %s", name_of(p), name_of(q), why);
   }
 }
 
+void check_merged_procedure() {
+  tie_procedures_that_run_on(
+      [](const Proc *p) {
+        if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || p->size <= 7)
+          return false;
+        // The word before the last delay slot: a call there returns into
+        // the next procedure.
+        auto idx = text_index(p->old_addr + p->size - 8);
+        if (!idx)
+          return false;
+        uint32_t w = word_at(bin.text_buf, *idx);
+        return mips::is_jal(w) || mips::is_jalr(w);
+      },
+      "jal/jalr");
+}
+
 void check_procedure_with_no_return() {
-  ChainEndsScope scope;
-  clear_proc_flag();
-  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
-    if (p->placed == 1)
-      continue;
-    p->placed = 1;
-    if (!start_in_text(p))
-      continue;
-    TextSpan span = text_span(p);
-    bool returns = false;
-    for (uint64_t i = span.end; i > span.first && !returns;) {
-      uint32_t w = word_at(bin.text_buf, --i);
-      returns = mips::is_jr(w) || mips::is_break0(w);
-    }
-    if (returns)
-      continue;
-    Proc *q = physically_next(p);
-    if (q != nullptr && put_proc_together(p, q) == 1 && option.verbose == 1)
-      note("%s and %s tied, no jr", name_of(p), name_of(q));
-  }
+  tie_procedures_that_run_on(
+      [](const Proc *p) {
+        // No return and no break: the procedure falls through.
+        TextSpan span = text_span(p);
+        for (uint64_t i = span.end; i > span.first;) {
+          uint32_t w = word_at(bin.text_buf, --i);
+          if (mips::is_jr(w) || mips::is_break0(w))
+            return false;
+        }
+        return true;
+      },
+      "no jr");
 }
 
 } // namespace vesk
