@@ -43,12 +43,12 @@ void update_one_branch(uint32_t word, uint64_t old_pc) {
   map_text_address(target, &target); // code outside .text does not move
   int32_t delta = int32_t(uint32_t(target) - uint32_t(new_pc) - 4);
   int32_t new_offset = delta >> 2;
-  if (new_offset < -32768 || new_offset > 32767) {
-    warning("branch new offset %#x at %#llx out of range", uint32_t(new_offset), (unsigned long long)old_pc);
-    // Offset 0 continues behind the delay slot, where the branch falls
-    // through anyway: the condition and the delay slot stay intact.
-    new_offset = 0;
-  }
+  // A branch that no longer reaches its target would send the program
+  // elsewhere; the layout keeps branches between procedures in reach, so
+  // this means the plan is wrong, and nothing may be written.
+  if (new_offset < -32768 || new_offset > 32767)
+    error("branch new offset %#x at %#llx out of range: from its new place %#llx the branch cannot reach %#llx",
+          uint32_t(new_offset), (unsigned long long)old_pc, (unsigned long long)new_pc, (unsigned long long)target);
   store16(out + 2, uint16_t(new_offset));
 }
 
@@ -65,8 +65,8 @@ void update_jump(uint32_t word, uint64_t old_pc) {
     if (uint8_t *out = new_text_word(new_pc)) {
       store32(out, mips::with_instr_index(load32(out), uint32_t(new_target >> 2)));
       if (((new_pc + 4) & REGION_MASK) != (new_target & REGION_MASK))
-        warning("jump at %#llx cannot reach %#llx from its new place", (unsigned long long)old_pc,
-                (unsigned long long)new_target);
+        error("jump at %#llx cannot reach %#llx from its new place %#llx (another 256 MB region)",
+              (unsigned long long)old_pc, (unsigned long long)new_target, (unsigned long long)new_pc);
     }
   } else if (!known) {
     warning("jump target %#llx not in .text or .init", (unsigned long long)target);

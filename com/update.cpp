@@ -1,5 +1,6 @@
 #include "com/update.h"
 
+#include "com/update_compact_rel.h"
 #include "com/update_impl.h"
 
 namespace vesk {
@@ -36,7 +37,11 @@ uint8_t *new_text_word(uint64_t new_addr) {
 
 void update_elf_header() { bin.is_elf32 ? update_elf_header32() : update_elf_header64(); }
 void update_dynamic() { bin.is_elf32 ? update_dynamic32() : update_dynamic64(); }
-void update_got() { bin.is_elf32 ? update_got32() : update_got64(); }
+void update_got() {
+  if (is_o32())
+    read_got_page_marks();
+  bin.is_elf32 ? update_got32() : update_got64();
+}
 void update_reldyn() { bin.is_elf32 ? update_reldyn32() : update_reldyn64(); }
 void update_dynsym() { bin.is_elf32 ? update_dynsym32() : update_dynsym64(); }
 void update_symtab() { bin.is_elf32 ? update_symtab32() : update_symtab64(); }

@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include "com/compact_rel.h"
 #include "com/elf.h"
@@ -19,21 +20,13 @@
 #include "vesk/bytes.h"
 #include "vesk/diag.h"
 #include "vesk/mips.h"
+#include "vesk/options.h"
 
 namespace vesk {
 
 namespace {
 
 constexpr const char *COMPACT_REL = ".compact_rel";
-
-enum CrType : uint32_t {
-  CR_REL32 = 2,
-  CR_WORD = 3,
-  CR_GPREL_PAIR = 4,
-  CR_GOT_PAIR = 5,
-  CR_GPREL_PAIR_NOKONST = 6,
-  CM_R_TYPE_HI_LO = 7,
-};
 
 uint32_t new_addr(uint32_t old) { return uint32_t(text_map_of(old)); }
 
@@ -158,6 +151,70 @@ void update_hi_lo(CompactRelEntry &e) {
   e.konst = target;
 }
 
+// The GOT entry that every page load serving the old code address old
+// reads once the code has moved to new_addr, and the low half that goes
+// with it: the page the linker chose when it still reaches, else the first
+// entry that never changes at run time and reaches.  Every page load and
+// offset instruction of one address computes the same answer, whichever
+// of them vesk meets first.
+struct GotPages {
+  std::unordered_map<uint32_t, uint32_t> index_of_page; // page value -> first page entry holding it
+
+  GotPages() {
+    size_t n = std::min<size_t>(bin.local_gotno, bin.got_count);
+    for (size_t i = n; i-- > 1;)
+      if (i < bin.got_page.size() && bin.got_page[i])
+        index_of_page[load32(bin.got_buf + i * 4)] = uint32_t(i);
+  }
+
+  uint32_t entry_for(uint32_t old, uint32_t new_addr, int32_t *low) const {
+    auto k = index_of_page.find((old + 0x8000) & 0xffff0000u);
+    if (k != index_of_page.end()) {
+      int32_t d = int32_t(new_addr - load32(bin.got_buf + size_t(k->second) * 4));
+      if (d >= -32768 && d <= 32767) {
+        *low = d;
+        return k->second;
+      }
+    }
+    uint32_t index;
+    *low = find_local_got_entry_for_addr(new_addr, &index);
+    return index;
+  }
+};
+
+// One instruction of a GOT page/offset pair, described alone: the page
+// load (lw from gp) gets the page entry's gp offset, the offset
+// instruction the low half.
+void update_got_single(CompactRelEntry &e, const GotPages &pages) {
+  if (!in_text(e.vaddr) || !in_text(e.konst))
+    return;
+  uint32_t target = new_addr(e.konst);
+  int32_t low;
+  uint32_t index = pages.entry_for(e.konst, target, &low);
+  uint32_t insn = old_insn(e.vaddr);
+  uint32_t moved = new_addr(e.vaddr);
+  if (mips::op(insn) == mips::OP_LW && mips::rs(insn) == 28)
+    patch_imm16(new_insn(moved), index * 4 + bin.pltgot - bin.gp_value);
+  else
+    patch_imm16(new_insn(moved), uint32_t(low));
+  e.vaddr = moved;
+  e.konst = target;
+}
+
+// One instruction of a %hi/%lo pair, described alone.
+void update_hi_lo_single(CompactRelEntry &e) {
+  if (!in_text(e.vaddr))
+    error("CM_R_TYPE_HI_LO not in text");
+  if (!in_text(e.konst))
+    return;
+  uint32_t target = new_addr(e.konst);
+  uint32_t insn = old_insn(e.vaddr);
+  uint32_t moved = new_addr(e.vaddr);
+  patch_imm16(new_insn(moved), mips::op(insn) == mips::OP_LUI ? mips::hi16_adjusted(target) : target & 0xffff);
+  e.vaddr = moved;
+  e.konst = target;
+}
+
 // GOT page/offset pair: the entry names the offset instruction, the page
 // load lies dist2to bytes before it; konst is the code address formed.
 void update_got_pair(CompactRelEntry &e) {
@@ -177,14 +234,14 @@ void update_got_pair(CompactRelEntry &e) {
   e.konst = new_addr(e.konst);
 }
 
-void update_entry(CompactRelEntry &e) {
+void update_entry(CompactRelEntry &e, const GotPages &pages) {
   switch (e.type) {
   case CR_REL32: update_data_word(e, true, "REL32"); break;
   case CR_WORD: update_data_word(e, false, "WORD"); break;
-  case CR_GPREL_PAIR: update_gprel_pair(e); break;
-  case CR_GOT_PAIR: update_got_pair(e); break;
-  case CR_GPREL_PAIR_NOKONST: update_gprel_pair_nokonst(e); break;
-  case CM_R_TYPE_HI_LO: update_hi_lo(e); break;
+  case CR_GP_DISP: update_gprel_pair(e); break;
+  case CR_GOT_PAIR: e.dist2to == 0 ? update_got_single(e, pages) : update_got_pair(e); break;
+  case CR_GP_DISP_NOKONST: update_gprel_pair_nokonst(e); break;
+  case CR_HI_LO: e.dist2to == 0 ? update_hi_lo_single(e) : update_hi_lo(e); break;
   default: error("unknown compact relocation type %d", int(e.type));
   }
 }
@@ -205,6 +262,29 @@ size_t read_header(const uint8_t *buf, size_t size, uint32_t *count) {
 
 } // namespace
 
+void read_got_page_marks() {
+  bin.got_page.clear();
+  bin.got_pages_known = false;
+  Elf_Data *d = find_section_data_by_name(bin.in_elf, COMPACT_REL);
+  if (d == nullptr || d->d_buf == nullptr)
+    return;
+  const uint8_t *buf = static_cast<const uint8_t *>(d->d_buf);
+  uint32_t count;
+  size_t header_length = read_header(buf, d->d_size, &count);
+  for (size_t off = 0; off + 8 < header_length; off += 8) {
+    uint32_t tag = load32(buf + off), value = load32(buf + off + 4);
+    if (tag == CR_TAG_GOT_PAGES) {
+      bin.got_pages_known = true;
+    } else if (tag == CR_TAG_GOT_PAGE) {
+      if (value == 0 || value >= bin.got_count)
+        error("%s: the %s header names GOT entry %u, which .got does not have", option.program, COMPACT_REL, value);
+      if (bin.got_page.size() <= value)
+        bin.got_page.resize(size_t(bin.got_count), 0);
+      bin.got_page[value] = 1;
+    }
+  }
+}
+
 void update_compact_rel() {
   Elf_Scn *scn = find_section_by_name(bin.out_elf, COMPACT_REL);
   if (scn == nullptr)
@@ -222,9 +302,10 @@ void update_compact_rel() {
   new_cr_header(buf, header_length);
   cm_rlc_reset(&cm);
 
+  GotPages pages;
   CompactRelEntry e;
   while (cm_rlc_get(&cm, &e)) {
-    update_entry(e);
+    update_entry(e, pages);
     add_cr(e.type, e.konst, e.dist2to, e.vaddr);
   }
 

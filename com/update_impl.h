@@ -101,12 +101,22 @@ template <class C> void update_got_t() {
     return;
   auto *got = static_cast<uint8_t *>(d->d_buf);
   size_t n = d->d_size / C::word_size;
-  // The leading page entries serve gp-relative page/offset pairs, which
-  // keep their page and only change the offset; they are never re-pointed.
+  // Page entries serve gp-relative page/offset pairs, which keep their page
+  // or take another one and only change the offset; they are never
+  // re-pointed.  GNU ld mixes them among the entries that hold exact
+  // addresses, so where the annotation lists them that list decides;
+  // without it only the leading run of page-aligned entries is taken for
+  // pages.
+  auto is_page = [&](size_t i) {
+    return i < bin.local_gotno && i < bin.got_page.size() && bin.got_page[i] != 0;
+  };
   size_t i = 1;
-  while (i < bin.local_gotno && i < n && (address_word<C>(got, i) & 0xffff) == 0)
-    ++i;
+  if (!bin.got_pages_known)
+    while (i < bin.local_gotno && i < n && (address_word<C>(got, i) & 0xffff) == 0)
+      ++i;
   for (; i < n; ++i) {
+    if (bin.got_pages_known && is_page(i))
+      continue;
     typename C::Addr v = typename C::Addr(address_word<C>(got, i));
     typename C::Addr old = v;
     check_for_text_and_update(&v);

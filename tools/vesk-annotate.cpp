@@ -54,15 +54,17 @@ int main(int argc, char **argv) {
     vesk::error("the output %s would overwrite the input %s; name another output", out.c_str(), in.c_str());
 
   vesk::annotate::Image im = vesk::annotate::read_image(in);
-  std::vector<vesk::CompactRelEntry> entries = vesk::annotate::describe_references(im);
+  vesk::annotate::Description d = vesk::annotate::describe_references(im);
+  const std::vector<vesk::CompactRelEntry> &entries = d.entries;
   if (verbose) {
-    static const char *const kinds[8] = {"", "", "gp-relative word", "word", "_gp_disp pair", "GOT page pair", "",
-                                         "%hi/%lo pair"};
+    static const char *const kinds[8] = {"", "", "gp-relative word", "word", "_gp_disp pair", "GOT page", "",
+                                         "%hi/%lo"};
     for (const vesk::CompactRelEntry &e : entries)
-      std::printf("%-14s at %s: partner %+d bytes, address %#x\n", kinds[e.type & 7], im.where(e.vaddr).c_str(),
-                  e.type == 4 ? int(e.dist2to) : -int(e.dist2to), e.konst);
-    std::printf("%zu entries\n", entries.size());
+      std::printf("%-16s at %s: partner %+d bytes, address %#x\n", kinds[e.type & 7], im.where(e.vaddr).c_str(),
+                  e.type == vesk::CR_GP_DISP ? int(e.dist2to) : -int(e.dist2to), e.konst);
+    std::printf("%zu entries, %zu GOT page entries, %zu calls given back their jalr form\n", entries.size(),
+                d.got_pages.size(), d.patches.size());
   }
-  vesk::annotate::write_annotated(im, vesk::annotate::compact_rel_section(entries), out);
+  vesk::annotate::write_annotated(im, d, vesk::annotate::compact_rel_section(d), out);
   return 0;
 }

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <libelf.h>
+#include <string>
+#include <vector>
 
 namespace vesk {
 
@@ -48,6 +50,11 @@ struct Bin {
   uint32_t text_grow;
   int in_fd;
   int out_fd;
+  // got_page[i] != 0: GOT entry i holds a 64 KB page that page loads read,
+  // never a code address.  Known when the annotation lists them.
+  std::string output_temp; // the output being written, until it is renamed into place
+  bool got_pages_known;
+  std::vector<uint8_t> got_page;
 };
 
 extern Bin bin;

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "com/branch.h"
 #include "com/elf.h"
@@ -34,9 +36,7 @@ int vesk_main(int argc, char **argv) {
   if (option.debug)
     dump_procs();
   check_output_is_not_input();
-  bin.out_fd = open(option.output, O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  if (bin.out_fd < 1)
-    sysfatal("cannot open %s", option.output);
+  open_output();
   bin_copy(bin.in_fd, bin.out_fd);
   reorder_it();
   write_it();
@@ -44,7 +44,49 @@ int vesk_main(int argc, char **argv) {
   elf_end(bin.out_elf);
   post_process_rpt(bin.in_fd, bin.out_fd);
   post_process_line(bin.in_fd, bin.out_fd);
+  commit_output();
   return 0;
+}
+
+namespace {
+
+void remove_unfinished_output() {
+  if (!bin.output_temp.empty())
+    unlink(bin.output_temp.c_str());
+}
+
+} // namespace
+
+// The output is written to a temporary file beside it and renamed into
+// place only when the whole run has succeeded: a refusal or a failure
+// leaves no output and an existing file at that path untouched.
+void open_output() {
+  std::string out = option.output;
+  size_t slash = out.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : out.substr(0, slash == 0 ? 1 : slash);
+  std::string temp = dir + "/." + basename(option.output) + ".vesk-XXXXXX";
+  std::vector<char> name(temp.begin(), temp.end());
+  name.push_back('\0');
+  bin.out_fd = mkstemp(name.data());
+  if (bin.out_fd < 1)
+    sysfatal("cannot open %s", option.output);
+  bin.output_temp = name.data();
+  static bool registered = false;
+  if (!registered)
+    std::atexit(remove_unfinished_output);
+  registered = true;
+  mode_t mask = umask(0);
+  umask(mask);
+  if (fchmod(bin.out_fd, 0755 & ~mask) != 0)
+    sysfatal("cannot open %s", option.output);
+}
+
+void commit_output() {
+  if (fsync(bin.out_fd) != 0 || close(bin.out_fd) != 0)
+    sysfatal("writing %s", option.output);
+  if (rename(bin.output_temp.c_str(), option.output) != 0)
+    sysfatal("cannot write %s", option.output);
+  bin.output_temp.clear();
 }
 
 void reorder_it() {
@@ -57,6 +99,7 @@ void reorder_it() {
   if (option.r4000_fix == 1)
     fix_r4000_bug();
   reorder_procedures();
+  refuse_unrepairable_moves(); // n32/n64 until their events can be repaired
   update_elf_header();
   update_dynamic();
   update_got();

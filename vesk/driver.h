@@ -9,5 +9,9 @@ void bin_copy(int in_fd, int out_fd);
 void reorder_it();
 // Refuses an output path that names the input file itself.
 void check_output_is_not_input();
+// Opens a temporary file beside the output (bin.out_fd); it is removed if
+// the run ends early, and renamed over the output by commit_output.
+void open_output();
+void commit_output();
 
 } // namespace vesk

@@ -129,6 +129,76 @@ constexpr bool r4000_is_memory_access(uint32_t w, bool check_registers, int r1, 
 
 constexpr bool is_mfc1(uint32_t w) { return op(w) == OP_COP1 && rs(w) == 0; }
 
+// The general register an instruction writes: its number, kNoWrite when it
+// writes none, kClobbersCallerSaved for a call (the callee may change every
+// caller-saved register, and the call writes $31), kUnknownWrite when the
+// instruction is not one this table knows.
+constexpr int kNoWrite = -1, kClobbersCallerSaved = -2, kUnknownWrite = -3;
+
+constexpr int gpr_written(uint32_t w) {
+  uint32_t o = op(w);
+  switch (o) {
+  case OP_SPECIAL: {
+    uint32_t f = funct(w);
+    if (f == FN_JALR)
+      return kClobbersCallerSaved;
+    if (f == FN_JR || f == 0x0c || f == FN_BREAK || f == 0x0f || f == 0x11 || f == 0x13 ||
+        (f >= 0x18 && f <= 0x1f) || (f >= 0x30 && f <= 0x37))
+      return kNoWrite; // jr, syscall, break, sync, mthi/mtlo, multiply/divide, traps
+    return int(rd(w));
+  }
+  case OP_REGIMM:
+    return (rt(w) >= 16 && rt(w) <= 19) ? kClobbersCallerSaved : kNoWrite;
+  case OP_J:
+    return kNoWrite;
+  case OP_JAL:
+    return kClobbersCallerSaved;
+  case OP_BEQ: case OP_BNE: case OP_BLEZ: case OP_BGTZ:
+  case OP_BEQL: case OP_BNEL: case OP_BLEZL: case OP_BGTZL:
+    return kNoWrite;
+  case OP_COP0: case OP_COP1: case OP_COP2:
+    return rs(w) <= 3 ? int(rt(w)) : kNoWrite; // mfc, dmfc, cfc (mfhc) write rt
+  case OP_COP1X:
+    return kNoWrite;
+  case 0x1c: { // SPECIAL2
+    uint32_t f = funct(w);
+    return (f == 0x02 || f == 0x20 || f == 0x21 || f == 0x24 || f == 0x25) ? int(rd(w)) : kNoWrite;
+  }
+  case 0x1f: { // SPECIAL3
+    uint32_t f = funct(w);
+    if (f <= 0x07 || f == 0x3b)
+      return int(rt(w)); // ext, ins and their 64-bit forms, rdhwr
+    if (f == 0x20 || f == 0x24)
+      return int(rd(w)); // seb, seh, wsbh and their 64-bit forms
+    return kUnknownWrite;
+  }
+  default:
+    break;
+  }
+  if ((o >= 0x08 && o <= 0x0f) || o == OP_DADDI || o == OP_DADDIU || (o >= 0x1a && o <= 0x1b) ||
+      (o >= 0x20 && o <= 0x27) || o == 0x30 || o == 0x34 || o == 0x37 || o == 0x38 || o == 0x3c)
+    return int(rt(w)); // immediate arithmetic, lui, loads, ll/lld and sc/scd (the success flag)
+  if ((o >= 0x28 && o <= 0x2f) || (o >= 0x31 && o <= 0x33) || (o >= 0x35 && o <= 0x36) || o == 0x39 ||
+      (o >= 0x3d && o <= 0x3f))
+    return kNoWrite; // stores, cache, pref, coprocessor loads and stores
+  return kUnknownWrite;
+}
+
+// Registers a call may change: $1-$15, $24, $25 and $31.
+constexpr bool caller_saved(uint32_t r) { return (r >= 1 && r <= 15) || r == 24 || r == 25 || r == 31; }
+
+// The linker turns a call through $25 that it knows the target of into a
+// PC-relative branch: jalr $25 into bal, jr $25 into b.
+constexpr uint32_t JALR_T9 = 0x0320f809; // jalr $31, $25
+constexpr uint32_t JR_T9 = 0x03200008;   // jr $25
+constexpr bool is_bal(uint32_t w) { return (w & 0xffff0000u) == 0x04110000u; } // bgezal $0
+constexpr bool is_b(uint32_t w) { return (w & 0xffff0000u) == 0x10000000u; }   // beq $0, $0
+// Control never falls through behind the delay slot of these: j, jr, b
+// (beq $0,$0 and bgez $0).
+constexpr bool is_unconditional(uint32_t w) {
+  return op(w) == OP_J || is_jr(w) || is_b(w) || (w & 0xffff0000u) == 0x04010000u;
+}
+
 // The high half that pairs with a sign-extended low half: (v - sext16(v)) >> 16.
 constexpr uint32_t hi16_adjusted(uint32_t v) {
   return uint32_t((v - uint32_t(int32_t(int16_t(uint16_t(v & 0xffff))))) >> 16) & 0xffff;

@@ -160,3 +160,23 @@ void reorder_procedures() {
 }
 
 } // namespace vesk
+
+namespace vesk {
+
+void refuse_unrepairable_moves() {
+  if (is_o32())
+    return;
+  uint64_t moved = 0, first = 0;
+  for (uint64_t i = 0; i < bin.text_words; ++i)
+    if (bin.text_map[i] != bin.text_lo + 4 * i && moved++ == 0)
+      first = bin.text_lo + 4 * i;
+  if (moved == 0)
+    return;
+  Proc *p = get_proc_by_addr(first);
+  error("%s is an %s executable: the new layout moves %llu instruction words (the first at %#llx, in %s), and "
+        "vesk cannot yet repair the gp set-ups and address loads of moved %s code; no output is written",
+        option.program, bin.is_elf32 ? "n32" : "n64", (unsigned long long)moved, (unsigned long long)first,
+        p && p->name ? p->name : "no named procedure", bin.is_elf32 ? "n32" : "n64");
+}
+
+} // namespace vesk

@@ -3,19 +3,27 @@
 // The words of the executable hold final values, not the addends the
 // relocations were made with, so every address is computed from the
 // instruction and data words themselves; the relocations only tell what
-// kind of reference a word is and which instructions pair up.
+// kind of reference a word is.
 //
-// Pairing of %hi (or GOT page loads) with %lo follows the assembler's
-// ordering of the relocation table: every R_MIPS_HI16 / local R_MIPS_GOT16
-// is placed directly in front of the R_MIPS_LO16 it matches.  A further
-// %lo that reuses a %hi has no relocation of it in front (the %hi's own may
-// even come later in the table); its %hi is the nearest one before it in
-// the code, of the same symbol, that loads the register the %lo uses.
+// Each %hi (or GOT page load) and each %lo is described on its own, with
+// the address it helps to form, so vesk can rewrite it without knowing its
+// partner: every instruction that serves one address gets the same new
+// page and low half.  What a %hi serves is what the linker computed it
+// for: the %lo that the assembler placed behind its relocation in the
+// table (same symbol and addend).  What a %lo serves follows from the
+// instruction that loads its base register: the nearest writer of that
+// register before it in the function, or, when that is not a %hi (a loop
+// whose set-up the compiler placed behind it, a cold part that uses what
+// the hot part loaded, a page kept on the stack), the %hi of the same
+// symbol in the same function whose address agrees with the %lo.
 #include "tools/annotate/describe.h"
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <set>
+#include <string>
+#include <unordered_map>
 
 #include "vesk/diag.h"
 #include "vesk/mips.h"
@@ -24,36 +32,43 @@ namespace vesk::annotate {
 
 namespace {
 
-constexpr uint32_t CR_REL32 = 2, CR_WORD = 3, CR_GP_DISP = 4, CR_GOT_PAIR = 5, CR_HI_LO = 7;
-constexpr uint32_t MAX_DIST = 255 * 4; // what the entry's 8-bit word distance can say
+constexpr uint32_t MAX_DIST = 255 * 4; // what an entry's 8-bit word distance can say
 constexpr const char *KEEP_TOGETHER = "compile with -mno-explicit-relocs, which keeps each address pair together";
+constexpr uint32_t GP = 28;
 
 struct Hi {
   uint32_t offset; // address of the %hi or GOT page load
   uint32_t sym;
   bool got;
+  const Section *sec;
+  std::optional<uint32_t> formed; // the address the linker computed it for
 };
 
-struct Use {
-  uint32_t lo;
-  uint32_t formed;
+struct Lo {
+  uint32_t offset;
+  uint32_t sym;
+  const Section *sec;
 };
 
 const char *hi_kind(bool got) { return got ? "GOT page load" : "%hi"; }
 
+// A function of the symbol table; cold parts share the group of their
+// hot part (foo and foo.cold), since the cold part uses what the hot part
+// loaded.
+struct Function {
+  uint32_t lo, hi;
+  size_t group;
+};
+
 class Describer {
 public:
-  explicit Describer(const Image &im) : im_(im) {}
+  explicit Describer(const Image &im) : im_(im) { index_functions(); }
 
   void add(const RelSection &rs) {
     rs_ = &rs;
-    pending_.clear();
-    seen_.clear();
+    std::vector<size_t> pending;   // %hi waiting for the %lo behind them in the table
+    std::vector<Hi> pending_gp;    // _gp_disp %hi
     bool code = (rs.target->sh.sh_flags & SHF_EXECINSTR) != 0;
-    if (code)
-      for (const Elf32_Rel &r : rs.rels)
-        if (Hi h; hi_of(r, &h))
-          seen_[h.sym][h.offset] = h;
     for (const Elf32_Rel &r : rs.rels) {
       uint32_t type = ELF32_R_TYPE(r.r_info);
       uint32_t sym = ELF32_R_SYM(r.r_info);
@@ -62,38 +77,122 @@ public:
       case R_MIPS_GPREL32: data_word(r.r_offset, true); break;
       case R_MIPS_HI16:
       case R_MIPS_GOT16:
-        if (Hi h; code && hi_of(r, &h))
-          pending_.push_back(h);
+        if (Hi h; code && hi_of(r, &h)) {
+          if (!h.got && im_.symbol_name(sym) == "_gp_disp") {
+            pending_gp.push_back(h);
+          } else {
+            his_.push_back(h);
+            hi_at_[h.offset] = his_.size() - 1;
+            his_of_sym_[h.sym].push_back(his_.size() - 1);
+            pending.push_back(his_.size() - 1);
+          }
+        }
         break;
       case R_MIPS_LO16:
         if (code)
-          lo(checked(r.r_offset), sym);
+          lo(checked(r.r_offset), sym, pending, pending_gp);
+        break;
+      case R_MIPS_JALR:
+        if (code)
+          unrelax(checked(r.r_offset));
         break;
       default: break;
       }
     }
   }
 
-  std::vector<CompactRelEntry> finish() {
-    check_shared_his();
+  Description finish() {
+    // The address every %lo serves, and which %hi feed it.
+    std::vector<std::optional<uint32_t>> lo_formed(los_.size());
+    for (size_t i = 0; i < los_.size(); ++i)
+      lo_formed[i] = serve(i);
+    // A %hi that the table paired with no %lo serves what its users serve.
+    for (const auto &[h, users] : users_) {
+      Hi &hi = his_[h];
+      if (hi.formed)
+        continue;
+      std::set<uint32_t> seen;
+      for (size_t u : users)
+        if (lo_formed[u])
+          seen.insert(*lo_formed[u]);
+      if (seen.size() == 1)
+        hi.formed = *seen.begin();
+    }
+    check_shared_his(lo_formed);
+
+    for (const Hi &h : his_) {
+      if (h.got)
+        got_pages_.insert(got_index(h));
+      if (!h.formed || !im_.in_text(*h.formed))
+        continue;
+      if (!im_.in_text(h.offset))
+        error("%s: the %s at %s forms the code address %#x outside .text, where it cannot be repaired", path(),
+              hi_kind(h.got), im_.where(h.offset).c_str(), *h.formed);
+      out_.push_back({h.got ? CR_GOT_PAIR : CR_HI_LO, *h.formed, 0, h.offset});
+    }
+    for (size_t i = 0; i < los_.size(); ++i) {
+      if (!lo_formed[i] || !im_.in_text(*lo_formed[i]))
+        continue;
+      if (!im_.in_text(los_[i].offset))
+        error("%s: the %%lo at %s forms the code address %#x outside .text, where it cannot be repaired", path(),
+              im_.where(los_[i].offset).c_str(), *lo_formed[i]);
+      out_.push_back({got_lo_[i] ? CR_GOT_PAIR : CR_HI_LO, *lo_formed[i], 0, los_[i].offset});
+    }
+
     std::stable_sort(out_.begin(), out_.end(),
                      [](const CompactRelEntry &a, const CompactRelEntry &b) { return a.vaddr < b.vaddr; });
     auto same = [](const CompactRelEntry &a, const CompactRelEntry &b) {
       return a.vaddr == b.vaddr && a.type == b.type && a.dist2to == b.dist2to && a.konst == b.konst;
     };
     out_.erase(std::unique(out_.begin(), out_.end(), same), out_.end());
-    return out_;
+    Description d;
+    d.entries = std::move(out_);
+    d.got_pages.assign(got_pages_.begin(), got_pages_.end());
+    d.patches = std::move(patches_);
+    return d;
   }
 
 private:
   const Image &im_;
   const RelSection *rs_ = nullptr;
-  std::vector<Hi> pending_;                               // %hi waiting for their %lo
-  std::map<uint32_t, std::map<uint32_t, Hi>> seen_;       // every %hi of the section, by symbol and address
-  std::map<uint32_t, std::vector<Use>> uses_;             // what each %hi helps to form
+  std::vector<Function> functions_; // by start address
+  std::vector<Hi> his_;
+  std::unordered_map<uint32_t, size_t> hi_at_;
+  std::map<uint32_t, std::vector<size_t>> his_of_sym_;
+  std::vector<Lo> los_;
+  std::vector<bool> got_lo_;                     // the %lo adds to a GOT page
+  std::map<size_t, std::vector<size_t>> users_;  // %hi -> the %lo it feeds
+  std::set<uint32_t> got_pages_;
+  std::vector<std::pair<uint32_t, uint32_t>> patches_;
   std::vector<CompactRelEntry> out_;
 
   const char *path() const { return im_.path.c_str(); }
+
+  void index_functions() {
+    std::map<std::string, size_t> groups;
+    for (size_t i = 0; i < im_.symbols.size(); ++i) {
+      const Elf32_Sym &s = im_.symbols[i];
+      if (ELF32_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
+        continue;
+      std::string name = im_.symbol_name(uint32_t(i));
+      size_t cold = name.find(".cold");
+      if (cold != std::string::npos)
+        name.resize(cold);
+      size_t g = groups.emplace(name, groups.size()).first->second;
+      functions_.push_back({s.st_value, s.st_value + s.st_size, g});
+    }
+    std::sort(functions_.begin(), functions_.end(),
+              [](const Function &a, const Function &b) { return a.lo < b.lo; });
+  }
+
+  const Function *function_at(uint32_t addr) const {
+    auto it = std::upper_bound(functions_.begin(), functions_.end(), addr,
+                               [](uint32_t a, const Function &f) { return a < f.lo; });
+    if (it == functions_.begin())
+      return nullptr;
+    --it;
+    return addr < it->hi ? &*it : nullptr;
+  }
 
   // A relocated word must lie inside the section the relocations patch.
   uint32_t checked(uint32_t addr) const {
@@ -104,6 +203,7 @@ private:
     return addr;
   }
 
+  uint32_t word(const Section &s, uint32_t addr) const { return im_.word(s, addr); }
   uint32_t word(uint32_t addr) const { return im_.word(*rs_->target, addr); }
 
   void data_word(uint32_t addr, bool gp_relative) {
@@ -126,73 +226,66 @@ private:
     uint32_t type = ELF32_R_TYPE(r.r_info);
     uint32_t sym = ELF32_R_SYM(r.r_info);
     if (type == R_MIPS_HI16)
-      *h = {checked(r.r_offset), sym, false};
+      *h = {checked(r.r_offset), sym, false, rs_->target, std::nullopt};
     else if (type == R_MIPS_GOT16 && im_.symbol_is_local(sym))
-      *h = {checked(r.r_offset), sym, true};
+      *h = {checked(r.r_offset), sym, true, rs_->target, std::nullopt};
     else
       return false;
     return true;
   }
 
-  void lo(uint32_t lo_addr, uint32_t sym) {
-    std::vector<Hi> his;
-    auto keep = pending_.begin();
-    for (const Hi &h : pending_) {
-      if (h.sym == sym)
-        his.push_back(h);
-      else
-        *keep++ = h;
+  void lo(uint32_t lo_addr, uint32_t sym, std::vector<size_t> &pending, std::vector<Hi> &pending_gp) {
+    bool gp_disp = false;
+    for (auto h = pending_gp.begin(); h != pending_gp.end();) {
+      if (h->sym == sym) {
+        describe_gp_disp(*h, lo_addr);
+        h = pending_gp.erase(h);
+        gp_disp = true;
+      } else {
+        ++h;
+      }
     }
-    pending_.erase(keep, pending_.end());
-    if (his.empty()) {
-      unpaired_lo(lo_addr, sym);
+    if (gp_disp || im_.symbol_name(sym) == "_gp_disp")
       return;
+    for (auto h = pending.begin(); h != pending.end();) {
+      Hi &hi = his_[*h];
+      if (hi.sym == sym) {
+        if (!hi.formed)
+          hi.formed = formed(hi, *rs_->target, lo_addr);
+        h = pending.erase(h);
+      } else {
+        ++h;
+      }
     }
-    for (const Hi &h : his)
-      pair(h, lo_addr);
+    if (!symbol_in_text(sym))
+      return; // a %lo of a symbol outside .text cannot form a code address
+    los_.push_back({lo_addr, sym, rs_->target});
+    got_lo_.push_back(false);
   }
 
   // The address that a %hi (or GOT page load) and a %lo form together.
-  uint32_t formed(const Hi &h, uint32_t lo_addr) const {
-    int32_t low = mips::simm16(word(lo_addr));
+  uint32_t formed(const Hi &h, const Section &lo_sec, uint32_t lo_addr) const {
+    int32_t low = mips::simm16(word(lo_sec, lo_addr));
     if (!h.got)
-      return (mips::imm16(word(h.offset)) << 16) + uint32_t(low);
+      return (mips::imm16(word(*h.sec, h.offset)) << 16) + uint32_t(low);
+    return im_.word(*im_.got, got_entry_address(h)) + uint32_t(low);
+  }
+
+  uint32_t got_entry_address(const Hi &h) const {
     if (im_.gp_value == 0)
       error("%s: a GOT page load at %s, but the executable has no gp value", path(), im_.where(h.offset).c_str());
-    uint32_t entry = im_.gp_value + uint32_t(mips::simm16(word(h.offset)));
+    uint32_t entry = im_.gp_value + uint32_t(mips::simm16(word(*h.sec, h.offset)));
     const Section *got = im_.section_holding(entry, 4);
     if (got == nullptr || im_.got == nullptr || got != im_.got)
       error("%s: the GOT page load at %s reads %#x, which is not in .got", path(), im_.where(h.offset).c_str(), entry);
-    return im_.word(*got, entry) + uint32_t(low);
+    return entry;
   }
 
-  void pair(const Hi &h, uint32_t lo_addr) {
-    if (!h.got && im_.symbol_name(h.sym) == "_gp_disp") {
-      gp_disp(h, lo_addr);
-      return;
-    }
-    uint32_t f = formed(h, lo_addr);
-    uses_[h.offset].push_back({lo_addr, f});
-    if (!im_.in_text(f))
-      return;
-    const char *kind = hi_kind(h.got);
-    if (!im_.in_text(h.offset) || !im_.in_text(lo_addr))
-      error("%s: the %s at %s and the %%lo at %s form the code address %#x outside .text, where they cannot be "
-            "repaired",
-            path(), kind, im_.where(h.offset).c_str(), im_.where(lo_addr).c_str(), f);
-    if (h.offset >= lo_addr)
-      error("%s: the %%lo at %s pairs with a %s at %s that lies after it; %s", path(), im_.where(lo_addr).c_str(),
-            kind, im_.where(h.offset).c_str(), KEEP_TOGETHER);
-    if (lo_addr - h.offset > MAX_DIST)
-      error("%s: the %%lo at %s pairs with a %s at %s, %u words before it (at most 255 can be described); %s",
-            path(), im_.where(lo_addr).c_str(), kind, im_.where(h.offset).c_str(), (lo_addr - h.offset) / 4,
-            KEEP_TOGETHER);
-    out_.push_back({h.got ? CR_GOT_PAIR : CR_HI_LO, f, lo_addr - h.offset, lo_addr});
-  }
+  uint32_t got_index(const Hi &h) const { return (got_entry_address(h) - im_.got_addr) / 4; }
 
   // lui/addiu of _gp_disp: gp minus the address the set-up runs at.  Only a
   // set-up inside .text moves.
-  void gp_disp(const Hi &h, uint32_t lo_addr) {
+  void describe_gp_disp(const Hi &h, uint32_t lo_addr) {
     if (!im_.in_text(h.offset))
       return;
     if (!im_.in_text(lo_addr) || lo_addr <= h.offset || lo_addr - h.offset > MAX_DIST)
@@ -202,53 +295,114 @@ private:
     out_.push_back({CR_GP_DISP, value, lo_addr - h.offset, h.offset});
   }
 
+  // A call the linker turned into a branch works only while its target is
+  // within reach; given back its jalr/jr form, it calls through $25, which
+  // the code in front of it still loads, wherever the target moves.
+  void unrelax(uint32_t addr) {
+    if (rs_->target->raw == nullptr)
+      return;
+    uint32_t w = word(addr);
+    if (mips::is_bal(w))
+      patches_.push_back({addr, mips::JALR_T9});
+    else if (mips::is_b(w))
+      patches_.push_back({addr, mips::JR_T9});
+  }
+
   bool symbol_in_text(uint32_t sym) const {
     return sym < im_.symbols.size() && im_.symbols[sym].st_shndx == im_.text->index;
   }
 
-  // A %lo with no relocation of its own %hi in front of it reuses a %hi of
-  // the same symbol before it in the code: one that loads the register the
-  // %lo adds to, within reach.  A %lo of a symbol outside .text cannot form a
-  // code address and needs no %hi.
-  void unpaired_lo(uint32_t lo_addr, uint32_t sym) {
-    if (!symbol_in_text(sym))
-      return;
-    uint32_t base = mips::rs(word(lo_addr));
-    const Hi *nearest = nullptr;
-    std::set<uint32_t> addresses;
-    auto it = seen_.find(sym);
-    if (it != seen_.end()) {
-      uint32_t from = lo_addr > MAX_DIST ? lo_addr - MAX_DIST : 0;
-      for (auto h = it->second.lower_bound(from); h != it->second.end() && h->first < lo_addr; ++h) {
-        if (mips::rt(word(h->first)) != base)
-          continue;
-        nearest = &h->second;
-        addresses.insert(formed(h->second, lo_addr));
+  // The %hi that loads the register a %lo adds to: the nearest instruction
+  // before the %lo in its function that writes the register, when that is
+  // a %hi of the same symbol.
+  std::optional<size_t> nearest_hi(const Lo &l) const {
+    uint32_t reg = mips::rs(word(*l.sec, l.offset));
+    const Function *f = function_at(l.offset);
+    uint32_t floor = f ? f->lo : (l.offset > 4096 ? l.offset - 4096 : 0);
+    floor = std::max<uint32_t>(floor, l.sec->sh.sh_addr);
+    for (uint32_t a = l.offset; a >= floor + 4;) {
+      // Code behind the delay slot of an unconditional jump or branch is
+      // reached only by a jump to it: what lies in front says nothing.
+      if (a >= floor + 8 && mips::is_unconditional(word(*l.sec, a - 8)))
+        return std::nullopt;
+      a -= 4;
+      int written = mips::gpr_written(word(*l.sec, a));
+      if (written == mips::kUnknownWrite)
+        return std::nullopt;
+      if (written == mips::kClobbersCallerSaved) {
+        if (mips::caller_saved(reg))
+          return std::nullopt;
+        continue;
       }
+      if (written != int(reg))
+        continue;
+      auto h = hi_at_.find(a);
+      if (h != hi_at_.end() && his_[h->second].sym == l.sym)
+        return h->second;
+      return std::nullopt;
     }
-    if (nearest == nullptr)
-      error("%s: the %%lo at %s refers to code, but no %%hi or GOT page load for it lies within 255 words before "
-            "it; %s",
-            path(), im_.where(lo_addr).c_str(), KEEP_TOGETHER);
+    return std::nullopt;
+  }
+
+  // The address %lo i serves, and the %hi that feed it.
+  std::optional<uint32_t> serve(size_t i) {
+    const Lo &l = los_[i];
+    if (auto h = nearest_hi(l)) {
+      users_[*h].push_back(i);
+      got_lo_[i] = his_[*h].got;
+      return formed(his_[*h], *l.sec, l.offset);
+    }
+    // The %hi of the symbol in the same function group whose address
+    // agrees with the %lo (the register may have been kept on the stack in
+    // between).
+    const Function *f = function_at(l.offset);
+    std::set<uint32_t> addresses;
+    std::vector<size_t> feeding;
+    auto of_sym = his_of_sym_.find(l.sym);
+    if (of_sym == his_of_sym_.end())
+      error("%s: the %%lo at %s refers to code, but no %%hi or GOT page load that feeds it was found; %s", path(),
+            im_.where(l.offset).c_str(), KEEP_TOGETHER);
+    for (size_t h : of_sym->second) {
+      const Hi &hi = his_[h];
+      if (hi.sec != l.sec || !hi.formed)
+        continue;
+      const Function *g = function_at(hi.offset);
+      if (f != nullptr && (g == nullptr || g->group != f->group))
+        continue;
+      if (f == nullptr && (hi.offset > l.offset + 4096 || l.offset > hi.offset + 4096))
+        continue;
+      uint32_t a = formed(hi, *l.sec, l.offset);
+      if (*hi.formed != a)
+        continue;
+      addresses.insert(a);
+      feeding.push_back(h);
+    }
+    if (addresses.empty())
+      error("%s: the %%lo at %s refers to code, but no %%hi or GOT page load that feeds it was found; %s", path(),
+            im_.where(l.offset).c_str(), KEEP_TOGETHER);
     if (addresses.size() > 1)
       error("%s: the %%lo at %s refers to code through one of several %%hi that form different addresses; %s",
-            path(), im_.where(lo_addr).c_str(), KEEP_TOGETHER);
-    pair(*nearest, lo_addr);
+            path(), im_.where(l.offset).c_str(), KEEP_TOGETHER);
+    for (size_t h : feeding)
+      users_[h].push_back(i);
+    got_lo_[i] = his_[feeding.front()].got;
+    return *addresses.begin();
   }
 
   // A %hi (or page load) shared by references to different addresses
   // cannot follow them when one of them is code that moves.
-  void check_shared_his() const {
-    for (const auto &[hi, uses] : uses_) {
-      for (const Use &u : uses) {
-        const Use &first = uses.front();
-        if (u.formed == first.formed || (!im_.in_text(u.formed) && !im_.in_text(first.formed)))
+  void check_shared_his(const std::vector<std::optional<uint32_t>> &lo_formed) const {
+    for (const auto &[h, users] : users_) {
+      const Hi &hi = his_[h];
+      if (!hi.formed)
+        continue;
+      for (size_t u : users) {
+        uint32_t f = lo_formed[u].value_or(*hi.formed);
+        if (f == *hi.formed || (!im_.in_text(f) && !im_.in_text(*hi.formed)))
           continue;
-        bool got = mips::op(im_.word(*im_.section_holding(hi, 4), hi)) != mips::OP_LUI;
-        error("%s: the %s at %s is shared by references to different addresses (%#x by the %%lo at %s, %#x by the "
-              "%%lo at %s); %s",
-              path(), hi_kind(got), im_.where(hi).c_str(), first.formed, im_.where(first.lo).c_str(), u.formed,
-              im_.where(u.lo).c_str(), KEEP_TOGETHER);
+        error("%s: the %s at %s is shared by references to different addresses (%#x, and %#x by the %%lo at %s); %s",
+              path(), hi_kind(hi.got), im_.where(hi.offset).c_str(), *hi.formed, f,
+              im_.where(los_[u].offset).c_str(), KEEP_TOGETHER);
       }
     }
   }
@@ -256,7 +410,7 @@ private:
 
 } // namespace
 
-std::vector<CompactRelEntry> describe_references(const Image &im) {
+Description describe_references(const Image &im) {
   Describer d(im);
   for (const RelSection &rs : im.rel_sections)
     d.add(rs);

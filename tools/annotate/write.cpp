@@ -29,20 +29,34 @@ void pad_to(std::vector<uint8_t> &v, size_t align) {
 
 } // namespace
 
-std::vector<uint8_t> compact_rel_section(const std::vector<CompactRelEntry> &entries) {
-  uint8_t header[16];
-  store32(header, 1);
-  store32(header + 4, uint32_t(entries.size()));
-  store32(header + 8, 0);
-  store32(header + 12, 0);
-  new_cr_header(header, sizeof header);
-  for (const CompactRelEntry &e : entries)
+std::vector<uint8_t> compact_rel_section(const Description &d) {
+  std::vector<uint8_t> header;
+  auto pair = [&](uint32_t tag, uint32_t value) {
+    uint8_t b[8];
+    store32(b, tag);
+    store32(b + 4, value);
+    header.insert(header.end(), b, b + 8);
+  };
+  pair(CR_TAG_COUNT, uint32_t(d.entries.size()));
+  pair(CR_TAG_GOT_PAGES, uint32_t(d.got_pages.size()));
+  for (uint32_t index : d.got_pages)
+    pair(CR_TAG_GOT_PAGE, index);
+  pair(0, 0);
+  new_cr_header(header.data(), header.size());
+  for (const CompactRelEntry &e : d.entries)
     add_cr(e.type, e.konst, e.dist2to, e.vaddr);
   return std::vector<uint8_t>(cr_head(), cr_head() + cr_size());
 }
 
-void write_annotated(const Image &im, const std::vector<uint8_t> &compact_rel, const std::string &out) {
+void write_annotated(const Image &im, const Description &d, const std::vector<uint8_t> &compact_rel,
+                     const std::string &out) {
   std::vector<uint8_t> f = im.file;
+  for (const auto &[addr, w] : d.patches) {
+    const Section *s = im.section_holding(addr, 4);
+    if (s == nullptr)
+      error("%s: no section holds the call at %#x", im.path.c_str(), addr);
+    store32(f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
+  }
   uint32_t old_shoff = load32(f.data() + E_SHOFF);
   uint16_t shnum = load16(f.data() + E_SHNUM);
   uint16_t shstrndx = load16(f.data() + E_SHSTRNDX);
