@@ -13,6 +13,7 @@
 #include "vesk/feedback.h"
 #include "vesk/diag.h"
 #include "vesk/mips.h"
+#include "vesk/noreturn.h"
 #include "vesk/order.h"
 
 using namespace vesk;
@@ -261,6 +262,7 @@ TEST_F(Layout, PlanningStaysLinear) {
 // The list walks of the checks pass examined chains in one step; the
 // result, notes and traces are those of the plain walk, here written out.
 void plain_walk(bool calls) {
+  NoReturn never;
   clear_proc_flag();
   for (Proc *p = order_head; p != nullptr; p = p->next) {
     if (p->placed == 1)
@@ -272,9 +274,10 @@ void plain_walk(bool calls) {
     bool tie;
     if (calls) {
       uint32_t w = n >= 2 ? load32(bin.text_buf + 4 * (first + n - 2)) : 0;
-      tie = n >= 2 && (mips::is_jal(w) || mips::is_jalr(w));
+      tie = n >= 2 && (mips::is_jal(w) || mips::is_jalr(w)) && !never.ends_in_call_that_never_returns(p);
     } else {
-      tie = true;
+      tie = !(n >= 2 && mips::is_unconditional(load32(bin.text_buf + 4 * (first + n - 2)))) &&
+            !never.ends_in_call_that_never_returns(p);
       for (uint64_t k = 0; k < n; ++k) {
         uint32_t w = load32(bin.text_buf + 4 * (first + k));
         if (mips::is_jr(w) || mips::is_break0(w))

@@ -13,7 +13,9 @@
 #include "vesk/bytes.h"
 #include "vesk/diag.h"
 #include "vesk/mips.h"
+#include "vesk/noreturn.h"
 #include "vesk/options.h"
+#include "vesk/reach.h"
 #include "vesk/text_words.h"
 
 namespace vesk {
@@ -263,6 +265,10 @@ void check_branch_out_of_procedure() {
       warning("branch target %#llx from %#llx not in any procedure", (unsigned long long)t, (unsigned long long)a);
       continue;
     }
+    // The hot and cold parts of one function are placed on their own and
+    // kept in reach of each other after the plan is made.
+    if (parts_of_one_function(p, q))
+      continue;
     bool forward = mips::simm16(w) > 0;
     Proc *from = forward ? p : q;
     Proc *to = forward ? q : p;
@@ -309,8 +315,9 @@ template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next,
 }
 
 void check_merged_procedure() {
+  NoReturn calls;
   tie_procedures_that_run_on(
-      [](const Proc *p) {
+      [&calls](const Proc *p) {
         if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || p->size <= 7)
           return false;
         // The word before the last delay slot: a call there returns into
@@ -319,16 +326,24 @@ void check_merged_procedure() {
         if (!idx)
           return false;
         uint32_t w = word_at(bin.text_buf, *idx);
-        return mips::is_jal(w) || mips::is_jalr(w);
+        return (mips::is_jal(w) || mips::is_jalr(w)) && !calls.ends_in_call_that_never_returns(p);
       },
       "jal/jalr");
 }
 
 void check_procedure_with_no_return() {
+  NoReturn calls;
   tie_procedures_that_run_on(
-      [](const Proc *p) {
-        // No return and no break: the procedure falls through.
+      [&calls](const Proc *p) {
+        // No return and no break: the procedure falls through, unless it
+        // ends in a jump or branch that always goes elsewhere (the cold
+        // part of a function returns into its hot part that way) or in a
+        // call that never returns.
         TextSpan span = text_span(p);
+        if (span.size() >= 2 && mips::is_unconditional(word_at(bin.text_buf, span.end - 2)))
+          return false;
+        if (calls.ends_in_call_that_never_returns(p))
+          return false;
         for (uint64_t i = span.end; i > span.first;) {
           uint32_t w = word_at(bin.text_buf, --i);
           if (mips::is_jr(w) || mips::is_break0(w))

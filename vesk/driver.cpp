@@ -23,6 +23,7 @@
 #include "vesk/order.h"
 #include "vesk/proc.h"
 #include "vesk/r4000.h"
+#include "vesk/reach.h"
 #include "vesk/reader.h"
 
 namespace vesk {
@@ -96,6 +97,7 @@ void reorder_it() {
   check_branch_out_of_procedure();
   check_merged_procedure();
   check_procedure_with_no_return();
+  keep_split_functions_in_reach();
   if (option.r4000_fix == 1)
     fix_r4000_bug();
   reorder_procedures();
