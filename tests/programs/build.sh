@@ -43,12 +43,7 @@ if [ "${1:-}" = "--compile" ]; then
     name=$name-noexplicit
     xflags="-mno-explicit-relocs"
   fi
-  # GNU ld turns a call through jalr into a bal (a PC-relative REGIMM
-  # branch) when the callee is near; vesk must keep a procedure that
-  # branches into another next to it, so every such call would tie caller
-  # and callee and all procedures between them.  -mno-relax-pic-calls keeps
-  # calls as calls, which is how programs meant for reordering are built.
-  flags="-O2 -mno-relax-pic-calls $mflags $xflags"
+  flags="-O2 $mflags $xflags"
   cd "$here/$prog"
   ok=yes
   if [ "$debug" = dwarf ]; then

@@ -217,14 +217,16 @@ uint64_t lowest_load_address(const std::string &exe) {
 } // namespace
 
 std::vector<uint64_t> entry_counts(const BenchExe &e, const std::string &exe, const std::vector<ListedProc> &procs,
-                                   const std::string &log_path, RunResult *out) {
+                                   const std::string &log_path, RunResult *out, const std::vector<std::string> &args,
+                                   const std::string &cwd) {
   // -d exec logs "Trace N: host [cs_base/pc/flags/cflags]" for every block
   // run; nochain keeps blocks from jumping straight into each other, so
   // every block run is logged.  -d page logs the memory layout, whose
   // start_code gives the load address of a position-independent executable.
   std::vector<std::string> argv = e.qemu;
   argv.insert(argv.end(), {"-d", "page,exec,nochain", "-D", log_path, exe});
-  RunResult r = run_command(argv, "", 60);
+  argv.insert(argv.end(), args.begin(), args.end());
+  RunResult r = run_command(argv, cwd, 60);
   if (out != nullptr)
     *out = r;
 

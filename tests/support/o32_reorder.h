@@ -99,7 +99,8 @@ std::vector<FeedbackLine> random_order(const std::vector<ListedProc> &procs, con
 // for each procedure the blocks that start at its first word: how often it
 // was entered.  The run's output goes to *out when given.
 std::vector<uint64_t> entry_counts(const BenchExe &e, const std::string &exe, const std::vector<ListedProc> &procs,
-                                   const std::string &log_path, RunResult *out = nullptr);
+                                   const std::string &log_path, RunResult *out = nullptr,
+                                   const std::vector<std::string> &args = {}, const std::string &cwd = "");
 // The procedures that ran, hottest first (ties in listed order), with their
 // counts; nameless procedures cannot be named in feedback and are left out.
 std::vector<FeedbackLine> hot_first_order(const std::vector<ListedProc> &procs, const std::vector<uint64_t> &counts);
