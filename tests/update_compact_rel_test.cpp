@@ -271,6 +271,28 @@ TEST(UpdateCompactRel, RepointsGotPagePairsThroughALocalPageEntry) {
   EXPECT_EQ(r[1].konst, 0x400010u);
 }
 
+TEST(UpdateCompactRel, SingleInstructionsOfOneAddressAgreeInAnyOrder) {
+  Image im;
+  // In B, each instruction described alone with the address it serves (A):
+  // a %lo in front of its GOT page load, and a %hi/%lo whose low half
+  // becomes negative once A has moved to 0x408000.
+  im.text[4] = addiu(25, 25, 0x7ff0);
+  im.text[5] = lw(25, 28, PLTGOT + 4 - GP);
+  im.text[6] = lui(2, 0x40);
+  im.text[7] = addiu(2, 2, 0x7ff0);
+  im.entries = {{5, A, 0, B}, {5, A, 0, B + 4}, {7, A, 0, B + 8}, {7, A, 0, B + 12}};
+  im.load();
+  bin.got_pages_known = true;
+  bin.got_page = {0, 1, 1, 0}; // entries 1 and 2 hold pages
+  update_compact_rel();
+  // Page 0x400000 no longer reaches 0x408000; both take page 0x410000.
+  EXPECT_EQ(im.new_word(TEXT + 4), lw(25, 28, PLTGOT + 8 - GP));
+  EXPECT_EQ(im.new_word(TEXT), addiu(25, 25, 0x8000));
+  EXPECT_EQ(formed(im.new_word(TEXT + 8), im.new_word(TEXT + 12)), 0x408000u);
+  for (const CompactRelEntry &e : im.result())
+    EXPECT_EQ(e.konst, 0x408000u);
+}
+
 TEST(UpdateCompactRel, GrowsTheSectionWhenEntriesNeedAddressWords) {
   Image im;
   im.data = {A, B, A + 4, B + 4};
