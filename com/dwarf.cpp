@@ -1,8 +1,12 @@
-// Procedure discovery from DWARF: every subprogram entry with a code range
-// becomes a procedure record, filed under the base name of its compilation
-// unit.  Entries without a code range (declarations, abstract instances,
+// Procedure discovery from DWARF: every subprogram entry with code becomes a
+// procedure record, filed under the base name of its compilation unit; one
+// whose code is split into ranges (a hot and a cold part) becomes one record
+// per range.  Entries without code (declarations, abstract instances,
 // functions that were only inlined) make no record; those that are abstract
-// or inlined leave an inline note instead.
+// or inlined leave an inline note instead, from which a nameless concrete
+// instance (an out-of-line copy or a clone) takes its name when the symbol
+// table has none for it.  Code that no entry describes gets its records from
+// the function symbols afterwards.
 #include "com/dwarf.h"
 
 #include <cstdint>
@@ -12,10 +16,14 @@
 #include <dwarf.h>
 #include <libdwarf.h>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "com/dwarf_ranges.h"
 #include "com/dwarf_sections.h"
+#include "com/symtab_procs.h"
 #include "vesk/diag.h"
 #include "vesk/options.h"
 #include "vesk/proc.h"
@@ -32,13 +40,15 @@ const char *const kNoName = "Function Name Unavailable";
 
 // What is known of a subprogram that may need its name from elsewhere:
 // a concrete instance whose name lives in its abstract entry, or an
-// abstract entry that another instance refers to.
+// abstract entry that another instance refers to.  Both are keyed by the
+// offset of the abstract entry, so that they meet.
 struct InlineNote {
   const char *note_name;         // may be null
   const char *note_linkage_name; // may be null
   uint64_t note_die_offset;
   int32_t note_proc_index;       // -1: no procedure record
-  uint8_t note_pending;
+  uint8_t note_pending;          // the record still needs a name
+  int32_t note_cold_part;        // 0: the entry's part; k > 0: its k-th other part
 };
 
 InlineNote *notes;
@@ -47,6 +57,15 @@ int notes_capacity;
 int made_up_names;
 
 Dwarf_Debug dbg;
+
+// The input's function symbols, for the whole walk.
+const FunctionSymbols *symbols;
+
+// What the walk of one compilation unit needs of the unit.
+struct Unit {
+  const char *file_name; // base name of the unit's name; may be null
+  Dwarf_Addr base;       // DW_AT_low_pc: the base of DWARF 4 range lists
+};
 
 // Strings handed to procedure records (names, unit names) live to the end
 // of the run; they stay listed here so that they remain reachable.
@@ -59,7 +78,7 @@ char *keep(char *s) {
 }
 
 void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
-                     uint8_t pending) {
+                     uint8_t pending, int32_t cold_part = 0) {
   if (n_notes == notes_capacity) {
     int capacity = notes ? notes_capacity * 2 : 20;
     auto *grown = static_cast<InlineNote *>(std::realloc(notes, size_t(capacity) * sizeof(InlineNote)));
@@ -68,7 +87,28 @@ void new_inline_note(const char *name, const char *linkage_name, uint64_t die_of
     notes = grown;
     notes_capacity = capacity;
   }
-  notes[n_notes++] = InlineNote{name, linkage_name, die_offset, proc_index, pending};
+  notes[n_notes++] = InlineNote{name, linkage_name, die_offset, proc_index, pending, cold_part};
+}
+
+// The name of the k-th part of a function beside its entry's part, as GCC
+// names the first: foo.cold, foo.cold.1, ...
+char *cold_name(const char *name, int part) {
+  std::string s = std::string(name) + ".cold";
+  if (part > 1)
+    s += "." + std::to_string(part - 1);
+  char *copy = strdup(s.c_str());
+  if (copy == nullptr)
+    error("malloc failure in strdup()");
+  return keep(copy);
+}
+
+char *copy_or_null(const char *s) {
+  if (s == nullptr)
+    return nullptr;
+  char *copy = strdup(s);
+  if (copy == nullptr)
+    error("malloc failure in strdup()");
+  return copy;
 }
 
 // Looks attribute `attr` of die up: true with *out set when present.
@@ -126,8 +166,44 @@ PcRange read_pc_range(Dwarf_Die die, const char *text) {
   return r;
 }
 
+// A subprogram entry that has code, as its records need it.
+struct Subprogram {
+  const char *name; // may be null
+  const char *text; // the name in messages
+  bool have_origin;
+  Dwarf_Off origin;
+  const char *linkage_name; // may be null
+  Dwarf_Off offset;
+  const char *file_name;
+};
+
+// The record of one range of a subprogram's code; `part` is 0 for the
+// range that holds its entry.  A concrete instance without a name of its
+// own (an out-of-line copy, or a clone such as foo.part.0) takes that of
+// the function symbol at its start, which tells clones apart; failing
+// that, the inline notes give it its abstract entry's name at the end.
+void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
+  bool instance = s.have_origin || s.linkage_name != nullptr;
+  const char *name = part == 0 ? s.name : nullptr;
+  if (name == nullptr && (part > 0 || instance))
+    name = symbols->name_at(lo);
+  if (name == nullptr && part > 0 && s.name != nullptr)
+    name = cold_name(s.name, part);
+  Proc *p = new_proc();
+  p->file_name = s.file_name;
+  p->name = name;
+  p->old_addr = lo;
+  p->size = uint32_t(hi) - uint32_t(lo);
+  if (instance)
+    new_inline_note(nullptr, copy_or_null(s.linkage_name), s.have_origin ? s.origin : s.offset, get_n_procs() - 1,
+                    name == nullptr, part);
+  if (option.debug & 1)
+    dump("  Subprogram: %s(%#llx-%#llx)", part == 0 || name == nullptr ? s.text : name, (unsigned long long)lo,
+         (unsigned long long)hi);
+}
+
 // One entry of a unit's tree; only subprograms matter.
-void visit_entry(Dwarf_Die die, const char *file_name) {
+void visit_entry(Dwarf_Die die, const Unit &unit) {
   Dwarf_Error err = nullptr;
   Dwarf_Half tag = 0;
   int res = dwarf_tag(die, &tag, &err);
@@ -154,6 +230,8 @@ void visit_entry(Dwarf_Die die, const char *file_name) {
     std::free(name);
     return;
   }
+  std::vector<CodeRange> ranges;
+  bool have_ranges = !pc.have_high && read_code_ranges(dbg, die, unit.base, text.c_str(), &ranges);
 
   bool have_origin = false;
   Dwarf_Off origin = 0;
@@ -165,20 +243,22 @@ void visit_entry(Dwarf_Die die, const char *file_name) {
     dwarf_dealloc(dbg, a, DW_DLA_ATTR);
   }
 
+  // Any value but DW_INL_not_inlined makes the entry an abstract instance
+  // root, whose code, if any, other entries describe.
   bool inlined = false;
   if (find_attr(die, DW_AT_inline, &a)) {
     Dwarf_Unsigned how = 0;
     res = dwarf_formudata(a, &how, &err);
     drop_error(res, err);
     if (res == DW_DLV_OK) {
-      inlined = how == DW_INL_inlined;
+      inlined = how != DW_INL_not_inlined;
     } else {
       // DWARF 5 writers give the value as an implicit constant, which
       // this libdwarf reads only as a signed number.
       Dwarf_Signed signed_how = 0;
       res = dwarf_formsdata(a, &signed_how, &err);
       drop_error(res, err);
-      inlined = res == DW_DLV_OK && signed_how == DW_INL_inlined;
+      inlined = res == DW_DLV_OK && signed_how != DW_INL_not_inlined;
     }
     dwarf_dealloc(dbg, a, DW_DLA_ATTR);
   }
@@ -202,26 +282,28 @@ void visit_entry(Dwarf_Die die, const char *file_name) {
   if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
     error("Unable to get dieoffset for %s\n", text.c_str());
 
-  if (pc.have_high) {
-    if (!pc.have_low)
+  Subprogram s{name, text.c_str(), have_origin, origin, linkage_name, offset, unit.file_name};
+  if (pc.have_high || have_ranges) {
+    if (pc.have_high && !pc.have_low)
       error("Have highpc but no lowpc on %s\n", text.c_str());
-    Proc *p = new_proc();
-    p->file_name = file_name;
-    p->name = name ? keep(name) : nullptr;
-    p->old_addr = pc.low;
-    p->size = uint32_t(pc.high) - uint32_t(pc.low);
-    if (have_origin || linkage_name != nullptr)
-      new_inline_note(nullptr, linkage_name, offset, get_n_procs() - 1, 0);
-    else
-      std::free(linkage_name);
-    if (option.debug & 1)
-      dump("  Subprogram: %s(%#llx-%#llx)", text.c_str(), (unsigned long long)pc.low,
-           (unsigned long long)pc.high);
+    if (pc.have_high)
+      ranges.assign(1, CodeRange{pc.low, pc.high});
+    size_t entry = pc.have_high ? 0 : entry_range(dbg, die, ranges);
+    for (size_t i = 0, part = 0; i < ranges.size(); ++i)
+      make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
+    if (name != nullptr)
+      keep(name);
+    std::free(linkage_name);
   } else if (have_origin || linkage_name != nullptr || inlined) {
-    new_inline_note(name, linkage_name, origin, -1, 0);
+    // The entry is its own abstract entry unless it names another.
+    new_inline_note(name, linkage_name, have_origin ? origin : offset, -1, 0);
   } else {
-    warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
-            (unsigned long long)offset, (unsigned long long)offset);
+    // An entry without code whose function still has a sized symbol had
+    // its code folded into another function's or turned into a thunk; the
+    // symbol table gives that code a record.
+    if (name == nullptr || !symbols->has_sized(name))
+      warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
+              (unsigned long long)offset, (unsigned long long)offset);
     std::free(name);
   }
 }
@@ -240,7 +322,7 @@ constexpr int kMaxDepth = 2048;
 // chain nor deep nesting can exhaust the machine stack.  In a sound tree
 // every entry is reached once; a damaged sibling link that leads back into
 // the tree is caught by the second arrival, which also bounds the work.
-void walk_entries(Dwarf_Die root, const char *file_name) {
+void walk_entries(Dwarf_Die root, const Unit &unit) {
   struct Pending {
     Dwarf_Die die;
     int depth;
@@ -261,7 +343,7 @@ void walk_entries(Dwarf_Die root, const char *file_name) {
         error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
               (unsigned long long)offset, kMaxDepth);
       stack.push_back({die, depth});
-      visit_entry(die, file_name);
+      visit_entry(die, unit);
       Dwarf_Die sibling = nullptr;
       res = dwarf_siblingof(dbg, die, &sibling, &err);
       if (res == DW_DLV_ERROR)
@@ -288,25 +370,33 @@ void walk_entries(Dwarf_Die root, const char *file_name) {
 }
 
 // Gives every pending note's procedure a name: that of another note for
-// the same entry or with the same linkage name, else a made-up one.
+// the same abstract entry or with the same linkage name (with the suffix of
+// a cold part), else a made-up one.
 void resolve_inline_notes() {
+  std::unordered_map<uint64_t, const char *> by_offset;
+  std::unordered_map<std::string_view, const char *> by_linkage_name;
+  for (int i = 0; i < n_notes; ++i) {
+    const InlineNote &o = notes[i];
+    if (o.note_name == nullptr)
+      continue;
+    by_offset.try_emplace(o.note_die_offset, o.note_name);
+    if (o.note_linkage_name != nullptr)
+      by_linkage_name.try_emplace(o.note_linkage_name, o.note_name);
+  }
   for (int i = 0; i < n_notes; ++i) {
     InlineNote &n = notes[i];
     if (!n.note_pending)
       continue;
     const char *found = nullptr;
-    for (int j = 0; j < n_notes && found == nullptr; ++j) {
-      const InlineNote &o = notes[j];
-      if (j == i || o.note_name == nullptr)
-        continue;
-      if (o.note_die_offset == n.note_die_offset)
-        found = o.note_name;
-      else if (o.note_linkage_name && n.note_linkage_name && o.note_linkage_name[0] == n.note_linkage_name[0] &&
-               std::strcmp(o.note_linkage_name, n.note_linkage_name) == 0)
-        found = o.note_name;
-    }
+    if (auto it = by_offset.find(n.note_die_offset); it != by_offset.end())
+      found = it->second;
+    else if (n.note_linkage_name != nullptr)
+      if (auto it = by_linkage_name.find(n.note_linkage_name); it != by_linkage_name.end())
+        found = it->second;
     Proc *p = get_proc_by_index(n.note_proc_index);
-    if (found != nullptr) {
+    if (found != nullptr && n.note_cold_part > 0) {
+      p->name = cold_name(found, n.note_cold_part);
+    } else if (found != nullptr) {
       char *copy = strdup(found);
       if (copy == nullptr)
         error("malloc failure in strdup()");
@@ -340,6 +430,8 @@ void free_inline_notes() {
 void dwarf_interface(Elf *elf) {
   Dwarf_Error err = nullptr;
   check_dwarf_table_sections(elf);
+  FunctionSymbols syms = read_function_symbols(elf);
+  symbols = &syms;
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // applying them would add every address a second time.
   dwarf_set_reloc_application(0);
@@ -376,7 +468,11 @@ void dwarf_interface(Elf *elf) {
     }
     if (option.debug & 1)
       dump("File:  %s", unit_name ? unit_name : "");
-    walk_entries(cu_die, unit_name ? basename(unit_name) : nullptr);
+    Unit unit{unit_name ? basename(unit_name) : nullptr, 0};
+    r = dwarf_lowpc(cu_die, &unit.base, &err);
+    if (r == DW_DLV_ERROR)
+      print_dwarf_error(dbg, r, err, "dwarf_lowpc");
+    walk_entries(cu_die, unit);
     dwarf_dealloc(dbg, cu_die, DW_DLA_DIE);
   }
   if (res == DW_DLV_ERROR)
@@ -388,6 +484,9 @@ void dwarf_interface(Elf *elf) {
 
   resolve_inline_notes();
   free_inline_notes();
+  add_symbol_table_procs(syms);
+  attach_padding();
+  symbols = nullptr;
 }
 
 } // namespace vesk

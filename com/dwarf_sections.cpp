@@ -19,6 +19,14 @@ namespace {
 const char *const kTableSections[] = {".debug_rnglists", ".debug_loclists", ".debug_addr",
                                       ".debug_str_offsets"};
 
+// The sections whose tables say, behind the version, the size of an address
+// and of a segment selector; the range and location lists then count the
+// offsets that follow the header.
+bool has_address_size(const char *name) { return std::strcmp(name, ".debug_str_offsets") != 0; }
+bool has_offset_count(const char *name) {
+  return std::strcmp(name, ".debug_rnglists") == 0 || std::strcmp(name, ".debug_loclists") == 0;
+}
+
 void check_tables(const char *name, const uint8_t *p, uint64_t size) {
   uint64_t off = 0;
   while (off < size) {
@@ -44,6 +52,22 @@ void check_tables(const char *name, const uint8_t *p, uint64_t size) {
     if (version != 5)
       error("%s: section %s is damaged: the table at %#llx has version %u", option.program, name,
             (unsigned long long)off, unsigned(version));
+    // An address size the library does not expect also sends it into a
+    // double free.
+    uint64_t body = off + header + 2;
+    if (has_address_size(name)) {
+      if (length < 4 || (p[body] != 4 && p[body] != 8) || p[body + 1] != 0)
+        error("%s: section %s is damaged: the table at %#llx gives %u-byte addresses and %u-byte segment selectors",
+              option.program, name, (unsigned long long)off, length < 4 ? 0u : unsigned(p[body]),
+              length < 4 ? 0u : unsigned(p[body + 1]));
+    }
+    if (has_offset_count(name)) {
+      uint64_t offset_size = header == 12 ? 8 : 4;
+      uint64_t count = length < 8 ? ~uint64_t(0) : load32(p + body + 2);
+      if (count > (length - 8) / offset_size)
+        error("%s: section %s is damaged: the offsets of the table at %#llx run past its end", option.program, name,
+              (unsigned long long)off);
+    }
     off += header + length;
   }
 }

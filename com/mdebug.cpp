@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include "com/symtab_procs.h"
 #include "mdebug/symtab.h"
 #include "vesk/bin.h"
 #include "vesk/bytes.h"
@@ -92,6 +93,9 @@ void mdebug_interface() {
   for (uint32_t f = 0; f < st->ifd_max; ++f)
     add_file_procedures(ldptr, f);
 
+  // Code without a descriptor (start files, library parts built without
+  // the table) would otherwise become part of the procedure before it.
+  place_mdebug_procs_by_symbols(read_function_symbols(bin.in_elf));
   mdebug_derive_proc_highpc();
 }
 

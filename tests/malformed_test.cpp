@@ -104,7 +104,7 @@ TEST(Malformed, DamagedRealExecutables) {
 
     const uint64_t end = img.data.size();
     const char *gp_section = e->abi == "n64" ? ".MIPS.options" : ".reginfo";
-    for (const char *name : {".text", ".dynamic", ".got", ".dynsym", ".shstrtab", gp_section}) {
+    for (const char *name : {".text", ".dynamic", ".got", ".dynsym", ".shstrtab", gp_section, ".symtab", ".strtab"}) {
       ElfBytes beyond = img;
       size_t i = beyond.find(name);
       beyond.set_offset(i, end + 16);
@@ -119,5 +119,16 @@ TEST(Malformed, DamagedRealExecutables) {
     ElfBytes badname = img;
     store32(badname.shdr(1), 0x7fffffff);
     expect_refused(e->name + " section name outside the table", badname.data);
+
+    // .symtab linked to itself, with more locals than symbols, and with
+    // names beyond its string table.
+    ElfBytes link = img, locals = img, names_cut = img;
+    size_t symtab = link.find(".symtab"), link_at = img.is64 ? 40 : 24;
+    store32(link.shdr(symtab) + link_at, uint32_t(symtab));
+    expect_refused(e->name + " .symtab linked to itself", link.data);
+    store32(locals.shdr(symtab) + link_at + 4, 0x7fffffff);
+    expect_refused(e->name + " .symtab locals beyond it", locals.data);
+    names_cut.set_size(names_cut.find(".strtab"), 1);
+    expect_refused(e->name + " symbol names beyond .strtab", names_cut.data);
   }
 }

@@ -132,8 +132,9 @@ TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
   }
   std::printf("%s: %s order, %zu of %zu procedures moved (%.1f%%)\n", e->name.c_str(), kind[order], moved, total,
               total ? 100.0 * double(moved) / double(total) : 0.0);
-  if (order == 1)
+  if (order == 1) {
     EXPECT_GT(double(moved), 0.95 * double(total));
+  }
   RunResult c = check(*e, out);
   EXPECT_EQ(c.status, 0) << c.err;
 }
