@@ -166,7 +166,16 @@ void attach_proc_list(Proc *p) {
 }
 
 void attach_proc_with_no_feedback() {
-  for (int i = 0; i < n_procs; ++i) {
+  // Table order, except for n32 and n64: vesk cannot repair their moved
+  // code yet, so there the procedures without feedback keep their input
+  // order and a run without feedback keeps the layout as it is.
+  std::vector<int> indexes(static_cast<size_t>(n_procs));
+  for (int i = 0; i < n_procs; ++i)
+    indexes[size_t(i)] = i;
+  if (!is_o32())
+    std::stable_sort(indexes.begin(), indexes.end(),
+                     [](int a, int b) { return proc_table[a].old_addr < proc_table[b].old_addr; });
+  for (int i : indexes) {
     Proc *p = &proc_table[i];
     if (p->placed != 0)
       continue;

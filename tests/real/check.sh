@@ -1,0 +1,172 @@
+#!/bin/sh
+# Runs a real program's own tests (or a sample workload) on an executable
+# under qemu and compares the result with the reference that build.sh
+# recorded from the original builds.
+#
+#   tests/real/check.sh PROGRAM ABI EXE
+#
+# PROGRAM is bzip2, jimtcl or duktape; ABI o32, n32 or n64.  The test data
+# and the reference are in the OUTDIR of build.sh: $VESK_REAL_DIR, or else
+# the directory of EXE.  Exits 0 when the result is the reference's, 1 (with
+# a diff on stderr) otherwise; a crash or a hang (20 s per qemu run, 60 s
+# for a group of jimtcl's tests) is a failure whatever the reference says.
+#
+# build.sh records the reference with --result, which prints the result
+# instead of comparing it.
+#
+#   bzip2:   its Makefile's test: compress sample1-3 with -1/-2/-3 and
+#            decompress the .bz2 (sample3 with -s), compared with the
+#            shipped files; plus a verbose integrity test and the
+#            compression of input repetitive enough for the fallback sort.
+#   jimtcl:  its test suite, tests/*.test but two (see below), run by
+#            the jimsh under test; the result is the suite's report (counts
+#            of passed, skipped and failed tests per file, and any failure).
+#   duktape: mandel.js, the guide's fib.js, prime.js (on a smaller range:
+#            the full one takes a minute under qemu) and process.js, a
+#            compile to bytecode and a run of it, and our scripts in
+#            tests/real/duktape (regexps, JSON, the language core,
+#            Date/Math, strings).
+set -eu
+
+mode=compare
+if [ "${1:-}" = "--result" ]; then
+  mode=result
+  shift
+fi
+if [ $# -ne 3 ]; then
+  echo "usage: $0 [--result] PROGRAM ABI EXE" >&2
+  exit 2
+fi
+prog=$1 abi=$2
+exe=$(cd "$(dirname "$3")" && pwd)/$(basename "$3")
+dir=${VESK_REAL_DIR:-$(dirname "$exe")}
+data=$dir/data/$prog
+case $abi in
+  o32) qemu="qemu-mips -L /usr/mips-linux-gnu" ;;
+  n32) qemu="qemu-mipsn32 -L /usr/mips64-linux-gnuabi64" ;;
+  n64) qemu="qemu-mips64 -L /usr/mips64-linux-gnuabi64" ;;
+  *) echo "check.sh: unknown ABI $abi" >&2; exit 2 ;;
+esac
+[ -d "$data" ] || { echo "check.sh: no test data in $data (run build.sh)" >&2; exit 2; }
+
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+export TZ=UTC LC_ALL=C
+
+# run WHAT ARG...: runs EXE, notes its exit status in the result and a
+# crash or a time-out in $tmp/crashed.
+run() {
+  what=$1
+  shift
+  rc=0
+  # shellcheck disable=SC2086
+  timeout 20 $qemu "$exe" "$@" || rc=$?
+  echo "$what: exit $rc" >>"$tmp/status"
+  if [ $rc -ge 124 ]; then
+    echo "$what: $(basename "$exe") crashed or timed out (exit $rc)" >>"$tmp/crashed"
+  fi
+}
+
+result_bzip2() {
+  cd "$data"
+  for n in 1 2 3; do
+    run "compress -$n" -$n <sample$n.ref >"$tmp/sample$n.rb2"
+    s=-d
+    [ $n = 3 ] && s=-ds
+    run "decompress $s" $s <sample$n.bz2 >"$tmp/sample$n.tst"
+    cmp -s "$tmp/sample$n.rb2" sample$n.bz2 && echo "sample$n.bz2: same" || echo "sample$n.bz2: differs"
+    cmp -s "$tmp/sample$n.tst" sample$n.ref && echo "sample$n.ref: same" || echo "sample$n.ref: differs"
+  done
+  run "test -vv" -tvv sample2.bz2 2>&1
+  yes abcab | head -c 300000 >"$tmp/rep"
+  run "compress -9vv" -9vv <"$tmp/rep" 2>&1 | cksum
+  cat "$tmp/status"
+}
+
+# The test suite runs in four groups at the same time, each with the
+# suite's own driver (tests/runall.tcl: every file in a child interpreter,
+# one line of counts per file, the details of any failure): one qemu
+# start-up per file would cost more than the tests.  Most of the time goes
+# in sleeps of the exec and interactive tests, which get groups 1 and 2.
+# event.test and socket.test bind fixed TCP ports (5000, 5001): group 4
+# holds a lock so that two checks never run them at once.  Left out, as
+# they fail when the machine is busy: lock.test, which races a child
+# jimsh's start-up (a new qemu) against a 0.1 s sleep, and timer.test,
+# whose timers 20 ms apart must fire in order.  Every other file gives the
+# same result under load (checked with the cores busy).  Tests that run [info
+# nameofexecutable] get a wrapper that runs the same executable under qemu
+# (argv[0] set with -0).
+jim_group() {
+  case $1 in
+    interactive.test) echo 1 ;;
+    exec.test | exec2.test | signal.test | jimsh.test | tailcall.test) echo 2 ;;
+    event.test | socket.test) echo 4 ;;
+    lock.test | timer.test) ;;
+    *) echo 3 ;;
+  esac
+}
+result_jimtcl() {
+  # shellcheck disable=SC2016
+  printf '#!/bin/sh\nexec %s -0 "$0" "%s" "$@"\n' "$qemu" "$exe" >"$tmp/jimsh"
+  chmod +x "$tmp/jimsh"
+  for g in 1 2 3 4; do
+    # Each group in its own copy: the files create and delete
+    # scratch files under fixed names.
+    mkdir "$tmp/$g"
+    cp -R "$data/tests" "$data/tcltest.tcl" "$tmp/$g/"
+    for f in "$tmp/$g"/tests/*.test; do
+      [ "$(jim_group "$(basename "$f")")" = $g ] || rm "$f"
+    done
+  done
+  # shellcheck disable=SC2016
+  printf '1\n2\n3\n4\n' | xargs -P4 -n1 sh -c '
+    cd "$0/$1/tests" || exit 255
+    lock=""
+    [ "$1" = 4 ] && lock="flock /tmp/vesk-jimtcl-ports.lock"
+    # A group runs many files: more time than for one run.
+    rc=0
+    $lock timeout 60 "$0/jimsh" runall.tcl >../out 2>&1 </dev/null || rc=$?
+    # runall.tcl exits 1 when a test fails, which its output shows.
+    [ $rc -le 1 ] || echo "group $1 of the tests: crashed or timed out (exit $rc)" >>"$0/crashed"
+  ' "$tmp"
+  cat "$tmp/1/out" "$tmp/2/out" "$tmp/3/out" "$tmp/4/out"
+}
+
+result_duktape() {
+  cd "$data"
+  run mandel.js mandel.js
+  run fib.js fib.js
+  run prime.js prime.js -e "
+    var r = [];
+    for (var i = 1; i < 30000; i++) { if (primeCheck(i) && i % 1000 == 999) { r.push(i); } }
+    print(r.join(' '));"
+  run process.js process.js -e "
+    print(processLine('  <a href=\"x\"> *bold* & caf\u00e9 *two* '));"
+  run "compile fib.js" -c "$tmp/fib.bin" fib.js
+  run "run fib.bin" -b "$tmp/fib.bin"
+  for f in datemath.js json.js lang.js regexp.js strings.js; do
+    run "$f" "$f" 2>&1
+  done
+  cat "$tmp/status"
+}
+
+case $prog in
+  bzip2) result_bzip2 >"$tmp/result" ;;
+  duktape) result_duktape >"$tmp/result" ;;
+  jimtcl) result_jimtcl >"$tmp/result" ;;
+  *) echo "check.sh: unknown program $prog" >&2; exit 2 ;;
+esac
+
+if [ -s "$tmp/crashed" ]; then
+  cat "$tmp/crashed" >&2
+  exit 1
+fi
+if [ $mode = result ]; then
+  cat "$tmp/result"
+  exit 0
+fi
+if ! cmp -s "$dir/$prog.expected" "$tmp/result"; then
+  echo "check.sh: $prog on $exe differs from the reference:" >&2
+  diff "$dir/$prog.expected" "$tmp/result" | head -n 40 >&2 || true
+  exit 1
+fi
