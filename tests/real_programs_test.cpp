@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
@@ -109,38 +110,44 @@ TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
   REQUIRE_REAL(e);
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
-  std::vector<FeedbackLine> fb;
   const char *kind[] = {"reversed", "shuffled", "hot-first"};
-  int order = order_of(e->name);
-  if (order == 0) {
-    fb = reversed_order(b.procs());
-  } else if (order == 1) {
-    fb = random_order(b.procs(), e->name);
-  } else {
-    RunResult traced;
-    std::vector<uint64_t> counts =
-        entry_counts(*e, b.annotated(), b.procs(), b.path("trace.log"), &traced, profile_args(*e));
-    ASSERT_EQ(traced.status, 0) << traced.err;
-    fb = hot_first_order(b.procs(), counts);
-    ASSERT_FALSE(fb.empty());
+  // One order per build, in turn; VESK_REAL_ALL_ORDERS=1 runs all three.
+  std::vector<int> orders{order_of(e->name)};
+  if (std::getenv("VESK_REAL_ALL_ORDERS") != nullptr)
+    orders = {0, 1, 2};
+  for (int order : orders) {
+    SCOPED_TRACE(kind[order]);
+    std::vector<FeedbackLine> fb;
+    if (order == 0) {
+      fb = reversed_order(b.procs());
+    } else if (order == 1) {
+      fb = random_order(b.procs(), e->name);
+    } else {
+      RunResult traced;
+      std::vector<uint64_t> counts =
+          entry_counts(*e, b.annotated(), b.procs(), b.path("trace.log"), &traced, profile_args(*e));
+      ASSERT_EQ(traced.status, 0) << traced.err;
+      fb = hot_first_order(b.procs(), counts);
+      ASSERT_FALSE(fb.empty());
+    }
+    std::string out = b.path("reordered");
+    RunResult r = b.vesk(b.annotated(), fb, out, {"-debug"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    size_t moved = 0, total = 0;
+    for (const MappedProc &m : address_mapping(r.out)) {
+      if (m.name == ".libstub")
+        continue;
+      ++total;
+      moved += m.moved && m.new_lo != m.old_addr;
+    }
+    std::printf("%s: %s order, %zu of %zu procedures moved (%.1f%%)\n", e->name.c_str(), kind[order], moved, total,
+                total ? 100.0 * double(moved) / double(total) : 0.0);
+    if (order == 1) {
+      EXPECT_GT(double(moved), 0.95 * double(total));
+    }
+    RunResult c = check(*e, out);
+    EXPECT_EQ(c.status, 0) << c.err;
   }
-  std::string out = b.path("reordered");
-  RunResult r = b.vesk(b.annotated(), fb, out, {"-debug"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  size_t moved = 0, total = 0;
-  for (const MappedProc &m : address_mapping(r.out)) {
-    if (m.name == ".libstub")
-      continue;
-    ++total;
-    moved += m.moved && m.new_lo != m.old_addr;
-  }
-  std::printf("%s: %s order, %zu of %zu procedures moved (%.1f%%)\n", e->name.c_str(), kind[order], moved, total,
-              total ? 100.0 * double(moved) / double(total) : 0.0);
-  if (order == 1) {
-    EXPECT_GT(double(moved), 0.95 * double(total));
-  }
-  RunResult c = check(*e, out);
-  EXPECT_EQ(c.status, 0) << c.err;
 }
 
 // n32 and n64: the layout stays as it is and the program still passes its
