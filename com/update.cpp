@@ -60,6 +60,11 @@ int32_t find_local_got_entry_for_addr(uint64_t addr, uint32_t *index) {
                       : find_local_got_entry_for_addr_t<Elf64Class>(addr, index);
 }
 
+bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff) {
+  return bin.is_elf32 ? try_local_got_entry_for_addr_t<Elf32Class>(addr, index, diff)
+                      : try_local_got_entry_for_addr_t<Elf64Class>(addr, index, diff);
+}
+
 int32_t update_got_page(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr) {
   return bin.is_elf32 ? update_got_page_t<Elf32Class>(new_pc, low, got_index, old_addr)
                       : update_got_page_t<Elf64Class>(new_pc, low, got_index, old_addr);

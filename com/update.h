@@ -53,6 +53,8 @@ uint64_t got_content_by_gpoffset(int32_t off);
 // Entries that the GOT update re-pointed are passed over.  Fatal when none
 // qualifies.
 int32_t find_local_got_entry_for_addr(uint64_t addr, uint32_t *index);
+// The same without ending the run: false when no entry qualifies.
+bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff);
 // Re-point one GOT page/offset pair that formed the old code address
 // old_addr as (GOT[got_index] + low).  Arguments, in this order:
 //   new_pc     new address of the instruction to patch (in bin.new_text)

@@ -21,6 +21,7 @@
 #include "vesk/diag.h"
 #include "vesk/mips.h"
 #include "vesk/options.h"
+#include "vesk/proc.h"
 
 namespace vesk {
 
@@ -177,7 +178,12 @@ struct GotPages {
       }
     }
     uint32_t index;
-    *low = find_local_got_entry_for_addr(new_addr, &index);
+    if (!try_local_got_entry_for_addr(new_addr, &index, low)) {
+      const Proc *p = get_proc_by_addr(old);
+      error("cannot find appropriate got entry for %#x: no GOT entry that stays as it is lies within 32 KB of "
+            "the new address of %s, which code reaches through a GOT page; %s cannot be laid out there",
+            new_addr, p && p->name ? p->name : "a procedure", option.program);
+    }
     return index;
   }
 };

@@ -227,7 +227,7 @@ template <class C> uint64_t got_content_by_gpoffset_t(int32_t off) {
   return address_word<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off));
 }
 
-template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index) {
+template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index, int32_t *diff_out) {
   size_t n = input_got_entries<C>();
   // An entry that the GOT update re-pointed no longer holds its input value
   // at run time, so it cannot serve as a page.
@@ -241,10 +241,18 @@ template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32
     int32_t diff = int32_t(uint32_t(addr) - uint32_t(entry));
     if (diff >= -32768 && diff <= 32767) {
       *index = uint32_t(i);
-      return diff;
+      *diff_out = diff;
+      return true;
     }
   }
-  error("cannot find appropriate got entry for %#llx", (unsigned long long)addr);
+  return false;
+}
+
+template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index) {
+  int32_t diff;
+  if (!try_local_got_entry_for_addr_t<C>(addr, index, &diff))
+    error("cannot find appropriate got entry for %#llx", (unsigned long long)addr);
+  return diff;
 }
 
 // The new low offset of a page/offset pair that formed old_addr from the
