@@ -122,6 +122,22 @@ TEST(RunErrors, RefusesToWriteOverItsInput) {
   auto r = run_vesk({"-o", "prog", "soft", "prog.fb"}, dir.path());
   EXPECT_EQ(r.status, 1);
   EXPECT_TRUE(read_file(dir / "prog") == original);
+  // Neither the output nor the merged feedback may be a file vesk reads.
+  const std::string fb = read_file(dir / "prog.fb");
+  for (const auto &[args, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"prog", "-o", "out", "-merge", "soft"}, "merged feedback file soft is the input file prog; name another "
+                                                     "file with -merge"},
+           {{"prog", "-o", "out", "-merge", "prog.fb"}, "merged feedback file prog.fb is the feedback file prog.fb; "
+                                                        "name another file with -merge"},
+           {{"prog", "-o", "prog.fb"}, "output file prog.fb is the feedback file prog.fb; name another output with -o"}}) {
+    r = run_vesk(args, dir.path());
+    EXPECT_EQ(r.status, 1) << args.back();
+    EXPECT_NE(r.err.find("Error: " + message + ".\n"), std::string::npos) << r.err;
+  }
+  EXPECT_TRUE(read_file(dir / "prog") == original);
+  EXPECT_TRUE(read_file(dir / "prog.fb") == fb);
+  r = run_vesk({"prog", "-o", "out", "-merge", "/dev/full"}, dir.path());
+  EXPECT_EQ(r.status, 1) << "a merged feedback file that cannot be written ends the run";
 }
 
 TEST(RunErrors, CopyThatCannotReadTheInput) {

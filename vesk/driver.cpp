@@ -138,14 +138,39 @@ void bin_copy(int in_fd, int out_fd) {
 }
 
 void check_output_is_not_input() {
-  struct stat in_st, out_st;
-  if (fstat(bin.in_fd, &in_st) != 0)
-    return;
-  if (stat(option.output, &out_st) != 0)
-    return; // the output does not exist yet
-  if (in_st.st_dev == out_st.st_dev && in_st.st_ino == out_st.st_ino)
-    error("output file %s is the input file %s; name another output with -o", option.output,
-          option.program);
+  // Every file vesk writes (the output, the merged feedback) must be
+  // another file than every file it reads (the program, the feedback
+  // files) and than each other, whatever names lead to them.
+  struct Named {
+    const char *path;
+    struct stat st;
+  };
+  std::vector<Named> inputs;
+  Named in{option.program, {}};
+  if (fstat(bin.in_fd, &in.st) == 0)
+    inputs.push_back(in);
+  for (const char **f = option.feedback_files; f != nullptr && *f != nullptr; ++f) {
+    Named fb{*f, {}};
+    if (stat(*f, &fb.st) == 0)
+      inputs.push_back(fb);
+  }
+  auto same = [](const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; };
+  struct stat out_st, merge_st;
+  bool out_exists = stat(option.output, &out_st) == 0;
+  if (out_exists)
+    for (const Named &i : inputs)
+      if (same(i.st, out_st))
+        error("output file %s is the %s file %s; name another output with -o", option.output,
+              i.path == option.program ? "input" : "feedback", i.path);
+  if (option.merge_file != nullptr && stat(option.merge_file, &merge_st) == 0) {
+    for (const Named &i : inputs)
+      if (same(i.st, merge_st))
+        error("merged feedback file %s is the %s file %s; name another file with -merge", option.merge_file,
+              i.path == option.program ? "input" : "feedback", i.path);
+    if (out_exists && same(out_st, merge_st))
+      error("merged feedback file %s is the output file %s; name another file with -merge", option.merge_file,
+            option.output);
+  }
 }
 
 } // namespace vesk

@@ -28,7 +28,8 @@ void write_merged_feedback() {
   std::fprintf(f, "#%29s %17s %10s\n", "procedure_name", "file_name", "freq");
   for (Proc *p = order_head; p != nullptr; p = p->next)
     std::fprintf(f, "%30s %20s %10u\n", text_or_null(p->name), text_or_null(p->file_name), p->freq);
-  std::fclose(f);
+  if (std::ferror(f) || std::fclose(f) != 0)
+    sysfatal("cannot write %s", option.merge_file);
 }
 
 } // namespace vesk
