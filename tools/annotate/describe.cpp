@@ -93,8 +93,11 @@ public:
           lo(checked(r.r_offset), sym, pending, pending_gp);
         break;
       case R_MIPS_JALR:
-        if (code)
+        if (code) {
           unrelax(checked(r.r_offset));
+          if (sym < im_.symbols.size() && im_.symbols[sym].st_shndx != SHN_UNDEF)
+            call_target_[r.r_offset] = im_.symbols[sym].st_value;
+        }
         break;
       default: break;
       }
@@ -163,6 +166,7 @@ private:
   std::vector<bool> got_lo_;                     // the %lo adds to a GOT page
   std::map<size_t, std::vector<size_t>> users_;  // %hi -> the %lo it feeds
   std::set<uint32_t> got_pages_;
+  std::unordered_map<uint32_t, uint32_t> call_target_; // jalr $25 -> the function its relocation names
   std::vector<std::pair<uint32_t, uint32_t>> patches_;
   std::vector<CompactRelEntry> out_;
 
@@ -380,9 +384,22 @@ private:
     if (addresses.empty())
       error("%s: the %%lo at %s refers to code, but no %%hi or GOT page load that feeds it was found; %s", path(),
             im_.where(l.offset).c_str(), KEEP_TOGETHER);
-    if (addresses.size() > 1)
-      error("%s: the %%lo at %s refers to code through one of several %%hi that form different addresses; %s",
-            path(), im_.where(l.offset).c_str(), KEEP_TOGETHER);
+    if (addresses.size() > 1) {
+      // A %lo that completes $25 for a call: the call's relocation names
+      // the function, which tells the %hi apart.
+      std::optional<uint32_t> callee;
+      if (mips::rt(word(*l.sec, l.offset)) == 25)
+        for (uint32_t a = l.offset + 4; a <= l.offset + 16 && !callee; a += 4)
+          if (auto t = call_target_.find(a); t != call_target_.end())
+            callee = t->second;
+      if (!callee || addresses.count(*callee) == 0)
+        error("%s: the %%lo at %s refers to code through one of several %%hi that form different addresses; %s",
+              path(), im_.where(l.offset).c_str(), KEEP_TOGETHER);
+      addresses = {*callee};
+      feeding.erase(std::remove_if(feeding.begin(), feeding.end(),
+                                   [&](size_t h) { return formed(his_[h], *l.sec, l.offset) != *callee; }),
+                    feeding.end());
+    }
     for (size_t h : feeding)
       users_[h].push_back(i);
     got_lo_[i] = his_[feeding.front()].got;
