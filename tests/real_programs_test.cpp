@@ -77,6 +77,10 @@ std::vector<std::string> profile_args(const BenchExe &e) {
   std::string data = real_dir() + "/data/" + e.program;
   if (e.program == "bzip2")
     return {"-1", "-c", "-k", data + "/sample1.ref"};
+  if (e.program == "sqlite3")
+    return {":memory:", "create table t(a, b); with recursive c(x) as (select 1 union all select x + 1 from c "
+                        "where x < 2000) insert into t select x, printf('%05d', x) from c; "
+                        "select count(*), sum(a), max(b) from t where b like '%7%';"};
   if (e.program == "duktape")
     return {"-e", "var s = 0; for (var i = 0; i < 200; i++) s += JSON.stringify({a: [i, 'x' + i]}).length; "
                   "print(s, /a(b+)c/.exec('xabbbc')[1], Math.sqrt(s).toFixed(3));"};

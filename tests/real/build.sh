@@ -6,9 +6,10 @@
 #   tests/real/build.sh OUTDIR
 #
 # bzip2, jimtcl's jimsh and duktape's duk are each compiled for o32, n32 and
-# n64, with mdebug (-Wa,-mdebug, no -g; not n64, whose mdebug form vesk
-# refuses) and with DWARF (-g), in three code models: pie (the compiler's
-# default), no-pie (-no-pie) and fno-pie (-fno-pie -no-pie).  Unlike
+# n64, sqlite3's shell for o32 only (its compile time), with mdebug
+# (-Wa,-mdebug, no -g; not n64, whose mdebug form vesk refuses) and with
+# DWARF (-g), in three code models: pie (the compiler's default), no-pie
+# (-no-pie) and fno-pie (-fno-pie -no-pie).  Unlike
 # tests/programs, these are built as their users build them: -O2 and gcc's
 # defaults otherwise (hot/cold splitting, clones, jump tables, relaxed PIC
 # calls, .text.startup), plus -Wl,-q to keep the relocations.
@@ -18,7 +19,7 @@
 # and their check results are kept in .../real/, keyed by package version,
 # ABI, debug kind, model and a hash of this script (which holds the flags),
 # the jimtcl headers and the compilers' versions (check results: also of
-# check.sh and the duktape scripts).
+# check.sh and the duktape and sqlite3 scripts).
 #
 # OUTDIR gets the executables (<program>-<abi>-<debug>-<model>), the test
 # data check.sh runs on (data/<program>/), the reference result of each
@@ -35,6 +36,7 @@ packages="
 bzip2 1.0.8-5
 jimtcl 0.81+dfsg0-2
 duktape 2.7.0-2
+sqlite3 3.40.1-2+deb12u2
 "
 
 version() { echo "$packages" | awk -v p="$1" '$1 == p { print $2 }'; }
@@ -78,6 +80,25 @@ recipe() {
         -DDUK_CMDLINE_MODULE_SUPPORT -Iextras/module-duktape"
       libs="-lm"
       ;;
+    sqlite3)
+      # The shell on the amalgamation (see prepare_sqlite3), with the
+      # defaults of sqlite's configure (threads, extension loading, math
+      # functions) and FTS4, which both Debian's package and the shell's
+      # Makefile enable; the rest of Debian's options would cost 20% more
+      # compile time.  glibc has pthread and dl in libc.
+      sources="sqlite3.c shell.c"
+      cflags="-DSQLITE_ENABLE_MATH_FUNCTIONS -DSQLITE_ENABLE_FTS4"
+      libs="-lm"
+      ;;
+  esac
+}
+
+# The ABIs a program is built for: sqlite3 only for o32, as its one
+# 240,000-line file takes two minutes to compile with -g.
+abis_of() {
+  case $1 in
+    sqlite3) echo "o32" ;;
+    *) echo "o32 n32 n64" ;;
   esac
 }
 
@@ -105,7 +126,7 @@ hashes() {
          mips-linux-gnu-gcc --version | head -n1
          mips64-linux-gnuabi64-gcc --version | head -n1
          mips-linux-gnu-ld --version | head -n1; } | sha256sum | cut -c1-16)
-  hc=$({ echo "$hb"; cat "$here/check.sh" "$here"/duktape/*.js; } | sha256sum | cut -c1-16)
+  hc=$({ echo "$hb"; cat "$here/check.sh" "$here"/duktape/*.js "$here"/sqlite3/*.sql; } | sha256sum | cut -c1-16)
 }
 
 # Internal entry point, called through xargs: compile one program for one
@@ -246,14 +267,34 @@ prepare_jimtcl() {
   ) || { echo "build.sh: cannot generate jimtcl's sources" >&2; exit 1; }
 }
 
-programs="duktape jimtcl bzip2" # the longest builds first
+# sqlite3's shell is built from the amalgamation (sqlite3.c and shell.c),
+# which sqlite's own tooling generates from the source tree: configure and
+# make, on the host, with tclsh.  The generated files are kept in the
+# source directory, less the test suite and the web site (120 MB).
+prepare_sqlite3() {
+  d=$(srcdir sqlite3)
+  [ -f "$d/shell.c" ] && return 0
+  echo "build.sh: generating sqlite3's amalgamation"
+  rm -rf "$d/amalgamation"
+  mkdir "$d/amalgamation"
+  (cd "$d/amalgamation" &&
+   ../configure --disable-tcl --disable-readline >log 2>&1 &&
+   make sqlite3.c shell.c >>log 2>&1 &&
+   mv sqlite3.h sqlite3.c .. && mv shell.c ..) ||
+    { cat "$d/amalgamation/log" >&2; echo "build.sh: cannot generate sqlite3's amalgamation" >&2; exit 1; }
+  rm -rf "$d/amalgamation" "$d/test" "$d/www"
+}
+
+# In the manifest's order (the tests take turns along it); the compile
+# jobs run in this order too, but sqlite3's first: the longest builds first.
+programs="duktape jimtcl bzip2 sqlite3"
 
 # Every executable: name program abi debug model codegen
 list() {
   for prog in $programs; do
-    for abi in o32 n32 n64; do
+    for abi in $(abis_of "$prog"); do
       for debug in mdebug dwarf; do
-        [ $abi = n64 ] && [ $debug = mdebug ] && continue
+        [ "$abi" = n64 ] && [ $debug = mdebug ] && continue
         for cg in pic nopic; do
           for model in $(models_of $cg); do
             echo "$prog-$abi-$debug-$model $prog $abi $debug $model $cg"
@@ -270,10 +311,11 @@ mkdir -p "$tmp"
 list | while read -r name prog abi debug model cg; do
   [ -f "$cache/real/exe/$prog-$(version "$prog")-$abi-$debug-$model-$hb" ] ||
     echo "$prog $abi $debug $cg $hb $tmp"
-done | uniq >"$tmp/jobs"
+done | uniq | awk '$1 == "sqlite3" { print; next } { rest = rest $0 "\n" } END { printf "%s", rest }' >"$tmp/jobs"
 
 for prog in $programs; do fetch "$prog"; done
 if grep -q '^jimtcl ' "$tmp/jobs"; then prepare_jimtcl; fi
+if grep -q '^sqlite3 ' "$tmp/jobs"; then prepare_sqlite3; fi
 
 # The jobs do not inherit the lock (9>&-): a stray child of a test must not
 # hold it after this run.
@@ -282,11 +324,12 @@ xargs -r -P2 -L1 sh -c '"$0" --compile "$@"' "$here/build.sh" <"$tmp/jobs" 9>&-
 
 # The test data check.sh runs on.
 rm -rf "$out/data"
-mkdir -p "$out/data/bzip2" "$out/data/jimtcl" "$out/data/duktape"
+mkdir -p "$out/data/bzip2" "$out/data/jimtcl" "$out/data/duktape" "$out/data/sqlite3"
 (cd "$(srcdir bzip2)" && cp sample1.ref sample2.ref sample3.ref sample1.bz2 sample2.bz2 sample3.bz2 "$out/data/bzip2/")
 (cd "$(srcdir jimtcl)" && cp -R tests tcltest.tcl "$out/data/jimtcl/")
 (cd "$(srcdir duktape)" && cp mandel.js examples/guide/fib.js examples/guide/prime.js examples/guide/process.js "$out/data/duktape/")
 cp "$here"/duktape/*.js "$out/data/duktape/"
+cp "$here"/sqlite3/*.sql "$out/data/sqlite3/"
 
 list | while read -r name prog abi debug model cg; do
   ver=$(version "$prog")

@@ -5,11 +5,12 @@
 #
 #   tests/real/check.sh PROGRAM ABI EXE
 #
-# PROGRAM is bzip2, jimtcl or duktape; ABI o32, n32 or n64.  The test data
-# and the reference are in the OUTDIR of build.sh: $VESK_REAL_DIR, or else
-# the directory of EXE.  Exits 0 when the result is the reference's, 1 (with
-# a diff on stderr) otherwise; a crash or a hang (20 s per qemu run, 60 s
-# for a group of jimtcl's tests) is a failure whatever the reference says.
+# PROGRAM is bzip2, jimtcl, duktape or sqlite3; ABI o32, n32 or n64.  The
+# test data and the reference are in the OUTDIR of build.sh: $VESK_REAL_DIR,
+# or else the directory of EXE.  Exits 0 when the result is the reference's,
+# 1 (with a diff on stderr) otherwise; a crash or a hang (20 s per qemu run,
+# 60 s for a group of jimtcl's tests) is a failure whatever the reference
+# says.
 #
 # build.sh records the reference with --result, which prints the result
 # instead of comparing it.
@@ -26,6 +27,13 @@
 #            compile to bytecode and a run of it, and our scripts in
 #            tests/real/duktape (regexps, JSON, the language core,
 #            Date/Math, strings).
+#   sqlite3: the SQL scripts in tests/real/sqlite3, each fed to the shell
+#            on a new database file (and no ~/.sqliterc): tables filled by
+#            recursive CTEs, joins, grouping, window, date and printf
+#            functions, triggers, a transaction rolled back, query plans
+#            (core.sql), JSON (json.sql), full-text search (fts.sql), and
+#            the shell's output modes, dot commands and built-in extensions
+#            (shell.sql).
 set -eu
 
 mode=compare
@@ -150,10 +158,19 @@ result_duktape() {
   cat "$tmp/status"
 }
 
+result_sqlite3() {
+  cd "$tmp" # shell.sql writes and imports a CSV file
+  for f in core json fts shell; do
+    run "$f.sql" -init /dev/null "$f.db" <"$data/$f.sql" 2>&1
+  done
+  cat "$tmp/status"
+}
+
 case $prog in
   bzip2) result_bzip2 >"$tmp/result" ;;
   duktape) result_duktape >"$tmp/result" ;;
   jimtcl) result_jimtcl >"$tmp/result" ;;
+  sqlite3) result_sqlite3 >"$tmp/result" ;;
   *) echo "check.sh: unknown program $prog" >&2; exit 2 ;;
 esac
 
