@@ -138,6 +138,12 @@ TEST(RunErrors, RefusesToWriteOverItsInput) {
   EXPECT_TRUE(read_file(dir / "prog.fb") == fb);
   r = run_vesk({"prog", "-o", "out", "-merge", "/dev/full"}, dir.path());
   EXPECT_EQ(r.status, 1) << "a merged feedback file that cannot be written ends the run";
+  // A device at the output's path is refused, not replaced by a plain file.
+  r = run_vesk({"prog", "-o", "/dev/full"}, dir.path());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error: output /dev/full is not a regular file"), std::string::npos) << r.err;
+  struct stat st;
+  EXPECT_TRUE(stat("/dev/full", &st) == 0 && S_ISCHR(st.st_mode));
 }
 
 TEST(RunErrors, CopyThatCannotReadTheInput) {

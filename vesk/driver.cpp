@@ -62,6 +62,11 @@ void remove_unfinished_output() {
 // place only when the whole run has succeeded: a refusal or a failure
 // leaves no output and an existing file at that path untouched.
 void open_output() {
+  // The temporary file is renamed over the output: a device or a FIFO at
+  // that path would be replaced by a plain file.
+  struct stat st;
+  if (stat(option.output, &st) == 0 && !S_ISREG(st.st_mode))
+    error("output %s is not a regular file; name another output with -o", option.output);
   std::string out = option.output;
   size_t slash = out.rfind('/');
   std::string dir = slash == std::string::npos ? "." : out.substr(0, slash == 0 ? 1 : slash);

@@ -160,8 +160,9 @@ result_duktape() {
 
 result_sqlite3() {
   cd "$tmp" # shell.sql writes and imports a CSV file
+  : >sqliterc # read instead of ~/.sqliterc
   for f in core json fts shell; do
-    run "$f.sql" -init /dev/null "$f.db" <"$data/$f.sql" 2>&1
+    run "$f.sql" -init sqliterc "$f.db" <"$data/$f.sql" 2>&1
   done
   cat "$tmp/status"
 }

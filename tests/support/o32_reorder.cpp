@@ -169,7 +169,7 @@ bool nameable(const ListedProc &p) { return p.name != ".libstub" && p.name != "(
 
 std::vector<FeedbackLine> reversed_order(const std::vector<ListedProc> &procs) {
   std::vector<FeedbackLine> out;
-  uint64_t count = 1000;
+  uint64_t count = 1000 + procs.size();
   for (auto p = procs.rbegin(); p != procs.rend(); ++p)
     if (nameable(*p))
       out.push_back({p->name, p->file, count--});
@@ -190,7 +190,7 @@ std::vector<FeedbackLine> random_order(const std::vector<ListedProc> &procs, con
       out.push_back({p.name, p.file, 0});
   for (size_t i = out.size(); i > 1; --i)
     std::swap(out[i - 1], out[gen() % i]);
-  uint64_t count = 1000;
+  uint64_t count = 1000 + out.size();
   for (FeedbackLine &l : out)
     l.count = count--;
   return out;
