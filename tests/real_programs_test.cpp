@@ -25,27 +25,8 @@ namespace {
 
 std::string real_dir() { return VESK_REAL_DIR; }
 
-std::vector<BenchExe> load_real() {
-  std::vector<BenchExe> out;
-  std::ifstream in(real_dir() + "/manifest.tsv");
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream f(line);
-    BenchExe e;
-    if (!std::getline(f, e.path, '\t') || !std::getline(f, e.program, '\t') || !std::getline(f, e.abi, '\t') ||
-        !std::getline(f, e.debug, '\t') || !std::getline(f, e.model))
-      continue;
-    e.name = e.path.substr(e.path.rfind('/') + 1);
-    e.qemu = e.abi == "o32"   ? std::vector<std::string>{"qemu-mips", "-L", "/usr/mips-linux-gnu"}
-             : e.abi == "n32" ? std::vector<std::string>{"qemu-mipsn32", "-L", "/usr/mips64-linux-gnuabi64"}
-                              : std::vector<std::string>{"qemu-mips64", "-L", "/usr/mips64-linux-gnuabi64"};
-    out.push_back(e);
-  }
-  return out;
-}
-
 const std::vector<BenchExe> &real_executables() {
-  static const std::vector<BenchExe> list = load_real();
+  static const std::vector<BenchExe> list = load_manifest(real_dir());
   return list;
 }
 

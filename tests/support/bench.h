@@ -24,6 +24,9 @@ struct BenchExe {
 
 // The directory the bench is built into.
 std::string bench_dir();
+// The executables a manifest.tsv in dir lists (path program abi debug
+// model [explicit-relocs]); empty when there is none.
+std::vector<BenchExe> load_manifest(const std::string &dir);
 // Every executable of the bench; empty when the bench has not been built.
 const std::vector<BenchExe> &bench_executables();
 // Runs exe_path (the executable itself or a rewritten copy) under e's qemu.
