@@ -4,11 +4,11 @@
 #include "com/branch.h"
 
 #include "com/update.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
-#include "vesk/options.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/mips.h"
+#include "base/options.h"
 
 namespace vesk {
 

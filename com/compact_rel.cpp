@@ -9,12 +9,9 @@
 //   bits 18..0  signed distance from the previous entry's address, in words
 #include "com/compact_rel.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
+#include "base/bytes.h"
+#include "base/diag.h"
 
 namespace vesk {
 
@@ -25,31 +22,14 @@ constexpr uint32_t CR_KONST_WORD = 0x40000000u;
 constexpr unsigned CR_TYPE_SHIFT = 27;
 constexpr unsigned CR_DIST_SHIFT = 19;
 constexpr uint32_t CR_DELTA_MASK = 0x7ffff;
-constexpr size_t CR_FIRST_BUFFER = 2048;
-constexpr size_t CR_LARGEST_ENTRY = 12;
 
-#define CR_ASSERT(expr)                                                  \
-  do {                                                                   \
-    if (!(expr))                                                         \
-      error("%s:%d ASSERT(%s)", "com/compact_rel", __LINE__, #expr);     \
+// The cursor is set up by its reader; a cursor out of step with its own
+// count is a fault of vesk, not of the input.
+#define CR_ASSERT(expr)                                                        \
+  do {                                                                         \
+    if (!(expr))                                                               \
+      error("internal error: .compact_rel cursor is inconsistent (%s)", #expr); \
   } while (0)
-
-// The section being rebuilt.
-struct CrWriter {
-  uint8_t *buf = nullptr;
-  size_t size = 0;     // bytes used
-  size_t capacity = 0; // bytes allocated
-  uint32_t prev_addr = 0;
-  uint32_t count = 0;
-};
-
-CrWriter cr;
-
-[[noreturn]] void out_of_memory() {
-  std::fputs("Out of Memory doing compact relocation\n", stderr);
-  std::fflush(stdout);
-  std::exit(1);
-}
 
 // The next word of the entry stream; the entry must not run past the data.
 uint32_t next_word(CompactRelCursor *cm) {
@@ -58,11 +38,6 @@ uint32_t next_word(CompactRelCursor *cm) {
   uint32_t w = load32(cm->cur_rlc_ptr);
   cm->cur_rlc_ptr += 4;
   return w;
-}
-
-void put_word(uint32_t w) {
-  store32(cr.buf + cr.size, w);
-  cr.size += 4;
 }
 
 } // namespace
@@ -100,31 +75,17 @@ bool cm_rlc_get(CompactRelCursor *cm, CompactRelEntry *entry) {
   return true;
 }
 
-void new_cr_header(const uint8_t *header, size_t header_length) {
-  size_t capacity = CR_FIRST_BUFFER;
-  while (capacity < header_length + CR_LARGEST_ENTRY)
-    capacity *= 2;
-  std::free(cr.buf);
-  cr = CrWriter{};
-  cr.buf = static_cast<uint8_t *>(std::malloc(capacity));
-  if (cr.buf == nullptr)
-    out_of_memory();
-  cr.capacity = capacity;
-  if (header_length != 0)
-    std::memcpy(cr.buf, header, header_length);
-  cr.size = header_length;
+CompactRelWriter::CompactRelWriter(const uint8_t *header, size_t header_length)
+    : bytes_(header, header + header_length) {}
+
+void CompactRelWriter::put_word(uint32_t w) {
+  uint8_t b[4];
+  store32(b, w);
+  bytes_.insert(bytes_.end(), b, b + 4);
 }
 
-void add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr) {
-  if (cr.capacity < cr.size + CR_LARGEST_ENTRY) {
-    size_t capacity = cr.capacity ? cr.capacity * 2 : CR_FIRST_BUFFER;
-    auto *grown = static_cast<uint8_t *>(std::realloc(cr.buf, capacity));
-    if (grown == nullptr)
-      out_of_memory();
-    cr.buf = grown;
-    cr.capacity = capacity;
-  }
-  uint32_t diff = vaddr - cr.prev_addr;
+void CompactRelWriter::add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr) {
+  uint32_t diff = vaddr - prev_addr_;
   uint32_t delta = diff >> 2;
   // A forward step below 128 KB is stored relative to the previous entry;
   // anything else (backward steps included) carries the absolute address.
@@ -142,11 +103,7 @@ void add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr) {
     put_word(konst);
   if (!relative)
     put_word(vaddr);
-  cr.prev_addr = vaddr;
-  cr.count++;
+  prev_addr_ = vaddr;
 }
-
-uint8_t *cr_head() { return cr.buf; }
-size_t cr_size() { return cr.size; }
 
 } // namespace vesk

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace vesk {
 
@@ -42,9 +43,18 @@ struct CompactRelCursor {
 
 void cm_rlc_reset(CompactRelCursor *cm);
 bool cm_rlc_get(CompactRelCursor *cm, CompactRelEntry *entry);
-void new_cr_header(const uint8_t *header, size_t header_length);
-void add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr);
-uint8_t *cr_head();
-size_t cr_size();
+
+// A new section: a copy of a header, then the entries as they are added.
+class CompactRelWriter {
+public:
+  CompactRelWriter(const uint8_t *header, size_t header_length);
+  void add_cr(uint32_t type, uint32_t konst, uint32_t dist2to, uint32_t vaddr);
+  std::vector<uint8_t> &bytes() { return bytes_; }
+
+private:
+  void put_word(uint32_t w);
+  std::vector<uint8_t> bytes_;
+  uint32_t prev_addr_ = 0;
+};
 
 } // namespace vesk

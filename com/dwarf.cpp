@@ -24,9 +24,10 @@
 #include "com/dwarf_ranges.h"
 #include "com/dwarf_sections.h"
 #include "com/symtab_procs.h"
-#include "vesk/diag.h"
-#include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/bin.h"
+#include "base/diag.h"
+#include "base/options.h"
+#include "base/proc.h"
 
 namespace vesk {
 
@@ -51,64 +52,38 @@ struct InlineNote {
   int32_t note_cold_part;        // 0: the entry's part; k > 0: its k-th other part
 };
 
-InlineNote *notes;
-int n_notes;
-int notes_capacity;
-int made_up_names;
-
-Dwarf_Debug dbg;
-
-// The input's function symbols, for the whole walk.
-const FunctionSymbols *symbols;
-
 // What the walk of one compilation unit needs of the unit.
 struct Unit {
   const char *file_name; // base name of the unit's name; may be null
   Dwarf_Addr base;       // DW_AT_low_pc: the base of DWARF 4 range lists
 };
 
-// Strings handed to procedure records (names, unit names) live to the end
-// of the run; they stay listed here so that they remain reachable.
-// (The list itself is never destroyed, so it outlives exit handlers too.)
-std::vector<char *> *kept_strings = new std::vector<char *>;
+// The walk over the entries of every unit.  Names it hands to records or
+// notes are kept in the procedure table, for the whole run.
+class DwarfWalk {
+public:
+  explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {}
+  void walk_units(Elf *elf);
+  void resolve_inline_notes();
 
-char *keep(char *s) {
-  kept_strings->push_back(s);
-  return s;
-}
+private:
+Dwarf_Debug dbg = nullptr;
+const FunctionSymbols *symbols;
+std::vector<InlineNote> notes;
+int made_up_names = 0;
 
 void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
                      uint8_t pending, int32_t cold_part = 0) {
-  if (n_notes == notes_capacity) {
-    int capacity = notes ? notes_capacity * 2 : 20;
-    auto *grown = static_cast<InlineNote *>(std::realloc(notes, size_t(capacity) * sizeof(InlineNote)));
-    if (grown == nullptr)
-      error("malloc error");
-    notes = grown;
-    notes_capacity = capacity;
-  }
-  notes[n_notes++] = InlineNote{name, linkage_name, die_offset, proc_index, pending, cold_part};
+  notes.push_back(InlineNote{name, linkage_name, die_offset, proc_index, pending, cold_part});
 }
 
 // The name of the k-th part of a function beside its entry's part, as GCC
 // names the first: foo.cold, foo.cold.1, ...
-char *cold_name(const char *name, int part) {
+static const char *cold_name(const char *name, int part) {
   std::string s = std::string(name) + ".cold";
   if (part > 1)
     s += "." + std::to_string(part - 1);
-  char *copy = strdup(s.c_str());
-  if (copy == nullptr)
-    error("malloc failure in strdup()");
-  return keep(copy);
-}
-
-char *copy_or_null(const char *s) {
-  if (s == nullptr)
-    return nullptr;
-  char *copy = strdup(s);
-  if (copy == nullptr)
-    error("malloc failure in strdup()");
-  return copy;
+  return bin.procs.keep(s.c_str());
 }
 
 // Looks attribute `attr` of die up: true with *out set when present.
@@ -195,7 +170,7 @@ void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
   p->old_addr = lo;
   p->size = uint32_t(hi) - uint32_t(lo);
   if (instance)
-    new_inline_note(nullptr, copy_or_null(s.linkage_name), s.have_origin ? s.origin : s.offset, get_n_procs() - 1,
+    new_inline_note(nullptr, s.linkage_name, s.have_origin ? s.origin : s.offset, get_n_procs() - 1,
                     name == nullptr, part);
   if (option.debug & 1)
     dump("  Subprogram: %s(%#llx-%#llx)", part == 0 || name == nullptr ? s.text : name, (unsigned long long)lo,
@@ -212,24 +187,20 @@ void visit_entry(Dwarf_Die die, const Unit &unit) {
   if (tag != DW_TAG_subprogram)
     return;
 
-  char *name = nullptr;
+  const char *name = nullptr;
   char *raw = nullptr;
   res = dwarf_diename(die, &raw, &err);
   if (res == DW_DLV_ERROR)
     print_dwarf_error(dbg, res, err, "dwarf_diename");
   if (res == DW_DLV_OK) {
-    name = strdup(raw);
-    if (name == nullptr)
-      error("malloc failure in strdup()");
+    name = bin.procs.keep(raw);
     dwarf_dealloc(dbg, raw, DW_DLA_STRING);
   }
   std::string text = name ? name : kNoName;
 
   PcRange pc = read_pc_range(die, text.c_str());
-  if (pc.declaration) {
-    std::free(name);
+  if (pc.declaration)
     return;
-  }
   std::vector<CodeRange> ranges;
   bool have_ranges = !pc.have_high && read_code_ranges(dbg, die, unit.base, text.c_str(), &ranges);
 
@@ -263,15 +234,12 @@ void visit_entry(Dwarf_Die die, const Unit &unit) {
     dwarf_dealloc(dbg, a, DW_DLA_ATTR);
   }
 
-  char *linkage_name = nullptr;
+  const char *linkage_name = nullptr;
   if (find_attr(die, kAbstractNameAttr, &a)) {
     char *s = nullptr;
     res = dwarf_formstring(a, &s, &err);
-    if (res == DW_DLV_OK) {
-      linkage_name = strdup(s);
-      if (linkage_name == nullptr)
-        error("malloc fail allocating abstract name");
-    }
+    if (res == DW_DLV_OK)
+      linkage_name = bin.procs.keep(s);
     drop_error(res, err);
     dwarf_dealloc(dbg, a, DW_DLA_ATTR);
   }
@@ -291,9 +259,6 @@ void visit_entry(Dwarf_Die die, const Unit &unit) {
     size_t entry = pc.have_high ? 0 : entry_range(dbg, die, ranges);
     for (size_t i = 0, part = 0; i < ranges.size(); ++i)
       make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
-    if (name != nullptr)
-      keep(name);
-    std::free(linkage_name);
   } else if (have_origin || linkage_name != nullptr || inlined) {
     // The entry is its own abstract entry unless it names another.
     new_inline_note(name, linkage_name, have_origin ? origin : offset, -1, 0);
@@ -304,7 +269,6 @@ void visit_entry(Dwarf_Die die, const Unit &unit) {
     if (name == nullptr || !symbols->has_sized(name))
       warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
               (unsigned long long)offset, (unsigned long long)offset);
-    std::free(name);
   }
 }
 
@@ -312,7 +276,7 @@ void visit_entry(Dwarf_Die die, const Unit &unit) {
 // it; the limit is there because libdwarf finds the sibling of an entry
 // without a DW_AT_sibling link by reading through all of the entry's
 // descendants, so the walk costs the size of the tree times its depth.
-constexpr int kMaxDepth = 2048;
+static constexpr int kMaxDepth = 2048;
 
 // Walks the tree below and beside `root` (a unit's entry).  All later
 // siblings of an entry are visited before its children, and the children of
@@ -372,19 +336,19 @@ void walk_entries(Dwarf_Die root, const Unit &unit) {
 // Gives every pending note's procedure a name: that of another note for
 // the same abstract entry or with the same linkage name (with the suffix of
 // a cold part), else a made-up one.
-void resolve_inline_notes() {
+};
+
+void DwarfWalk::resolve_inline_notes() {
   std::unordered_map<uint64_t, const char *> by_offset;
   std::unordered_map<std::string_view, const char *> by_linkage_name;
-  for (int i = 0; i < n_notes; ++i) {
-    const InlineNote &o = notes[i];
+  for (const InlineNote &o : notes) {
     if (o.note_name == nullptr)
       continue;
     by_offset.try_emplace(o.note_die_offset, o.note_name);
     if (o.note_linkage_name != nullptr)
       by_linkage_name.try_emplace(o.note_linkage_name, o.note_name);
   }
-  for (int i = 0; i < n_notes; ++i) {
-    InlineNote &n = notes[i];
+  for (InlineNote &n : notes) {
     if (!n.note_pending)
       continue;
     const char *found = nullptr;
@@ -397,17 +361,11 @@ void resolve_inline_notes() {
     if (found != nullptr && n.note_cold_part > 0) {
       p->name = cold_name(found, n.note_cold_part);
     } else if (found != nullptr) {
-      char *copy = strdup(found);
-      if (copy == nullptr)
-        error("malloc failure in strdup()");
-      p->name = keep(copy);
+      p->name = found;
     } else {
       char made_up[32];
       std::snprintf(made_up, sizeof made_up, "VeskCreatedName%03d", made_up_names++);
-      char *copy = strdup(made_up);
-      if (copy == nullptr)
-        error("Out of memory allocating vesk fake name!\n");
-      p->name = keep(copy);
+      p->name = bin.procs.keep(made_up);
       if (option.verbose)
         warning("Assigned name %s for function! lowpc 0x%llx\n", p->name, (unsigned long long)p->old_addr);
     }
@@ -415,31 +373,16 @@ void resolve_inline_notes() {
   }
 }
 
-void free_inline_notes() {
-  for (int i = 0; i < n_notes; ++i) {
-    std::free(const_cast<char *>(notes[i].note_name));
-    std::free(const_cast<char *>(notes[i].note_linkage_name));
-  }
-  std::free(notes);
-  notes = nullptr;
-  n_notes = notes_capacity = 0;
-}
-
-} // namespace
-
-void dwarf_interface(Elf *elf) {
+void DwarfWalk::walk_units(Elf *elf) {
   Dwarf_Error err = nullptr;
-  check_dwarf_table_sections(elf);
-  FunctionSymbols syms = read_function_symbols(elf);
-  symbols = &syms;
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // applying them would add every address a second time.
   dwarf_set_reloc_application(0);
   int i = dwarf_elf_init(elf, DW_DLC_READ, nullptr, nullptr, &dbg, &err);
   if (i == DW_DLV_ERROR)
-    error("%s:%d ASSERT(i != DW_DLV_ERROR)", "com/dwarf", 405);
+    print_dwarf_error(dbg, i, err, "%s: cannot read its DWARF information", option.program);
   if (i == DW_DLV_NO_ENTRY)
-    error("%s:%d ASSERT(i != DW_DLV_NO_ENTRY)", "com/dwarf", 406);
+    error("%s: no DWARF information", option.program);
 
   Dwarf_Unsigned header_length = 0, cu_offset = 0;
   Dwarf_Half version = 0, address_size = 0;
@@ -448,7 +391,7 @@ void dwarf_interface(Elf *elf) {
   while ((res = dwarf_next_cu_header(dbg, &header_length, &version, &abbrev_offset, &address_size, &cu_offset,
                                      &err)) == DW_DLV_OK) {
     if (cu_offset == DW_DLV_BADOFFSET)
-      error("%s:%d ASSERT(cu_offset != DW_DLV_BADOFFSET)", "com/dwarf", 413);
+      error("%s: a DWARF unit header gives no offset for the next unit", option.program);
     Dwarf_Die cu_die = nullptr;
     int r = dwarf_siblingof(dbg, nullptr, &cu_die, &err);
     if (r != DW_DLV_OK)
@@ -458,12 +401,9 @@ void dwarf_interface(Elf *elf) {
     if (r == DW_DLV_ERROR)
       print_dwarf_error(dbg, r, err, "dwarf_diename");
     // A unit without a name files its procedures under no file name.
-    char *unit_name = nullptr;
+    const char *unit_name = nullptr;
     if (r == DW_DLV_OK) {
-      unit_name = strdup(raw);
-      if (unit_name == nullptr)
-        error("malloc failure in strdup()");
-      keep(unit_name);
+      unit_name = bin.procs.keep(raw);
       dwarf_dealloc(dbg, raw, DW_DLA_STRING);
     }
     if (option.debug & 1)
@@ -481,12 +421,18 @@ void dwarf_interface(Elf *elf) {
   if (res != DW_DLV_OK)
     print_dwarf_error(dbg, res, err, "dwarf_next_cu_header");
   dbg = nullptr;
+}
 
-  resolve_inline_notes();
-  free_inline_notes();
+} // namespace
+
+void dwarf_interface(Elf *elf) {
+  check_dwarf_table_sections(elf);
+  FunctionSymbols syms = read_function_symbols(elf);
+  DwarfWalk walk(syms);
+  walk.walk_units(elf);
+  walk.resolve_inline_notes();
   add_symbol_table_procs(syms);
   attach_padding();
-  symbols = nullptr;
 }
 
 } // namespace vesk

@@ -2,8 +2,8 @@
 
 #include <dwarf.h>
 
-#include "vesk/diag.h"
-#include "vesk/options.h"
+#include "base/diag.h"
+#include "base/options.h"
 
 namespace vesk {
 

@@ -3,9 +3,9 @@
 #include <cstring>
 #include <gelf.h>
 
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/options.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/options.h"
 
 namespace vesk {
 

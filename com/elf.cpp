@@ -8,8 +8,7 @@
 #include <unistd.h>
 
 #include "com/elf_impl.h"
-#include "vesk/bytes.h"
-#include "vesk/driver.h"
+#include "base/bytes.h"
 
 namespace vesk {
 
@@ -54,22 +53,6 @@ void expand_section(Elf_Scn *scn, uint32_t n) {
     expand_section32(scn, n);
   else
     expand_section64(scn, n);
-}
-
-void expand_text() {
-  if (bin.is_elf32)
-    expand_text32();
-  else
-    expand_text64();
-}
-
-uint32_t get_addr_by_got_offset(int32_t off) {
-  if (!bin.is_elf32)
-    error("%s:%d ASSERT(IS_32BIT())", "com/elf", 65);
-  uint32_t index = (bin.gp_value + uint32_t(off) - bin.pltgot) / 4;
-  if (bin.got_buf == nullptr || index >= bin.got_count)
-    error("gp offset %d lies outside .got", off);
-  return load32(bin.got_buf + size_t(index) * 4);
 }
 
 namespace {
@@ -123,14 +106,6 @@ void write_it() {
   bin.out_elf = nullptr; // the driver's own elf_end then has nothing left to end
   restore_unwritten_bytes(std::move(ranges));
 }
-
-void open_new_binary() {
-  bin.out_fd = open(option.output, O_RDWR | O_CREAT | O_TRUNC, 0755);
-  if (bin.out_fd < 1)
-    sysfatal("cannot open %s", option.output);
-}
-
-void copy_binary() { bin_copy(bin.in_fd, bin.out_fd); }
 
 void *dup_buffer(const void *src, size_t size) {
   void *p = std::malloc(size ? size : 1);

@@ -23,15 +23,9 @@ uint8_t *get_textdata_range(Elf *elf, uint64_t addr, size_t n);
 void expand_section(Elf_Scn *scn, uint32_t n);
 void expand_section32(Elf_Scn *scn, uint32_t n);
 void expand_section64(Elf_Scn *scn, uint32_t n);
-void expand_text();
-void expand_text32();
-void expand_text64();
-uint32_t get_addr_by_got_offset(int32_t off);
 // Writes the image, restores from the input every byte of the file that no
 // header or section contents cover, and ends bin.out_elf (left null).
 void write_it();
-void open_new_binary();
-void copy_binary();
 // Allocates size bytes and copies them from src ("malloc error" on failure).
 void *dup_buffer(const void *src, size_t size);
 

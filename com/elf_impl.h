@@ -8,21 +8,13 @@
 #include <vector>
 
 #include "com/elf.h"
-#include "com/mdebug.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/elf_class.h"
-#include "vesk/options.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
+#include "base/options.h"
 
 namespace vesk {
-
-// Where an assertion of the text growth reports itself.
-struct AssertSite {
-  const char *file;
-  int text_line;  // a second .text
-  int phdr_line;  // a second readable and executable load segment
-};
 
 // The name of section scn, or null when the name table does not hold it.
 template <class C> const char *section_name(Elf *elf, Elf_Scn *scn) {
@@ -184,58 +176,6 @@ template <class C> void expand_section_t(Elf_Scn *scn, uint32_t n) {
     }
   }
   elf_errno();
-}
-
-// Moves everything behind a .text that grew by bin.text_grow; the code
-// behind it moves by bin.text_shift.
-template <class C> void expand_text_t(const AssertSite &site) {
-  bool moved = false;
-  for (size_t i = 0;; ++i) {
-    Elf_Scn *s = elf_getscn(bin.out_elf, i);
-    if (s == nullptr)
-      break;
-    typename C::Shdr *sh = C::getshdr(s);
-    const char *name = section_name<C>(bin.out_elf, s);
-    if (sh == nullptr || name == nullptr)
-      continue;
-    if (std::strcmp(name, ".text") == 0) {
-      if (moved)
-        error("%s:%d ASSERT(move_flag == 0)", site.file, site.text_line);
-      moved = true;
-      sh->sh_size += bin.text_grow;
-      if (Elf_Data *d = elf_getdata(s, nullptr))
-        d->d_size += bin.text_grow;
-    } else if (moved && bin.text_shift != 0) {
-      sh->sh_offset += bin.text_shift;
-      if (sh->sh_flags & SHF_EXECINSTR)
-        sh->sh_addr += bin.text_shift;
-    }
-  }
-  elf_errno();
-
-  typename C::Ehdr *eh = C::getehdr(bin.out_elf);
-  typename C::Phdr *ph = eh && eh->e_phnum ? C::getphdr(bin.out_elf) : nullptr;
-  bool seg_moved = false;
-  for (size_t i = 0; ph != nullptr && i < eh->e_phnum; ++i) {
-    if (ph[i].p_type == PT_LOAD && (ph[i].p_flags & PF_R) && (ph[i].p_flags & PF_X)) {
-      if (seg_moved)
-        error("%s:%d ASSERT(move_flag == 0)", site.file, site.phdr_line);
-      seg_moved = true;
-      ph[i].p_filesz += bin.text_shift;
-      ph[i].p_memsz += bin.text_shift;
-    } else if (seg_moved) {
-      ph[i].p_offset += bin.text_shift;
-    }
-  }
-
-  if (Elf_Scn *md = find_section_by_name_t<C>(bin.out_elf, ".mdebug")) {
-    typename C::Shdr *sh = C::getshdr(md);
-    Elf_Data *d = elf_getdata(md, nullptr);
-    if (sh != nullptr && d != nullptr) {
-      sh->sh_name = 0;
-      move_mdebug(static_cast<const uint8_t *>(d->d_buf), d->d_size, sh->sh_offset + d->d_off);
-    }
-  }
 }
 
 // A byte range [begin, end) of the output file.

@@ -1,32 +1,20 @@
-// Procedure discovery from the mdebug symbol table, and the header check
-// of a moved .mdebug section.
+// Procedure discovery from the mdebug symbol table.
 #include "com/mdebug.h"
 
 #include <cstring>
-#include <deque>
 #include <string>
 
 #include "com/symtab_procs.h"
 #include "mdebug/symtab.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/options.h"
+#include "base/proc.h"
 
 namespace vesk {
 
 namespace {
-
-// The wrap-around state of the discovery walk; it lives for the whole run.
-IpdCarry discovery_carry;
-
-// One copy of every file name, shared by the procedure records of the file.
-std::deque<std::string> file_names;
-
-// Line numbers of the header checks of move_mdebug, as the assertions print.
-constexpr int MOVE_SIZE_CHECK_LINE = 330;
-constexpr int MOVE_MAGIC_CHECK_LINE = 331;
 
 // lnLow >= 1 with lnHigh -1 marks a descriptor that describes no code of
 // its own; it is passed over whatever else it holds.
@@ -34,16 +22,16 @@ bool is_skipped_descriptor(const Pdr &pd) {
   return int32_t(uint32_t(pd.lnLow)) >= 1 && uint32_t(pd.lnHigh) == MDEBUG_NIL;
 }
 
-void add_file_procedures(MdebugHandle *h, uint32_t f) {
+void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
   const MdebugSymtab &st = h->st;
   const Fdr &fd = st.fdrs[f];
-  ProcRange range = fdr_proc_range(fd, option.b_flag != 0, discovery_carry);
+  ProcRange range = fdr_proc_range(fd, option.b_flag != 0, carry);
 
   const char *name = mdebug_file_name(h, f);
   if (name == nullptr)
     error("Stripped binary? File[%d] has no name", int(f));
-  file_names.emplace_back(name);
-  const char *file_name = file_names.back().c_str();
+  // One copy of the file name, shared by the procedure records of the file.
+  const char *file_name = bin.procs.keep(name);
 
   if (range.count == 0)
     return;
@@ -63,6 +51,7 @@ void add_file_procedures(MdebugHandle *h, uint32_t f) {
     const char *proc_name = mdebug_symbol_name(h, sym);
     if (proc_name == nullptr)
       error("stripped binary");
+    proc_name = bin.procs.keep(proc_name); // the table is closed after discovery
     Proc *p = new_proc();
     p->name = proc_name;
     p->file_name = file_name;
@@ -75,12 +64,13 @@ void add_file_procedures(MdebugHandle *h, uint32_t f) {
 } // namespace
 
 void mdebug_interface() {
-  MdebugHandle *ldptr = mdebug_open(option.program);
+  std::unique_ptr<MdebugHandle> handle = mdebug_open(option.program);
+  MdebugHandle *ldptr = handle.get();
   if (ldptr == nullptr)
-    error("%s:%d ASSERT(ldptr)", "com/mdebug", 40);
+    error("%s: cannot open its .mdebug symbol table", option.program);
   MdebugSymtab *st = mdebug_symtab(ldptr);
   if (st == nullptr)
-    error("%s:%d ASSERT(st)", "com/mdebug", 43);
+    error("%s: cannot read the header of its .mdebug symbol table", option.program);
   mdebug_read_tables(ldptr);
 
   // The code at the start of .text that no descriptor describes (library
@@ -90,27 +80,14 @@ void mdebug_interface() {
   stub->file_name = ".libstub";
   stub->old_addr = bin.text_lo;
 
+  IpdCarry carry; // the 64 K wrap-around of the walk over the files
   for (uint32_t f = 0; f < st->ifd_max; ++f)
-    add_file_procedures(ldptr, f);
+    add_file_procedures(ldptr, f, carry);
 
   // Code without a descriptor (start files, library parts built without
   // the table) would otherwise become part of the procedure before it.
   place_mdebug_procs_by_symbols(read_function_symbols(bin.in_elf));
   mdebug_derive_proc_highpc();
-}
-
-void move_mdebug(const uint8_t *contents, size_t length, uint64_t) {
-  // The offsets inside the table stay as they are; only the header is
-  // checked, so that a damaged section is not carried along unnoticed.
-  if (length < sizeof(Hdrr))
-    error("%s:%d ASSERT(len >= sizeof(HDRR))", "com/mdebug", MOVE_SIZE_CHECK_LINE);
-  if (load16(contents) != MDEBUG_MAGIC)
-    error("%s:%d ASSERT(phdr->magic == magicSym)", "com/mdebug", MOVE_MAGIC_CHECK_LINE);
-}
-
-void reset_mdebug_discovery() {
-  discovery_carry = IpdCarry{};
-  file_names.clear();
 }
 
 } // namespace vesk

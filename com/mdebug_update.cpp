@@ -15,21 +15,15 @@
 
 #include "com/elf.h"
 #include "mdebug/records.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/elf_class.h"
-#include "vesk/options.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
+#include "base/options.h"
 
 namespace vesk {
 
-int mdebug_bad_proc_info;
-
 namespace {
-
-// The wrap-around state of the update's walk over the files; it lives for
-// the whole run.
-IpdCarry update_carry;
 
 using Offset = __int128; // a byte position relative to the buffer; may be negative
 
@@ -48,6 +42,22 @@ struct MdebugBytes {
   bool beyond(Offset end_pos) const { return end_pos > Offset(size); }
 };
 
+// The records [first, first + count) of the table at file offset table_off,
+// once they are known to lie inside the section.
+template <class R>
+R *records_in(const MdebugBytes &m, uint32_t table_off, uint64_t first, uint64_t count, const char *table,
+              int ifd = -1) {
+  Offset start = m.at(table_off, first, sizeof(R));
+  Offset end = start + Offset(count) * Offset(sizeof(R));
+  if (start < 0 && ifd >= 0)
+    error("mdebug %s not in memory? %p %p ifd %d", table, m.addr(start), static_cast<const void *>(m.buf), ifd);
+  if (start < 0)
+    error("mdebug %s not in memory? %p %p", table, m.addr(start), static_cast<const void *>(m.buf));
+  if (m.beyond(end))
+    error("mdebug %s not in memory? %p %p", table, m.addr(end), m.end());
+  return record_at<R>(m.buf, uint64_t(start));
+}
+
 // Local symbol types that hold code addresses: stNil, stStatic, stLabel,
 // stProc, stStaticProc and 33.
 bool holds_code_address(unsigned st) { return st == 0 || st == 2 || st == 5 || st == 6 || st == 14 || st == 33; }
@@ -62,17 +72,10 @@ uint32_t moved_value(uint32_t value) {
 void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t ifd, ProcRange range) {
   if (range.count == 0)
     return;
-  Offset start = m.at(hdr.cbPdOffset, range.first, sizeof(Pdr));
-  Offset end = start + Offset(range.count) * Offset(sizeof(Pdr));
-  if (start < 0)
-    error("mdebug pdr not in memory? %p %p ifd %d", m.addr(start), static_cast<const void *>(m.buf), int(ifd));
-  if (m.beyond(end))
-    error("mdebug pdr not in memory? %p %p", m.addr(end), m.end());
+  Pdr *pdrs = records_in<Pdr>(m, hdr.cbPdOffset, range.first, range.count, "pdr", int(ifd));
   if (range.first > hdr.ipdMax || range.count > uint32_t(hdr.ipdMax) - range.first)
     error("mdebug pdr of ifd %d beyond the table: %llu + %llu > ipdMax %u", int(ifd),
           (unsigned long long)range.first, (unsigned long long)range.count, uint32_t(hdr.ipdMax));
-
-  Pdr *pdrs = record_at<Pdr>(m.buf, uint64_t(start));
   // PDR addresses are relative to the file's base, except in PIC code and
   // where the first descriptor already holds the base (absolute addresses).
   uint32_t base = fdr.adr;
@@ -89,7 +92,7 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
     if (in_text(a)) {
       pd.adr = uint32_t(text_map_of(a));
     } else {
-      mdebug_bad_proc_info = 1;
+      bin.mdebug_bad_proc_info = true;
       if (option.debug)
         warning("incorrect info in mdebug fdr->adr %#x, pdr->adr %#x", base, adr);
     }
@@ -101,17 +104,10 @@ void fix_local_symbols(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, ui
   uint32_t count = fdr.csym;
   if (count == 0)
     return;
-  Offset start = m.at(hdr.cbSymOffset, first, sizeof(Symr));
-  Offset end = start + Offset(count) * Offset(sizeof(Symr));
-  if (start < 0)
-    error("mdebug symr not in memory? %p %p ifd %d", m.addr(start), static_cast<const void *>(m.buf), int(ifd));
-  if (m.beyond(end))
-    error("mdebug symr not in memory? %p %p", m.addr(end), m.end());
+  Symr *syms = records_in<Symr>(m, hdr.cbSymOffset, first, count, "symr", int(ifd));
   if (first > hdr.isymMax || count > uint32_t(hdr.isymMax) - first)
     error("mdebug symr of ifd %d beyond the table: %u + %u > isymMax %u", int(ifd), first, count,
           uint32_t(hdr.isymMax));
-
-  Symr *syms = record_at<Symr>(m.buf, uint64_t(start));
   for (uint32_t k = 0; k < count; ++k) {
     Symr &s = syms[k];
     if (holds_code_address(symr_st(s)) && uint32_t(s.value) != 0)
@@ -123,17 +119,11 @@ void fix_fdrs(const MdebugBytes &m, const Hdrr &hdr) {
   uint32_t n = hdr.ifdMax;
   if (n == 0)
     return;
-  Offset start = m.at(hdr.cbFdOffset, 0, sizeof(Fdr));
-  Offset end = start + Offset(n) * Offset(sizeof(Fdr));
-  if (start < 0)
-    error("mdebug fdrs not in memory? %p %p", m.addr(start), static_cast<const void *>(m.buf));
-  if (m.beyond(end))
-    error("mdebug fdrs not in memory? %p %p", m.addr(end), m.end());
-
-  Fdr *fdrs = record_at<Fdr>(m.buf, uint64_t(start));
+  Fdr *fdrs = records_in<Fdr>(m, hdr.cbFdOffset, 0, n, "fdrs");
+  IpdCarry carry; // the 64 K wrap-around of the walk over the files
   for (uint32_t i = 0; i < n; ++i) {
     Fdr &fdr = fdrs[i];
-    ProcRange range = fdr_proc_range(fdr, option.b_flag != 0, update_carry);
+    ProcRange range = fdr_proc_range(fdr, option.b_flag != 0, carry);
     fix_pdrs(m, hdr, fdr, i, range);
     fix_local_symbols(m, hdr, fdr, i);
     // Every PDR address is absolute now; a base of 0 keeps base + adr right
@@ -146,14 +136,7 @@ void fix_externals(const MdebugBytes &m, const Hdrr &hdr) {
   uint32_t n = hdr.iextMax;
   if (n == 0)
     return;
-  Offset start = m.at(hdr.cbExtOffset, 0, sizeof(Extr));
-  Offset end = start + Offset(n) * Offset(sizeof(Extr));
-  if (start < 0)
-    error("mdebug externals not in memory? %p %p", m.addr(start), static_cast<const void *>(m.buf));
-  if (m.beyond(end))
-    error("mdebug Externals not in memory? %p %p", m.addr(end), m.end());
-
-  Extr *exts = record_at<Extr>(m.buf, uint64_t(start));
+  Extr *exts = records_in<Extr>(m, hdr.cbExtOffset, 0, n, "externals");
   for (uint32_t i = 0; i < n; ++i) {
     Symr &s = exts[i].asym;
     // 0 and 1 mark undefined and special symbols, never addresses.
@@ -202,7 +185,7 @@ void fixmdebug(uint8_t *buffer, size_t size, uint64_t file_off) {
   fix_fdrs(m, hdr);
   fix_externals(m, hdr);
 
-  if (mdebug_bad_proc_info && option.verbose)
+  if (bin.mdebug_bad_proc_info && option.verbose)
     warning("mdebug has incorrect procedure info");
 }
 
@@ -217,11 +200,6 @@ void update_mdebug() {
     error("cannot read the contents of section .mdebug");
   }
   fixmdebug(static_cast<uint8_t *>(d->d_buf), d->d_size, sh_offset + uint64_t(d->d_off));
-}
-
-void reset_mdebug_update() {
-  update_carry = IpdCarry{};
-  mdebug_bad_proc_info = 0;
 }
 
 } // namespace vesk

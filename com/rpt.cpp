@@ -10,10 +10,10 @@
 #include <unistd.h>
 
 #include "com/elf.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/options.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/options.h"
 
 namespace vesk {
 

@@ -8,11 +8,11 @@
 #include <unordered_set>
 #include <utility>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/options.h"
+#include "base/proc.h"
 
 namespace vesk {
 

@@ -9,7 +9,6 @@ using C = Elf32Class;
 void duplicate_elf32() { duplicate_elf_t<C>(); }
 Elf_Scn *find_section_by_name32(Elf *elf, const char *name) { return find_section_by_name_t<C>(elf, name); }
 void expand_section32(Elf_Scn *scn, uint32_t n) { expand_section_t<C>(scn, n); }
-void expand_text32() { expand_text_t<C>({"com/update32", 370, 391}); }
 
 void check_for_text_and_update32(uint32_t *a) { *a = uint32_t(repoint_code_address(*a)); }
 void update_elf_header32() { update_elf_header_t<C>(); }

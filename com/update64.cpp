@@ -9,7 +9,6 @@ using C = Elf64Class;
 void duplicate_elf64() { duplicate_elf_t<C>(); }
 Elf_Scn *find_section_by_name64(Elf *elf, const char *name) { return find_section_by_name_t<C>(elf, name); }
 void expand_section64(Elf_Scn *scn, uint32_t n) { expand_section_t<C>(scn, n); }
-void expand_text64() { expand_text_t<C>({"com/update64", 379, 400}); }
 
 void check_for_text_and_update64(uint64_t *a) { *a = repoint_code_address(*a); }
 void update_elf_header64() { update_elf_header_t<C>(); }

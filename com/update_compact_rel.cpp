@@ -16,12 +16,12 @@
 #include "com/compact_rel.h"
 #include "com/elf.h"
 #include "com/update.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
-#include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/mips.h"
+#include "base/options.h"
+#include "base/proc.h"
 
 namespace vesk {
 
@@ -305,31 +305,25 @@ void update_compact_rel() {
   size_t header_length = read_header(buf, size, &cm.rlc_no);
   cm.rlc_ptr = buf + header_length;
   cm.end = buf + size;
-  new_cr_header(buf, header_length);
+  CompactRelWriter out(buf, header_length);
   cm_rlc_reset(&cm);
 
   GotPages pages;
   CompactRelEntry e;
   while (cm_rlc_get(&cm, &e)) {
     update_entry(e, pages);
-    add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+    out.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
   }
 
-  uint8_t *out = cr_head();
-  size_t out_size = cr_size();
-  if (out_size < size) {
-    // A stream that became shorter is padded: the count in the header
-    // says where it ends, and nothing behind the section has to move.
-    static uint8_t *padded; // lives as long as the output image
-    padded = static_cast<uint8_t *>(std::calloc(size, 1));
-    std::memcpy(padded, out, out_size);
-    out = padded;
-    out_size = size;
-  } else if (out_size > size) {
-    expand_section(scn, uint32_t(out_size - size));
-  }
-  d->d_buf = out;
-  d->d_size = out_size;
+  // A stream that became shorter is padded: the count in the header says
+  // where it ends, and nothing behind the section has to move.
+  std::vector<uint8_t> &bytes = bin.out_buffers.emplace_back(std::move(out.bytes()));
+  if (bytes.size() < size)
+    bytes.resize(size, 0);
+  else if (bytes.size() > size)
+    expand_section(scn, uint32_t(bytes.size() - size));
+  d->d_buf = bytes.data();
+  d->d_size = bytes.size();
 }
 
 } // namespace vesk

@@ -7,11 +7,11 @@
 
 #include "com/elf.h"
 #include "com/update.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/elf_class.h"
-#include "vesk/options.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
+#include "base/options.h"
 
 namespace vesk {
 

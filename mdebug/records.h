@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 namespace vesk {
 

@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "vesk/diag.h"
-#include "vesk/elf_class.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
 
 namespace vesk {
 
@@ -95,20 +95,11 @@ const char *string_in_table(const MdebugHandle *h, const char *table, uint32_t m
   return table + off;
 }
 
-// Every handle stays until the process ends: procedure names point into
-// their string tables.
-std::vector<std::unique_ptr<MdebugHandle>> handles;
-
-MdebugHandle *new_handle() {
-  handles.push_back(std::make_unique<MdebugHandle>());
-  return handles.back().get();
-}
-
 bool has_local_symbols(const Fdr &f) { return int32_t(uint32_t(f.csym)) > 0; }
 
 } // namespace
 
-MdebugHandle *mdebug_open(const char *path) {
+std::unique_ptr<MdebugHandle> mdebug_open(const char *path) {
   int fd = open(path, O_RDONLY);
   if (fd < 0)
     return nullptr;
@@ -130,7 +121,7 @@ MdebugHandle *mdebug_open(const char *path) {
   elf_end(e);
   elf_errno();
 
-  MdebugHandle *h = new_handle();
+  auto h = std::make_unique<MdebugHandle>();
   h->name = path;
   h->has_section = place.found;
   h->file_off = place.offset;
@@ -140,8 +131,9 @@ MdebugHandle *mdebug_open(const char *path) {
   return h;
 }
 
-MdebugHandle *mdebug_open_image(const uint8_t *bytes, size_t size, uint64_t file_off, const char *name) {
-  MdebugHandle *h = new_handle();
+std::unique_ptr<MdebugHandle> mdebug_open_image(const uint8_t *bytes, size_t size, uint64_t file_off,
+                                                const char *name) {
+  auto h = std::make_unique<MdebugHandle>();
   h->name = name;
   h->has_section = true;
   h->section.assign(bytes, bytes + size);

@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -63,9 +64,10 @@ struct MdebugSymbol {
   uint32_t ifd;
 };
 
-MdebugHandle *mdebug_open(const char *path);
+std::unique_ptr<MdebugHandle> mdebug_open(const char *path);
 // A handle on section bytes already in memory, which lay at file_off.
-MdebugHandle *mdebug_open_image(const uint8_t *bytes, size_t size, uint64_t file_off, const char *name);
+std::unique_ptr<MdebugHandle> mdebug_open_image(const uint8_t *bytes, size_t size, uint64_t file_off,
+                                                const char *name);
 MdebugSymtab *mdebug_symtab(MdebugHandle *h);
 void mdebug_read_tables(MdebugHandle *h);
 bool mdebug_read_symbol(MdebugHandle *h, uint64_t index, MdebugSymbol *out);

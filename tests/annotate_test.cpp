@@ -10,8 +10,8 @@
 #include "support/run.h"
 #include "support/synth_elf.h"
 #include "support/o32_programs.h"
-#include "vesk/bytes.h"
-#include "vesk/mips.h"
+#include "base/bytes.h"
+#include "base/mips.h"
 
 using namespace vesk;
 using namespace vesk::test;

@@ -4,7 +4,8 @@
 #include <vector>
 
 #include "planning_fixture.h"
-#include "vesk/mips.h"
+#include "support/fatal.h"
+#include "base/mips.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -26,7 +27,7 @@ struct Checks : Planning {
   }
   // Builds the table and links the list in the given order of indexes.
   void build(const std::vector<int> &list_order) {
-    reset_proc_table();
+    bin.procs = ProcTable{};
     set_text(LO, words);
     p.clear();
     for (size_t i = 0; i < words.size() / 4; ++i)
@@ -56,8 +57,8 @@ TEST_F(Checks, ForwardBranchTiesEveryProcedureInBetween) {
     EXPECT_EQ(p[size_t(i)]->tied, i >= 1 && i <= 3) << i;
   // A note for each pair the list had to change for.
   EXPECT_EQ(err, "Note: p1 and p2 tied, branch in p1[0x400014]\nNote: p3 and p4 tied, branch in p1[0x400014]\n");
-  EXPECT_EQ(order_head->prev, nullptr);
-  for (Proc *q = order_head; q->next; q = q->next)
+  EXPECT_EQ(bin.procs.order_head->prev, nullptr);
+  for (Proc *q = bin.procs.order_head; q->next; q = q->next)
     EXPECT_EQ(q->next->prev, q);
 }
 
@@ -108,13 +109,13 @@ TEST_F(Checks, CallAtTheEndAndFallThroughTie) {
 TEST_F(Checks, TyingErrors) {
   procs(4);
   build({0, 2, 1, 3});
-  EXPECT_EXIT(put_proc_together(p[0], p[2]), ExitedWithCode(1), "^Error: internal in put_proc_together\\.\n$");
+  EXPECT_FATAL(put_proc_together(p[0], p[2]), ExitedWithCode(1), "^Error: internal in put_proc_together\\.\n$");
   p[0]->tied = 1;
-  EXPECT_EXIT(put_proc_together(p[0], p[1]), ExitedWithCode(1), "^Error: p0 already tied\\.\n$");
+  EXPECT_FATAL(put_proc_together(p[0], p[1]), ExitedWithCode(1), "^Error: p0 already tied\\.\n$");
   // A chain that already holds a cannot move behind a.
   build({1, 0, 2, 3});
   p[1]->tied = 1;
-  EXPECT_EXIT(put_proc_together(p[0], p[1]), ExitedWithCode(1),
+  EXPECT_FATAL(put_proc_together(p[0], p[1]), ExitedWithCode(1),
               "^Error: cannot tie p1 behind p0: p0 is tied behind p1 already\\.\n$");
 }
 
@@ -122,7 +123,7 @@ TEST_F(Checks, BranchMessages) {
   procs(3);
   words.push_back(beq_zero(0)); // a branch that no procedure holds
   build({});
-  EXPECT_EXIT(check_branch_out_of_procedure(), ExitedWithCode(1),
+  EXPECT_FATAL(check_branch_out_of_procedure(), ExitedWithCode(1),
               "^Error: cannot find procedure for branch target 0x400030\\.\n$");
 
   procs(3);
@@ -139,7 +140,7 @@ TEST_F(Checks, BranchMessages) {
   build({});
   p[2]->old_addr = addr(0, 3);
   p[2]->size = 36;
-  EXPECT_EXIT(check_branch_out_of_procedure(), ExitedWithCode(1), "^Error: branch p1.addr > p2.addr\\.\n$");
+  EXPECT_FATAL(check_branch_out_of_procedure(), ExitedWithCode(1), "^Error: branch p1.addr > p2.addr\\.\n$");
 
   // A gap between the procedures: nothing to tie across it.
   procs(3);
@@ -173,13 +174,13 @@ TEST_F(Checks, CoverageAndLibraryStubs) {
                  "these instruction are likely lib stubs: [0-1] 0x400000 - 0x400008\n");
   EXPECT_EQ(err, "Warning: instruction count 10\n.\n"
                  "Warning: instruction 5 at 0x400014 not covered in debug section.\n");
-  EXPECT_EQ(libstub_lo, LO);
-  EXPECT_EQ(libstub_hi, LO + 8);
+  EXPECT_EQ(bin.libstub_lo, LO);
+  EXPECT_EQ(bin.libstub_hi, LO + 8);
   (void)a, (void)b, (void)c;
 
   // Without stubs the first uncovered run is the first gap; a later gap
   // that holds a no-op is expected padding.
-  reset_proc_table();
+  bin.procs = ProcTable{};
   make("a", LO, 12);
   make("b", LO + 16, 20);
   attach_proc_with_no_feedback();
@@ -187,8 +188,8 @@ TEST_F(Checks, CoverageAndLibraryStubs) {
   testing::internal::CaptureStderr();
   verify_proc();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: instruction count 10\n.\n");
-  EXPECT_EQ(libstub_lo, LO + 12);
-  EXPECT_EQ(libstub_hi, LO + 16);
+  EXPECT_EQ(bin.libstub_lo, LO + 12);
+  EXPECT_EQ(bin.libstub_hi, LO + 16);
 }
 
 } // namespace

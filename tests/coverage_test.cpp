@@ -20,9 +20,9 @@
 #include "support/o32_programs.h"
 #include "support/read_bin.h"
 #include "support/scratch.h"
-#include "vesk/bin.h"
+#include "base/bin.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 #include "vesk/reader.h"
 
 using namespace vesk;
@@ -72,7 +72,7 @@ struct Rec {
 // The records of the run's procedure table with a size, by address; what
 // discovery printed goes to *err.
 std::vector<Rec> discover(const std::string &path, std::string *err) {
-  reset_proc_table();
+  bin.procs = ProcTable{};
   option = Options{};
   option.program = path.c_str();
   bin = Bin{};

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "planning_fixture.h"
+#include "support/fatal.h"
 #include "support/run.h"
 #include "vesk/feedback.h"
 
@@ -56,8 +57,8 @@ struct Feedback : Planning {
       p->freq = 0;
       p->placed = 0;
     }
-    order_head = order_tail = nullptr;
-    status = 0;
+    bin.procs.order_head = bin.procs.order_tail = nullptr;
+    bin.procs.feedback_stale = false;
     files.clear();
     for (const std::string &p : paths)
       files.push_back(keep(p));
@@ -66,7 +67,7 @@ struct Feedback : Planning {
     read_reorder_files();
   }
   static uint32_t freq_of(const char *name) {
-    for (Proc *p = order_head; p; p = p->next)
+    for (Proc *p = bin.procs.order_head; p; p = p->next)
       if (std::string(p->name) == name)
         return p->freq;
     return ~0u;
@@ -86,7 +87,7 @@ TEST_F(Feedback, OneFileGivesItsOrderThenTheRestInTableOrder) {
   EXPECT_EQ(freq_of("a"), 0u);
   EXPECT_EQ(err, "Note: Feedback file(s) may be out of date. You may want to regenerate the\n"
                  "      feedback file(s) for better performance. Use vesk -v for more info.\n");
-  for (Proc *p = order_head; p; p = p->next)
+  for (Proc *p = bin.procs.order_head; p; p = p->next)
     EXPECT_EQ(p->placed, std::string(p->name) == "d" || std::string(p->name) == "b" ||
                                  std::string(p->name) == "c"
                              ? 1
@@ -98,7 +99,7 @@ TEST_F(Feedback, FullCoverageIsQuiet) {
   testing::internal::CaptureStderr();
   read({file("full.fb", std::string(HEADER) + "b a.c 1\na a.c 2\n")});
   EXPECT_EQ(testing::internal::GetCapturedStderr(), ""); // .libstub needs no feedback
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(bin.procs.feedback_stale);
 }
 
 TEST_F(Feedback, TwoFilesMergeInTheDefinedOrder) {
@@ -116,7 +117,7 @@ TEST_F(Feedback, TwoFilesMergeInTheDefinedOrder) {
   EXPECT_EQ(freq_of("x"), 6u);
 
   // The other way round, B leads.
-  reset_proc_table();
+  bin.procs = ProcTable{};
   make_procs({"a1", "x", "both1", "a0", "both2", "z", "b1", "b0", "rest"});
   testing::internal::CaptureStderr();
   read({b, a});
@@ -128,7 +129,7 @@ TEST_F(Feedback, MergedListAsLongAsTheTableIsRefused) {
   make_procs({"a", "b"});
   std::string a = file("A.fb", std::string(HEADER) + "a a.c 1\n");
   std::string b = file("B.fb", std::string(HEADER) + "b a.c 1\n");
-  EXPECT_EXIT(read({a, b}), ExitedWithCode(1), "^Error: too many procedures in feedback files\\.\n$");
+  EXPECT_FATAL(read({a, b}), ExitedWithCode(1), "^Error: too many procedures in feedback files\\.\n$");
 }
 
 TEST_F(Feedback, BodyLineRules) {
@@ -164,7 +165,7 @@ TEST_F(Feedback, OverlongNamesAreCutAtTheirBuffer) {
   read({f});
   EXPECT_EQ(get_proc_by_index(0)->freq, 11u);
   EXPECT_EQ(get_proc_by_index(1)->freq, 2u);
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(bin.procs.feedback_stale);
 }
 
 TEST_F(Feedback, DwarfFileNamesCompareByBasename) {
@@ -174,16 +175,16 @@ TEST_F(Feedback, DwarfFileNamesCompareByBasename) {
   bin.debug_kind = DEBUG_DWARF;
   read({f});
   EXPECT_EQ(order(), (Order{"f", "g"}));
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(bin.procs.feedback_stale);
 
-  reset_proc_table();
+  bin.procs = ProcTable{};
   make("f", 0x1000, 16, "x.c");
   make("g", 0x1010, 16, "y.c");
   bin.debug_kind = DEBUG_MDEBUG;
   testing::internal::CaptureStderr();
   read({f});
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(bin.procs.feedback_stale);
   EXPECT_EQ(get_proc_by_index(0)->freq, 0u);
 }
 
@@ -193,10 +194,10 @@ TEST_F(Feedback, HeaderDirectives) {
                                  "$whatever x\n$version 2\n$start\nf a.c 1\n");
   read({f});
   EXPECT_EQ(bin.feedback_time_stamp, 0x5f3au);
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(bin.procs.feedback_stale);
 
   std::string named = file("named.fb", "$magic 1\n$name dir/other\n$version 2\n$start\nf a.c 1\n");
-  reset_proc_table();
+  bin.procs = ProcTable{};
   make_procs({"f"});
   testing::internal::CaptureStderr();
   read({named});
@@ -230,14 +231,14 @@ TEST_F(Feedback, FatalMessagesAndLineLength) {
       {"$magic 7\n$version 2\n$kind " + std::string(505, 'k'), "reorder file line too long"},
   };
   std::string missing = dir + "/missing.fb";
-  EXPECT_EXIT(read({missing}), ExitedWithCode(1), "^Error: cannot read reorder file " + missing + "\\.\n$");
+  EXPECT_FATAL(read({missing}), ExitedWithCode(1), "^Error: cannot read reorder file " + missing + "\\.\n$");
   int n = 0;
   for (const Case &c : cases) {
     std::string path = file("bad" + std::to_string(n++) + ".fb", c.contents);
     std::string re = "^Error: " + c.message;
     for (size_t at; (at = re.find('@')) != std::string::npos;)
       re.replace(at, 1, path);
-    EXPECT_EXIT(read({path}), ExitedWithCode(1), re) << c.contents;
+    EXPECT_FATAL(read({path}), ExitedWithCode(1), re) << c.contents;
   }
 }
 
@@ -264,13 +265,13 @@ TEST_F(Feedback, MergedOutputFormatAndRoundTrip) {
 
   // Read back as the only feedback file, it gives the same order and counts.
   std::vector<std::string> before = order();
-  reset_proc_table();
+  bin.procs = ProcTable{};
   make_procs({"alpha", "beta", "gamma"});
   make(keep(long_name), 0x30000, 16, "long_file.c");
   read({merged});
   EXPECT_EQ(order(), before);
   EXPECT_EQ(freq_of("gamma"), 42u);
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(bin.procs.feedback_stale);
 
   option.merge_file = nullptr; // nothing is written without -merge
   std::remove(merged.c_str());
@@ -279,7 +280,7 @@ TEST_F(Feedback, MergedOutputFormatAndRoundTrip) {
 
   std::string unwritable = dir + "/no/such/dir/m.fb";
   option.merge_file = unwritable.c_str();
-  EXPECT_EXIT(write_merged_feedback(), ExitedWithCode(1),
+  EXPECT_FATAL(write_merged_feedback(), ExitedWithCode(1),
               "^Error: No such file or directory, cannot open " + unwritable + "\\.\n$");
 }
 

@@ -6,7 +6,7 @@
 
 #include "support/bench.h"
 #include "support/scratch.h"
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;

@@ -22,9 +22,9 @@
 #include "support/read_bin.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "vesk/bin.h"
+#include "base/bin.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 #include "vesk/reader.h"
 
 using namespace vesk;
@@ -71,9 +71,9 @@ const Built &build_calc(const std::string &abi, const std::string &model_flags) 
 
 struct MdebugReal : ::testing::TestWithParam<std::pair<const char *, const char *>> {
   void SetUp() override {
-    reset_proc_table();
-    reset_mdebug_discovery();
-    reset_mdebug_update();
+    bin.procs = ProcTable{};
+
+
     option = Options{};
     bin = Bin{};
   }
@@ -137,8 +137,9 @@ TEST_P(MdebugReal, UpdateMovesEveryCodeAddress) {
   std::vector<uint8_t> before = ElfFile(b.exe).contents(".mdebug");
   std::vector<uint8_t> after = before;
   fixmdebug(after.data(), after.size(), file_off);
-  MdebugHandle *old_h = mdebug_open_image(before.data(), before.size(), file_off, "before");
-  MdebugHandle *new_h = mdebug_open_image(after.data(), after.size(), file_off, "after");
+  std::unique_ptr<MdebugHandle> old_handle = mdebug_open_image(before.data(), before.size(), file_off, "before");
+  std::unique_ptr<MdebugHandle> new_handle = mdebug_open_image(after.data(), after.size(), file_off, "after");
+  MdebugHandle *old_h = old_handle.get(), *new_h = new_handle.get();
   mdebug_read_tables(old_h);
   mdebug_read_tables(new_h);
   const MdebugSymtab &o = old_h->st, &m = new_h->st;
@@ -163,7 +164,7 @@ TEST_P(MdebugReal, UpdateMovesEveryCodeAddress) {
       EXPECT_EQ(uint32_t(m.pdrs[i].adr), want);
     }
   }
-  EXPECT_EQ(mdebug_bad_proc_info, bin.pic_kind == 0 ? 1 : 0);
+  EXPECT_EQ(bin.mdebug_bad_proc_info, bin.pic_kind == 0);
   for (uint32_t i = 0; i < m.iext_max; ++i) {
     uint32_t v = o.exts[i].asym.value;
     EXPECT_EQ(uint32_t(m.exts[i].asym.value), v == 0 || v == 1 ? v : shifted(v)) << mdebug_external_name(old_h, i);

@@ -14,7 +14,7 @@
 #include "support/elf_file.h"
 #include "support/o32_reorder.h"
 #include "support/run.h"
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 using namespace vesk::test;
 

@@ -9,10 +9,11 @@
 #include <vector>
 
 #include "planning_fixture.h"
+#include "support/fatal.h"
 #include "support/run.h"
 #include "vesk/feedback.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
+#include "base/diag.h"
+#include "base/mips.h"
 #include "vesk/noreturn.h"
 #include "vesk/order.h"
 
@@ -89,7 +90,7 @@ TEST_F(Layout, StubsAndUncoveredWords) {
   testing::internal::CaptureStderr();
   plan(false);
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(libstub_lo, LO);
+  EXPECT_EQ(bin.libstub_lo, LO);
   // Stubs stay, then b, a, then the uncovered words in input order.
   std::vector<uint64_t> expect = {LO, LO + 4, LO + 20, LO + 24, LO + 28, LO + 32, LO + 8, LO + 12, LO + 16,
                                   LO + 36, LO + 40};
@@ -99,7 +100,7 @@ TEST_F(Layout, StubsAndUncoveredWords) {
 
   // Without stubs at the start, the first uncovered run is not kept in
   // front: it follows the procedures like every other uncovered word.
-  reset_proc_table();
+  bin.procs = ProcTable{};
   set_text(LO, {ADDIU_SP, JR_RA, NOP, 0x3333, ADDIU_SP, JR_RA, NOP});
   make("a", LO, 12);
   make("b", LO + 16, 12);
@@ -107,7 +108,7 @@ TEST_F(Layout, StubsAndUncoveredWords) {
   testing::internal::CaptureStderr();
   plan(false);
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(libstub_lo, LO + 12);
+  EXPECT_EQ(bin.libstub_lo, LO + 12);
   expect = {LO, LO + 4, LO + 8, LO + 24, LO + 12, LO + 16, LO + 20};
   EXPECT_EQ(map, expect);
 }
@@ -166,7 +167,7 @@ TEST_F(Layout, PageStatistics) {
 
   // When page 0 is touched, the old count gets nothing added; a text that
   // ends inside its page has no extra page.
-  reset_proc_table();
+  bin.procs = ProcTable{};
   w.resize(1024 + 512);
   set_text(LO, w);
   Proc *hot = make("hot", LO, PAGE);
@@ -201,15 +202,15 @@ TEST_F(Layout, PageMessagesAndAddressMapping) {
                  "<Debug> [3]                    a old(0x400000) new(0x40000c - 0x400018)\n");
 
   // A procedure with feedback that reaches beyond the last page of the text.
-  reset_proc_table();
+  bin.procs = ProcTable{};
   set_text(LO, {ADDIU_SP, JR_RA, NOP, ADDIU_SP, JR_RA, NOP});
   Proc *huge = make("huge", LO + 12, 2 * PAGE);
   huge->freq = 1;
   attach({});
-  EXPECT_EXIT(reorder_procedures(), ExitedWithCode(1), "^Error: vesk/proc:546 ASSERT\\(j<n_pages\\)\\.\n$");
+  EXPECT_FATAL(reorder_procedures(), ExitedWithCode(1), "^Error: vesk/proc:546 ASSERT\\(j<n_pages\\)\\.\n$");
 
   bin.new_text = nullptr;
-  EXPECT_EXIT(reorder_procedures(), ExitedWithCode(1), "^Error: internal: no output text");
+  EXPECT_FATAL(reorder_procedures(), ExitedWithCode(1), "^Error: internal: no output text");
 }
 
 TEST_F(Layout, MergedFeedbackIsWrittenFromTheTiedList) {
@@ -264,7 +265,7 @@ TEST_F(Layout, PlanningStaysLinear) {
 void plain_walk(bool calls) {
   NoReturn never;
   clear_proc_flag();
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     if (p->placed == 1)
       continue;
     p->placed = 1;
@@ -316,7 +317,7 @@ TEST_F(Layout, ListWalksMatchThePlainWalk) {
     SCOPED_TRACE(seed);
     std::string results[2];
     for (int plain = 0; plain < 2; ++plain) {
-      reset_proc_table();
+      bin.procs = ProcTable{};
       std::mt19937 rng(seed);
       std::vector<Proc *> procs =
           random_program(rng, 60 + int(rng() % 100), LO, int(rng() % 8), 1 + int(seed % 8), 1 + int(seed % 12));
@@ -340,7 +341,7 @@ TEST_F(Layout, ListWalksMatchThePlainWalk) {
         check_procedure_with_no_return();
       }
       results[plain] = testing::internal::GetCapturedStderr() + testing::internal::GetCapturedStdout();
-      for (Proc *p = order_head; p; p = p->next)
+      for (Proc *p = bin.procs.order_head; p; p = p->next)
         results[plain] += std::string(p->name) + (p->tied ? "+" : " ");
       option.verbose = option.debug = 0;
     }
@@ -379,7 +380,7 @@ TEST_F(Layout, ManyCallsAcrossTheSameProceduresTieQuickly) {
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_LT(secs, 3.0);
   // Everything up to the last callee is tied, in address order.
-  Proc *q = order_head;
+  Proc *q = bin.procs.order_head;
   for (int i = 0; i < n; ++i, q = q->next)
     ASSERT_EQ(q, get_proc_by_index(i));
   EXPECT_EQ(get_proc_by_index(0)->tied, 1);
@@ -400,7 +401,7 @@ TEST_F(Layout, GrowingChainsTieInLinearTime) {
   check_procedure_with_no_return();
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_LT(secs, 3.0);
-  Proc *q = order_head;
+  Proc *q = bin.procs.order_head;
   for (int i = 0; i < n; ++i, q = q->next)
     ASSERT_EQ(q, procs[size_t(i)]);
   EXPECT_EQ(q, nullptr);

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "vesk/checks.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk::test {
 
@@ -41,12 +41,12 @@ struct Planning : ::testing::Test {
   std::deque<std::string> names; // storage for generated names (stays put)
 
   void SetUp() override {
-    reset_proc_table();
+    bin.procs = ProcTable{};
     option = Options{};
     bin = Bin{};
-    libstub_lo = libstub_hi = 0;
+    bin.libstub_lo = bin.libstub_hi = 0;
   }
-  void TearDown() override { reset_proc_table(); }
+  void TearDown() override { bin.procs = ProcTable{}; }
 
   void set_text(uint64_t lo, const std::vector<uint32_t> &words) {
     text.assign(words.size() * 4, 0);
@@ -94,7 +94,7 @@ struct Planning : ::testing::Test {
 
   static std::vector<std::string> order() {
     std::vector<std::string> v;
-    for (Proc *p = order_head; p != nullptr; p = p->next)
+    for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
       v.push_back(p->name ? p->name : "(null)");
     return v;
   }
@@ -117,9 +117,9 @@ struct Planning : ::testing::Test {
       ASSERT_EQ(new_word(j), old_word(i)) << i;
     }
     uint64_t next_start = bin.text_lo;
-    if (libstub_lo != 0 && libstub_lo == bin.text_lo)
-      next_start = libstub_hi;
-    for (Proc *p = order_head; p != nullptr; p = p->next) {
+    if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo)
+      next_start = bin.libstub_hi;
+    for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
       if (p->size == 0 || p->old_addr < bin.text_lo || p->old_addr >= bin.text_hi)
         continue;
       uint64_t first = (p->old_addr - bin.text_lo) / 4;

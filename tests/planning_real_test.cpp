@@ -21,7 +21,7 @@
 #include "vesk/feedback.h"
 #include "vesk/order.h"
 #include "vesk/r4000.h"
-#include "vesk/text_words.h"
+#include "base/text_words.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -31,7 +31,7 @@ namespace {
 struct RealPlanning : Planning {
   // Builds the table from the text and the function symbols of e.
   void load(const BenchExe &e, bool dwarf_like, std::mt19937 &rng) {
-    reset_proc_table();
+    bin.procs = ProcTable{};
     ElfFile f(e.path);
     std::vector<uint8_t> v = f.contents(".text");
     std::vector<uint32_t> words;
@@ -85,7 +85,7 @@ struct RealPlanning : Planning {
     read_reorder_files();
     option.feedback_files = nullptr;
     size_t i = 0;
-    for (Proc *p = order_head; p != nullptr && i < fed.size(); p = p->next, ++i)
+    for (Proc *p = bin.procs.order_head; p != nullptr && i < fed.size(); p = p->next, ++i)
       EXPECT_STREQ(p->name, fed[i]->name);
     run_checks();
     if (r4000)

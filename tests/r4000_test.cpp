@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "planning_fixture.h"
-#include "vesk/mips.h"
+#include "base/mips.h"
 #include "vesk/order.h"
 #include "vesk/r4000.h"
 
@@ -30,7 +30,7 @@ struct R4000 : Planning {
     return b;
   }
   void build(const std::vector<int> &list_order, std::vector<uint32_t> stubs = {}) {
-    reset_proc_table();
+    bin.procs = ProcTable{};
     std::vector<uint32_t> words = stubs;
     std::vector<uint64_t> starts;
     for (auto &b : bodies) {
@@ -170,7 +170,7 @@ TEST_F(R4000, PredictionStartsBehindLeadingStubsElseAtTheText) {
   bodies = {body(2), body(1024, {{1021, DIV_A0_A1}})};
   option.debug = 1;
   build({1, 0}, {0x1111, 0x2222});
-  ASSERT_EQ(libstub_lo, LO);
+  ASSERT_EQ(bin.libstub_lo, LO);
   testing::internal::CaptureStderr();
   check_r4000_bug();
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -179,8 +179,8 @@ TEST_F(R4000, PredictionStartsBehindLeadingStubsElseAtTheText) {
   // Stubs that do not start the text are not kept in front: r1 starts the
   // text and its divide ends no page.
   build({1, 0});
-  libstub_lo = LO + 0x2000;
-  libstub_hi = LO + 0x2008;
+  bin.libstub_lo = LO + 0x2000;
+  bin.libstub_hi = LO + 0x2008;
   testing::internal::CaptureStderr();
   check_r4000_bug();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

@@ -20,8 +20,8 @@
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;

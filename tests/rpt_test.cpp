@@ -6,10 +6,11 @@
 #include <unistd.h>
 
 #include "com/rpt.h"
+#include "support/fatal.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -201,7 +202,7 @@ TEST(RptDeathTest, RefusesCorruptHashTablesAndTablesOutsideTheImage) {
     im.symbols = {{"a", 1}};
     im.table = {TEXT};
     im.load(c.table_size);
-    EXPECT_EXIT(c.hash.empty() ? update_rpt() : (void)dynsym_get_value(im.elf, "nothere"), testing::ExitedWithCode(1),
+    EXPECT_FATAL(c.hash.empty() ? update_rpt() : (void)dynsym_get_value(im.elf, "nothere"), testing::ExitedWithCode(1),
                 c.message);
   }
 }

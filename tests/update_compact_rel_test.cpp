@@ -10,10 +10,11 @@
 
 #include "com/compact_rel.h"
 #include "com/update_compact_rel.h"
+#include "support/fatal.h"
 #include "support/synth_elf.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/mips.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/mips.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -63,10 +64,10 @@ struct Image {
         put32(h, uint32_t(entries.size()));
         put32(h, 0);
         put32(h, 0);
-        new_cr_header(h.data(), h.size());
+        CompactRelWriter w(h.data(), h.size());
         for (const auto &e : entries)
-          add_cr(e.type, e.konst, e.dist2to, e.vaddr);
-        c.data.assign(cr_head(), cr_head() + cr_size());
+          w.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+        c.data = w.bytes();
       }
       img.add(c);
     }
@@ -341,7 +342,7 @@ TEST(UpdateCompactRelDeathTest, RefusesMalformedSectionsAndEntries) {
   for (const auto &[setup, message] : cases) {
     Image im;
     setup(im);
-    EXPECT_EXIT(
+    EXPECT_FATAL(
         {
           im.load();
           update_compact_rel();

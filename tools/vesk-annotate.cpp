@@ -15,7 +15,7 @@
 #include "tools/annotate/describe.h"
 #include "tools/annotate/image.h"
 #include "tools/annotate/write.h"
-#include "vesk/diag.h"
+#include "base/diag.h"
 
 namespace {
 
@@ -30,9 +30,7 @@ bool same_file(const std::string &a, const std::string &b) {
   return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
+int annotate(int argc, char **argv) {
   std::string in, out;
   bool verbose = false;
   for (int i = 1; i < argc; ++i) {
@@ -67,4 +65,14 @@ int main(int argc, char **argv) {
   }
   vesk::annotate::write_annotated(im, d, vesk::annotate::compact_rel_section(d), out);
   return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return annotate(argc, argv);
+  } catch (const vesk::Fatal &) {
+    return 1; // the message is out; the output is written only on success
+  }
 }

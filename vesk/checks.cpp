@@ -9,69 +9,46 @@
 #include <unordered_map>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/mips.h"
 #include "vesk/noreturn.h"
 #include "vesk/options.h"
 #include "vesk/reach.h"
-#include "vesk/text_words.h"
+#include "base/text_words.h"
 
 namespace vesk {
 
-uint64_t libstub_lo;
-uint64_t libstub_hi;
 
 namespace {
-
-const char *name_of(const Proc *p) { return p->name ? p->name : "(null)"; }
 
 Proc *physically_next(const Proc *p) { return get_proc_by_addr(p->old_addr + p->size); }
 
 bool start_in_text(const Proc *p) { return text_index(p->old_addr).has_value(); }
 
-// Finding the end of a tied chain walks it, and a chain that grows from
-// its end towards its head (fall-through procedures met in reverse address
-// order) would be walked again at every step.  While a check runs, the
-// walks remember where they ended: a remembered end is a record further
-// down the same chain, which stays true as long as no tie inside the chain
-// is cut (ties only join chains; a move that cuts one forgets everything).
-struct ChainEnds {
-  bool active = false;
-  std::unordered_map<Proc *, Proc *> ends;
-  std::vector<Proc *> path;
-  // For the branch ties: how far the walk from a record goes through
-  // records already tied to the procedure that physically follows them
-  // (steps that change nothing).  Kept only while no two procedures
-  // overlap, so that the walk is a run of adjacent procedures by address.
-  bool contiguous_walks = false;
-  std::unordered_map<Proc *, Proc *> tied_runs;
-};
-ChainEnds chain_ends;
-
 struct ChainEndsScope {
   ChainEndsScope() {
-    chain_ends.ends.clear();
-    chain_ends.active = true;
+    bin.procs.chain_ends.ends.clear();
+    bin.procs.chain_ends.active = true;
   }
   ~ChainEndsScope() {
-    chain_ends.active = false;
-    chain_ends.ends.clear();
-    chain_ends.tied_runs.clear();
-    chain_ends.contiguous_walks = false;
+    bin.procs.chain_ends.active = false;
+    bin.procs.chain_ends.ends.clear();
+    bin.procs.chain_ends.tied_runs.clear();
+    bin.procs.chain_ends.contiguous_walks = false;
   }
 };
 
 // Forgets what the walks learnt; a tie inside a chain is being cut.
 void forget_chains() {
-  chain_ends.ends.clear();
-  chain_ends.tied_runs.clear();
+  bin.procs.chain_ends.ends.clear();
+  bin.procs.chain_ends.tied_runs.clear();
 }
 
 bool procedures_overlap() {
   std::vector<const Proc *> v;
-  for (Proc *p = order_head; p != nullptr; p = p->next)
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
     if (p->size != 0)
       v.push_back(p);
   std::sort(v.begin(), v.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
@@ -86,30 +63,30 @@ bool procedures_overlap() {
 // step from such a record changes nothing and prints nothing), stopping at
 // `to`.
 Proc *pass_tied_run(Proc *cur, const Proc *to) {
-  if (!chain_ends.contiguous_walks || option.debug)
+  if (!bin.procs.chain_ends.contiguous_walks || option.debug)
     return cur;
   auto noop_step = [](const Proc *x) {
     const Proc *n = x->next;
     return x->tied == 1 && n != nullptr && n->size != 0 && n->old_addr == x->old_addr + x->size;
   };
-  chain_ends.path.clear();
+  bin.procs.chain_ends.path.clear();
   Proc *x = cur;
   while (x != to) {
-    auto known = chain_ends.tied_runs.find(x);
+    auto known = bin.procs.chain_ends.tied_runs.find(x);
     Proc *y = nullptr;
     // A remembered run may be taken unless `to` lies inside it.
-    if (known != chain_ends.tied_runs.end() &&
+    if (known != bin.procs.chain_ends.tied_runs.end() &&
         !(to->old_addr > x->old_addr && to->old_addr < known->second->old_addr))
       y = known->second;
     else if (noop_step(x))
       y = x->next;
     else
       break;
-    chain_ends.path.push_back(x);
+    bin.procs.chain_ends.path.push_back(x);
     x = y;
   }
-  for (Proc *v : chain_ends.path) {
-    auto &end = chain_ends.tied_runs[v];
+  for (Proc *v : bin.procs.chain_ends.path) {
+    auto &end = bin.procs.chain_ends.tied_runs[v];
     if (end == nullptr || end->old_addr < x->old_addr)
       end = x;
   }
@@ -119,7 +96,7 @@ Proc *pass_tied_run(Proc *cur, const Proc *to) {
 // The last member of b's chain (b, then each next while tied), printing
 // each tied member when asked to.
 Proc *walk_chain(Proc *b, bool print) {
-  if (!chain_ends.active || print) {
+  if (!bin.procs.chain_ends.active || print) {
     Proc *last = b;
     while (last->tied == 1) {
       if (print)
@@ -130,18 +107,18 @@ Proc *walk_chain(Proc *b, bool print) {
     }
     return last;
   }
-  chain_ends.path.clear();
+  bin.procs.chain_ends.path.clear();
   Proc *x = b;
   while (x->tied == 1) {
-    chain_ends.path.push_back(x);
-    auto known = chain_ends.ends.find(x);
-    Proc *y = known != chain_ends.ends.end() ? known->second : x->next;
+    bin.procs.chain_ends.path.push_back(x);
+    auto known = bin.procs.chain_ends.ends.find(x);
+    Proc *y = known != bin.procs.chain_ends.ends.end() ? known->second : x->next;
     if (y == nullptr)
       error("internal in put_proc_together");
     x = y;
   }
-  for (Proc *v : chain_ends.path)
-    chain_ends.ends[v] = x;
+  for (Proc *v : bin.procs.chain_ends.path)
+    bin.procs.chain_ends.ends[v] = x;
   return x;
 }
 
@@ -181,9 +158,9 @@ int put_proc_together(Proc *a, Proc *b) {
   if (b->prev != nullptr && b->prev->tied == 1)
     forget_chains(); // cuts the chain in front of b
   if (b->prev == nullptr) {
-    if (b != order_head)
+    if (b != bin.procs.order_head)
       error("internal proc_head");
-    order_head = last->next;
+    bin.procs.order_head = last->next;
   } else {
     b->prev->next = last->next;
   }
@@ -199,10 +176,10 @@ int put_proc_together(Proc *a, Proc *b) {
 }
 
 void verify_proc() {
-  libstub_lo = 0;
-  libstub_hi = 0;
+  bin.libstub_lo = 0;
+  bin.libstub_hi = 0;
   std::vector<uint8_t> covered(bin.text_words, 0);
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
     for (uint64_t i = span.first; i < span.end; ++i) {
       if (covered[i])
@@ -216,17 +193,17 @@ void verify_proc() {
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     if (covered[i])
       continue;
-    if (libstub_lo == 0) {
-      libstub_lo = bin.text_lo + 4 * i;
+    if (bin.libstub_lo == 0) {
+      bin.libstub_lo = bin.text_lo + 4 * i;
       if (option.debug)
         std::printf("these instruction are likely lib stubs: [%d-", int(i));
       uint64_t end = i;
       while (end < bin.text_words && !covered[end])
         ++end;
-      libstub_hi = bin.text_lo + 4 * end;
+      bin.libstub_hi = bin.text_lo + 4 * end;
       if (option.debug)
-        std::printf("%d] %#llx - %#llx\n", int(end - 1), (unsigned long long)libstub_lo,
-                    (unsigned long long)libstub_hi);
+        std::printf("%d] %#llx - %#llx\n", int(end - 1), (unsigned long long)bin.libstub_lo,
+                    (unsigned long long)bin.libstub_hi);
       i = end - 1;
       continue;
     }
@@ -239,7 +216,7 @@ void verify_proc() {
 
 void check_branch_out_of_procedure() {
   ChainEndsScope scope;
-  chain_ends.contiguous_walks = !procedures_overlap();
+  bin.procs.chain_ends.contiguous_walks = !procedures_overlap();
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);
     if (!mips::ties_as_branch(w))
@@ -276,7 +253,7 @@ void check_branch_out_of_procedure() {
     // grow strictly along the way, so the walk ends.  Among overlapping
     // procedures a lookup depends on the one before it, so there every
     // step looks its successor up, even the last.
-    bool contiguous = chain_ends.contiguous_walks;
+    bool contiguous = bin.procs.chain_ends.contiguous_walks;
     Proc *cur = pass_tied_run(from, to);
     Proc *n = cur == to && contiguous ? nullptr : physically_next(cur);
     while (cur != to) {
@@ -302,7 +279,7 @@ void check_branch_out_of_procedure() {
 template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next, const char *why) {
   ChainEndsScope scope;
   clear_proc_flag();
-  for (Proc *p = order_head; p != nullptr; p = next_to_examine(p)) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = next_to_examine(p)) {
     if (p->placed == 1)
       continue;
     p->placed = 1;

@@ -3,13 +3,9 @@
 
 #include <cstdint>
 
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk {
-
-// First run of text words that no procedure covers (library stubs).
-extern uint64_t libstub_lo;
-extern uint64_t libstub_hi;
 
 int put_proc_together(Proc *a, Proc *b);
 void verify_proc();

@@ -1,7 +1,9 @@
 #include "vesk/driver.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <string>
@@ -15,22 +17,42 @@
 #include "com/rpt.h"
 #include "com/update.h"
 #include "com/update_compact_rel.h"
-#include "vesk/bin.h"
+#include "base/bin.h"
 #include "vesk/checks.h"
-#include "vesk/diag.h"
+#include "base/diag.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
 #include "vesk/order.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 #include "vesk/r4000.h"
 #include "vesk/reach.h"
 #include "vesk/reader.h"
 
 namespace vesk {
 
-int vesk_main(int argc, char **argv) {
+namespace {
+
+// Whatever the run leaves open or half-written when it ends early: the
+// input and output images and descriptors, and the unfinished output.
+void end_run() {
+  if (bin.in_elf != nullptr)
+    elf_end(bin.in_elf);
+  if (bin.out_elf != nullptr)
+    elf_end(bin.out_elf);
+  bin.in_elf = bin.out_elf = nullptr;
+  if (bin.in_fd >= 0)
+    close(bin.in_fd);
+  if (bin.out_fd >= 0)
+    close(bin.out_fd);
+  bin.in_fd = bin.out_fd = -1;
+  if (!bin.output_temp.empty())
+    unlink(bin.output_temp.c_str());
+  bin.output_temp.clear();
+}
+
+void run(int argc, char **argv) {
   // The platform's fix-up of misaligned accesses has no Linux equivalent;
-  // every read and write of section contents goes through vesk/bytes.h.
+  // every read and write of section contents goes through base/bytes.h.
   parse_command_line(argc, argv);
   read_orig_binary();
   read_reorder_files();
@@ -42,21 +64,30 @@ int vesk_main(int argc, char **argv) {
   reorder_it();
   write_it();
   elf_end(bin.in_elf);
-  elf_end(bin.out_elf);
+  bin.in_elf = nullptr;
   post_process_rpt(bin.in_fd, bin.out_fd);
   post_process_line(bin.in_fd, bin.out_fd);
   commit_output();
-  return 0;
-}
-
-namespace {
-
-void remove_unfinished_output() {
-  if (!bin.output_temp.empty())
-    unlink(bin.output_temp.c_str());
 }
 
 } // namespace
+
+int vesk_main(int argc, char **argv) {
+  bin = Bin{};
+  option = Options{};
+  int status = 0;
+  try {
+    run(argc, argv);
+  } catch (const Fatal &) {
+    status = 1;
+  } catch (const std::bad_alloc &) {
+    std::fflush(stdout);
+    std::fputs("Error: out of memory.\n", stderr);
+    status = 1;
+  }
+  end_run();
+  return status;
+}
 
 // The output is written to a temporary file beside it and renamed into
 // place only when the whole run has succeeded: a refusal or a failure
@@ -77,10 +108,6 @@ void open_output() {
   if (bin.out_fd < 1)
     sysfatal("cannot open %s", option.output);
   bin.output_temp = name.data();
-  static bool registered = false;
-  if (!registered)
-    std::atexit(remove_unfinished_output);
-  registered = true;
   mode_t mask = umask(0);
   umask(mask);
   if (fchmod(bin.out_fd, 0755 & ~mask) != 0)
@@ -88,7 +115,10 @@ void open_output() {
 }
 
 void commit_output() {
-  if (fsync(bin.out_fd) != 0 || close(bin.out_fd) != 0)
+  int fd = bin.out_fd;
+  bin.out_fd = -1;
+  bool synced = fsync(fd) == 0;
+  if (close(fd) != 0 || !synced)
     sysfatal("writing %s", option.output);
   if (rename(bin.output_temp.c_str(), option.output) != 0)
     sysfatal("cannot write %s", option.output);
@@ -138,8 +168,9 @@ void bin_copy(int in_fd, int out_fd) {
     sysfatal("reading %s", option.program);
   }
   ssize_t put = write(out_fd, buf, size_t(size));
-  (void)put;
   std::free(buf);
+  if (put != size)
+    sysfatal("writing %s", option.output);
 }
 
 void check_output_is_not_input() {

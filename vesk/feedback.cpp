@@ -6,10 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/diag.h"
+#include "base/bin.h"
+#include "base/diag.h"
 #include "vesk/options.h"
 
 namespace vesk {
@@ -127,8 +128,6 @@ void read_body_line(const char *line, BodyFields &f) {
     parse_unsigned(number, 10, f.count);
 }
 
-std::vector<ProcMapEntry> merge_buffer;
-
 constexpr int32_t IN_EARLIER = 1;
 constexpr int32_t IN_LATER = 2;
 constexpr int32_t TAKEN = 4; // already in the merged list
@@ -136,7 +135,8 @@ constexpr int32_t TAKEN = 4; // already in the merged list
 } // namespace
 
 int read_reorder_file(const char *path, ProcMapEntry *list) {
-  FILE *f = std::fopen(path, "r");
+  std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(path, "r"), std::fclose);
+  FILE *f = file.get();
   if (f == nullptr)
     error("cannot read reorder file %s", path);
   clear_proc_flag();
@@ -176,13 +176,12 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
   }
   for (int i = 0; i < n; ++i)
     list[i].proc->placed = 0;
-  std::fclose(f);
   return n;
 }
 
 int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *later, int n_later) {
-  merge_buffer.clear();
-  merge_buffer.reserve(size_t(get_n_procs()));
+  std::vector<ProcMapEntry> merged;
+  merged.reserve(size_t(get_n_procs()));
   clear_proc_flag();
   for (int i = 0; i < n_earlier; ++i)
     if (earlier[i].count != 0)
@@ -193,11 +192,11 @@ int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *lat
 
   // A record enters the merged list once, even if a count that wrapped to
   // zero would qualify it for a second step.
-  auto take = [](Proc *p, uint32_t count) {
+  auto take = [&merged](Proc *p, uint32_t count) {
     if (p->placed & TAKEN)
       return;
     p->placed |= TAKEN;
-    merge_buffer.push_back({p, count});
+    merged.push_back({p, count});
   };
   auto mark = [](const ProcMapEntry &e) { return e.proc->placed & (IN_EARLIER | IN_LATER); };
 
@@ -218,10 +217,10 @@ int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *lat
       take(later[i].proc, later[i].count);
   // The later list's other zero-count entries are dropped.
 
-  if (merge_buffer.size() >= size_t(get_n_procs()))
+  if (merged.size() >= size_t(get_n_procs()))
     error("too many procedures in feedback files");
-  std::copy(merge_buffer.begin(), merge_buffer.end(), later);
-  return int(merge_buffer.size());
+  std::copy(merged.begin(), merged.end(), later);
+  return int(merged.size());
 }
 
 void read_reorder_files() {
@@ -247,7 +246,7 @@ void read_reorder_files() {
     accumulated[i].proc->placed = 1;
   }
   attach_proc_with_no_feedback();
-  if (status == 1 && option.verbose == 0)
+  if (bin.procs.feedback_stale && option.verbose == 0)
     note("Feedback file(s) may be out of date. You may want to regenerate the\n"
          "      feedback file(s) for better performance. Use vesk -v for more info.");
   std::free(current);

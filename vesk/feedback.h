@@ -1,7 +1,7 @@
 // Feedback files: reading, merging and writing the merged list.
 #pragma once
 
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk {
 

@@ -2,17 +2,12 @@
 // laid out, with its summed count.  It reads back as a feedback file.
 #include <cstdio>
 
-#include "vesk/diag.h"
+#include "base/bin.h"
+#include "base/diag.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
 
 namespace vesk {
-
-namespace {
-
-const char *text_or_null(const char *s) { return s ? s : "(null)"; }
-
-} // namespace
 
 void write_merged_feedback() {
   if (option.merge_file == nullptr)
@@ -26,7 +21,7 @@ void write_merged_feedback() {
   std::fprintf(f, "$start\n");
   std::fprintf(f, "# generate by vesk -merge\n");
   std::fprintf(f, "#%29s %17s %10s\n", "procedure_name", "file_name", "freq");
-  for (Proc *p = order_head; p != nullptr; p = p->next)
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
     std::fprintf(f, "%30s %20s %10u\n", text_or_null(p->name), text_or_null(p->file_name), p->freq);
   if (std::ferror(f) || std::fclose(f) != 0)
     sysfatal("cannot write %s", option.merge_file);

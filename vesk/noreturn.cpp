@@ -7,10 +7,10 @@
 #include <unordered_set>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/mips.h"
-#include "vesk/text_words.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/mips.h"
+#include "base/text_words.h"
 
 namespace vesk {
 
@@ -61,7 +61,7 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
     }
   }
   elf_errno();
-  for (Proc *p = order_head; p != nullptr; p = p->next)
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
     if (p->name != nullptr) {
       std::string base = p->name;
       size_t cold = base.find(".cold");

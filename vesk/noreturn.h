@@ -10,7 +10,7 @@
 
 #include <memory>
 
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk {
 

@@ -3,11 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "vesk/diag.h"
+#include "base/diag.h"
 
 namespace vesk {
-
-Options option;
 
 void add_feedback_file(const char *path) {
   if (option.feedback_files == nullptr)

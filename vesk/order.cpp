@@ -5,14 +5,14 @@
 #include <cstdio>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "vesk/checks.h"
-#include "vesk/diag.h"
+#include "base/diag.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
-#include "vesk/text_words.h"
+#include "base/proc.h"
+#include "base/text_words.h"
 #include "xlate/xlate_table.h"
 
 namespace vesk {
@@ -20,8 +20,6 @@ namespace vesk {
 namespace {
 
 constexpr uint64_t PAGE = 4096;
-
-const char *name_of(const Proc *p) { return p->name ? p->name : "(null)"; }
 
 // Lays out the input words in the order they are offered.  Every word is
 // laid out once: a word that an earlier procedure already carried (the
@@ -50,12 +48,12 @@ void lay_out_text() {
 
   // A run of stubs at the start of the text that no procedure covers stays
   // where it is.
-  if (libstub_lo != 0 && libstub_lo == bin.text_lo) {
-    uint64_t n = (libstub_hi - libstub_lo) / 4;
+  if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo) {
+    uint64_t n = (bin.libstub_hi - bin.libstub_lo) / 4;
     for (uint64_t i = 0; i < n && i < bin.text_words; ++i)
       layout.place(i);
   }
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
     for (uint64_t i = span.first; i < span.end; ++i)
       layout.place(i);
@@ -96,7 +94,7 @@ void page_statistics() {
   uint64_t n_pages = bin.text_hi / PAGE - base + 1;
   PageMarks old_pages(n_pages), new_pages(n_pages);
 
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     if (p->freq == 0 || !text_index(p->old_addr))
       continue;
     if (p->size == 0) {
@@ -135,7 +133,7 @@ void page_statistics() {
 void dump_address_mapping() {
   dump("Procedure Address Mapping");
   int i = 0;
-  for (Proc *p = order_head; p != nullptr; p = p->next, ++i) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next, ++i) {
     auto start = text_index(p->old_addr);
     if (!start) {
       dump("[%d] %20s old(%#llx) not changed", i, name_of(p), (unsigned long long)p->old_addr);

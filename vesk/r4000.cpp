@@ -5,13 +5,13 @@
 // rewriting, the faults that remain are reported.
 #include "vesk/r4000.h"
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "vesk/checks.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
+#include "base/diag.h"
+#include "base/mips.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk {
 
@@ -25,8 +25,8 @@ constexpr uint32_t PAGE = 0x1000;
 // the start of the text itself; new addresses are predicted from there by
 // adding each procedure's size in list order.
 uint32_t predicted_start() {
-  if (libstub_lo != 0 && libstub_lo == bin.text_lo)
-    return uint32_t(libstub_hi);
+  if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo)
+    return uint32_t(bin.libstub_hi);
   return uint32_t(bin.text_lo);
 }
 
@@ -71,7 +71,7 @@ uint32_t check_r4000_bug_per_block(int report, uint32_t new_start, uint32_t old_
 
 void fix_r4000_bug() {
   uint32_t a = predicted_start();
-  Proc *c = order_head;
+  Proc *c = bin.procs.order_head;
   while (c != nullptr) {
     if (check_r4000_bug_per_block(0, a, uint32_t(c->old_addr), c->size) == 0) {
       a += c->size;
@@ -127,7 +127,7 @@ void fix_r4000_bug() {
 
 void check_r4000_bug() {
   uint32_t a = predicted_start();
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     check_r4000_bug_per_block(1, a, uint32_t(p->old_addr), p->size);
     a += p->size;
   }

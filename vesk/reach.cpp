@@ -4,13 +4,13 @@
 #include <string_view>
 #include <vector>
 
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "vesk/checks.h"
-#include "vesk/diag.h"
-#include "vesk/mips.h"
+#include "base/diag.h"
+#include "base/mips.h"
 #include "vesk/options.h"
-#include "vesk/text_words.h"
+#include "base/text_words.h"
 
 namespace vesk {
 
@@ -42,10 +42,10 @@ std::vector<uint64_t> predict_layout() {
       at[i] = bin.text_lo + 4 * fill++;
     }
   };
-  if (libstub_lo != 0 && libstub_lo == bin.text_lo)
-    for (uint64_t i = 0; i < (libstub_hi - libstub_lo) / 4 && i < bin.text_words; ++i)
+  if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo)
+    for (uint64_t i = 0; i < (bin.libstub_hi - bin.libstub_lo) / 4 && i < bin.text_words; ++i)
       place(i);
-  for (Proc *p = order_head; p != nullptr; p = p->next) {
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
     for (uint64_t i = span.first; i < span.end; ++i)
       place(i);
@@ -89,7 +89,7 @@ bool move_behind(Proc *part, Proc *anchor) {
   if (head->prev != nullptr)
     head->prev->next = end->next;
   else
-    order_head = end->next;
+    bin.procs.order_head = end->next;
   if (end->next != nullptr)
     end->next->prev = head->prev;
   // Insert behind `after`.

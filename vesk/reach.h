@@ -9,7 +9,7 @@
 // hot part is moved, with its chain, right behind the hot part's chain.
 #pragma once
 
-#include "vesk/proc.h"
+#include "base/proc.h"
 
 namespace vesk {
 

@@ -9,16 +9,13 @@
 
 #include "com/dwarf.h"
 #include "com/mdebug.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
-#include "vesk/elf_class.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
 #include "vesk/options.h"
 
 namespace vesk {
-
-Bin bin;
-Elf64_Ehdr *in_ehdr;
 
 namespace {
 
@@ -141,8 +138,9 @@ void visit_section(Elf_Scn *scn, const Elf64_Shdr &sh, const char *name) {
 
 } // namespace
 
-Elf64_Ehdr *copy_elf_header_to64(const Elf32_Ehdr *h) {
-  auto *w = static_cast<Elf64_Ehdr *>(std::calloc(1, sizeof(Elf64_Ehdr)));
+Elf64_Ehdr copy_elf_header_to64(const Elf32_Ehdr *h) {
+  Elf64_Ehdr wide{};
+  Elf64_Ehdr *w = &wide;
   std::memcpy(w->e_ident, h->e_ident, EI_NIDENT);
   w->e_type = h->e_type;
   w->e_machine = h->e_machine;
@@ -157,7 +155,7 @@ Elf64_Ehdr *copy_elf_header_to64(const Elf32_Ehdr *h) {
   w->e_shentsize = h->e_shentsize;
   w->e_shnum = h->e_shnum;
   w->e_shstrndx = h->e_shstrndx;
-  return w;
+  return wide;
 }
 
 void copy_section_header_to64(const Elf32_Shdr *h, Elf64_Shdr *w) {
@@ -190,17 +188,17 @@ void read_orig_binary() {
 
   if (Elf64_Ehdr *h64 = elf64_getehdr(bin.in_elf)) {
     bin.is_elf32 = 0;
-    in_ehdr = h64;
+    bin.in_ehdr = *h64;
   } else if (Elf32_Ehdr *h32 = elf32_getehdr(bin.in_elf)) {
     bin.is_elf32 = 1;
-    in_ehdr = copy_elf_header_to64(h32);
+    bin.in_ehdr = copy_elf_header_to64(h32);
   } else {
     error("unknown binary");
   }
   elf_errno(); // forget the failed class probe
 
-  bin.is_n32 = (in_ehdr->e_flags & EF_MIPS_ABI2) ? 1 : 0;
-  bin.pic_kind = (in_ehdr->e_flags & EF_MIPS_PIC) ? 0 : (in_ehdr->e_flags & EF_MIPS_CPIC) ? 1 : 2;
+  bin.is_n32 = (bin.in_ehdr.e_flags & EF_MIPS_ABI2) ? 1 : 0;
+  bin.pic_kind = (bin.in_ehdr.e_flags & EF_MIPS_PIC) ? 0 : (bin.in_ehdr.e_flags & EF_MIPS_CPIC) ? 1 : 2;
 
   size_t shstrndx;
   if (elf_getshdrstrndx(bin.in_elf, &shstrndx) != 0)
@@ -218,8 +216,8 @@ void read_orig_binary() {
     sysfatal("cannot read %s", option.program);
   uint64_t file_size = uint64_t(st.st_size);
   uint64_t shentsize = bin.is_elf32 ? sizeof(Elf32_Shdr) : sizeof(Elf64_Shdr);
-  if (in_ehdr->e_shoff != 0 &&
-      (shnum == 0 || in_ehdr->e_shoff > file_size || (file_size - in_ehdr->e_shoff) / shentsize < shnum))
+  if (bin.in_ehdr.e_shoff != 0 &&
+      (shnum == 0 || bin.in_ehdr.e_shoff > file_size || (file_size - bin.in_ehdr.e_shoff) / shentsize < shnum))
     error("%s: the section header table lies outside the file", option.program);
   NameTable names;
   if (shnum > 0) {
@@ -237,7 +235,7 @@ void read_orig_binary() {
   bin.gp_value = 0;
   bin.text_shift = 0;
   bin.text_grow = 0;
-  bin.entry = in_ehdr->e_entry;
+  bin.entry = bin.in_ehdr.e_entry;
 
   for (size_t i = 0; i < shnum; ++i) {
     Elf_Scn *scn = elf_getscn(bin.in_elf, i);

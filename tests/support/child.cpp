@@ -1,5 +1,7 @@
 #include "support/child.h"
 
+#include "base/diag.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -48,7 +50,11 @@ RunResult run_in_child(const std::function<void()> &fn) {
   if (pid == 0) {
     dup2(fileno(out), 1);
     dup2(fileno(err), 2);
-    fn();
+    try {
+      fn();
+    } catch (const vesk::Fatal &) {
+      finish(1);
+    }
     finish(0);
   }
   int st = 0;

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "support/rewrite_harness.h"
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 namespace vesk::test {
 

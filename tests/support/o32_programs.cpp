@@ -9,7 +9,7 @@
 
 #include "support/elf_file.h"
 #include "support/synth_elf.h"
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 namespace vesk::test {
 

@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "support/elf_file.h"
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 namespace vesk::test {
 

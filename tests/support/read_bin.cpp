@@ -8,9 +8,9 @@
 
 #include "com/mdebug.h"
 #include "support/child.h"
-#include "vesk/bin.h"
+#include "base/bin.h"
 #include "vesk/options.h"
-#include "vesk/proc.h"
+#include "base/proc.h"
 #include "vesk/reader.h"
 
 namespace vesk::test {
@@ -57,10 +57,10 @@ ReadResult read_binary_in_child(const std::string &path, bool debug) {
     option.program = path.c_str();
     option.debug = debug;
     bin = Bin{};
-    reset_proc_table();
-    std::atexit(print_bin);
+    struct PrintAtEnd {
+      ~PrintAtEnd() { print_bin(); }
+    } at_end; // also when the reader ends the run
     read_orig_binary();
-    print_bin();
   });
   size_t at = r.run.out.rfind("\n#bin ");
   if (at != std::string::npos) {
@@ -81,14 +81,8 @@ void release_input() {
     elf_end(bin.in_elf);
   if (bin.in_fd > 0)
     close(bin.in_fd);
-  if (bin.is_elf32)
-    std::free(in_ehdr);
-  in_ehdr = nullptr;
   bin = Bin{};
   option = Options{};
-  reset_proc_table();
-  reset_mdebug_discovery();
-  reset_mdebug_update();
 }
 
 } // namespace vesk::test

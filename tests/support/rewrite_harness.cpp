@@ -15,8 +15,8 @@
 #include "com/elf.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "vesk/bin.h"
-#include "vesk/bytes.h"
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "vesk/driver.h"
 #include "vesk/options.h"
 #include "vesk/reader.h"
@@ -127,17 +127,17 @@ void load_input(const std::string &path, const std::string &output) {
   if (bin.in_elf == nullptr)
     fail("libelf refuses " + path);
   if (Elf64_Ehdr *h = elf64_getehdr(bin.in_elf)) {
-    in_ehdr = h;
+    bin.in_ehdr = *h;
   } else if (Elf32_Ehdr *h32 = elf32_getehdr(bin.in_elf)) {
     bin.is_elf32 = 1;
-    in_ehdr = copy_elf_header_to64(h32);
+    bin.in_ehdr = copy_elf_header_to64(h32);
   } else {
     fail("not an ELF file: " + path);
   }
   elf_errno();
-  bin.is_n32 = (in_ehdr->e_flags & EF_MIPS_ABI2) ? 1 : 0;
-  bin.pic_kind = (in_ehdr->e_flags & EF_MIPS_PIC) ? 0 : (in_ehdr->e_flags & EF_MIPS_CPIC) ? 1 : 2;
-  bin.entry = in_ehdr->e_entry;
+  bin.is_n32 = (bin.in_ehdr.e_flags & EF_MIPS_ABI2) ? 1 : 0;
+  bin.pic_kind = (bin.in_ehdr.e_flags & EF_MIPS_PIC) ? 0 : (bin.in_ehdr.e_flags & EF_MIPS_CPIC) ? 1 : 2;
+  bin.entry = bin.in_ehdr.e_entry;
   bin.exec_lo = bin.stubs_lo = ~uint64_t(0);
 
   size_t shstrndx;

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
-#include "vesk/bytes.h"
+#include "base/bytes.h"
 
 namespace vesk::test {
 

@@ -25,8 +25,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "vesk/diag.h"
-#include "vesk/mips.h"
+#include "base/diag.h"
+#include "base/mips.h"
 
 namespace vesk::annotate {
 

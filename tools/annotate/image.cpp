@@ -6,8 +6,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
+#include "base/bytes.h"
+#include "base/diag.h"
 
 namespace vesk::annotate {
 

@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "vesk/bytes.h"
-#include "vesk/diag.h"
+#include "base/bytes.h"
+#include "base/diag.h"
 
 namespace vesk::annotate {
 
@@ -42,10 +42,10 @@ std::vector<uint8_t> compact_rel_section(const Description &d) {
   for (uint32_t index : d.got_pages)
     pair(CR_TAG_GOT_PAGE, index);
   pair(0, 0);
-  new_cr_header(header.data(), header.size());
+  CompactRelWriter out(header.data(), header.size());
   for (const CompactRelEntry &e : d.entries)
-    add_cr(e.type, e.konst, e.dist2to, e.vaddr);
-  return std::vector<uint8_t>(cr_head(), cr_head() + cr_size());
+    out.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+  return std::move(out.bytes());
 }
 
 void write_annotated(const Image &im, const Description &d, const std::vector<uint8_t> &compact_rel,

@@ -1,4 +1,4 @@
-#include "vesk/diag.h"
+#include "base/diag.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -20,7 +20,7 @@ void vprint(FILE *stream, const char *prefix, const char *fmt, va_list ap, const
 [[noreturn]] void die() {
   std::fflush(stdout);
   std::fflush(stderr);
-  std::exit(1);
+  throw Fatal{};
 }
 
 // Number of entries of the system's error-text table: one more than the

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "vesk/bin.h"
-#include "vesk/proc.h"
+#include "base/bin.h"
+#include "base/proc.h"
 
 namespace vesk {
 

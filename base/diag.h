@@ -2,18 +2,21 @@
 //
 //   note     "Note: " text "\n"                  standard error
 //   warning  "Warning: " text ".\n"              standard error
-//   error    "Error: " text ".\n", exit 1        standard error
-//   sysfatal "Error: " cause text ".\n", exit 1  standard error (cause from errno)
+//   error    "Error: " text ".\n", ends the run  standard error
+//   sysfatal "Error: " cause text ".\n", ends the run (cause from errno)
 //   dump     "<Debug> " text "\n"                standard output
 //
-// Internal consistency checks are fatal errors of the form
-// error("%s:%d ASSERT(expr)", "com/mdebug", 40): the source path and line
-// are those of the check's home in the design, written by hand.
+// A message that ends the run is printed first, then Fatal is thrown; the
+// program's entry point catches it and exits with status 1, after removing
+// what the run had begun to write.
 #pragma once
 
 #include <libdwarf.h>
 
 namespace vesk {
+
+// Thrown once the message that ends the run has been printed.
+struct Fatal {};
 
 #define VESK_PRINTF(f, a) __attribute__((format(printf, f, a)))
 

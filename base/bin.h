@@ -1,0 +1,89 @@
+// The run record: the executable being rewritten, filled by the input
+// reader and completed by the planning and rewriting steps.  A run starts
+// from a fresh Bin{}.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <libelf.h>
+#include <string>
+#include <vector>
+
+#include "base/proc.h"
+
+namespace vesk {
+
+enum DebugKind { DEBUG_NONE = 0, DEBUG_MDEBUG = 1, DEBUG_DWARF = 2 };
+
+struct Bin {
+  int pic_kind = 0;        // 0 EF_MIPS_PIC, 1 EF_MIPS_CPIC, 2 neither
+  int is_elf32 = 0;        // 1 ELFCLASS32, 0 ELFCLASS64
+  int is_n32 = 0;          // EF_MIPS_ABI2
+  int debug_kind = 0;      // DebugKind
+  Elf *in_elf = nullptr;
+  Elf64_Ehdr in_ehdr{};    // the input's ELF header, widened to the 64-bit layout
+  uint64_t text_hi = 0;    // end of .text (exclusive)
+  uint64_t text_lo = 0;    // start of .text
+  uint64_t exec_hi = 0;    // highest end of an executable section
+  uint64_t exec_lo = 0;    // lowest start of an executable section
+  uint64_t stubs_lo = 0;   // .MIPS.stubs, lowered to text_lo
+  uint64_t entry = 0;      // e_entry
+  uint64_t *text_map = nullptr; // new address of every input .text word
+  uint32_t text_words = 0; // 4-byte words in .text
+  const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
+  uint32_t gp_value = 0;
+  uint32_t local_gotno = 0;
+  uint32_t local_gotidx = 0;
+  uint32_t gotsym = 0;
+  uint32_t pltgot = 0;
+  uint32_t mips_flags = 0; // DT_MIPS_FLAGS as found (set by the dynamic update)
+  uint32_t strtab_addr = 0;
+  uint32_t time_stamp = 0;
+  uint32_t feedback_time_stamp = 0;
+  const uint8_t *got_buf = nullptr; // input .got, raw big-endian
+  uint32_t got_count = 0;           // .got size / 4
+  const void *dynsym_buf = nullptr; // input .dynsym, host order
+  Elf *out_elf = nullptr;
+  uint32_t new_text_fill = 0;  // words laid out in new_text
+  uint8_t *new_text = nullptr; // output .text, raw big-endian; word n at text_lo + 4n
+  int rpt_in_file = 0;
+  uint32_t rpt_offset = 0;
+  uint32_t rpt_size = 0;
+  uint32_t line_offset = 0;
+  uint32_t line_size = 0;
+  uint32_t text_shift = 0;
+  uint32_t text_grow = 0;
+  int in_fd = -1;
+  int out_fd = -1;
+  std::string output_temp; // the output being written, until it is renamed into place
+  // got_page[i] != 0: GOT entry i holds a 64 KB page that page loads read,
+  // never a code address.  Known when the annotation lists them.
+  bool got_pages_known = false;
+  std::vector<uint8_t> got_page;
+
+  // Contents that sections of the output image point to, kept until the
+  // image is written.
+  std::deque<std::vector<uint8_t>> out_buffers;
+
+  ProcTable procs;
+  // The run of library stubs at the start of .text that no procedure
+  // describes, [libstub_lo, libstub_hi); 0, 0 when there is none.
+  uint64_t libstub_lo = 0;
+  uint64_t libstub_hi = 0;
+  // A procedure descriptor of the mdebug table lies outside .text (reported
+  // at the end with -v).
+  bool mdebug_bad_proc_info = false;
+};
+
+extern Bin bin;
+
+// A .text whose size is not a multiple of 4 ends in a partial word that
+// has no text_map entry; it counts as outside.
+inline bool in_text(uint64_t a) {
+  return a >= bin.text_lo && a < bin.text_hi && ((a - bin.text_lo) >> 2) < bin.text_words;
+}
+inline bool is_o32() { return bin.is_elf32 == 1 && bin.is_n32 == 0; }
+// The new address of an old .text address (caller checks in_text).
+inline uint64_t text_map_of(uint64_t a) { return bin.text_map[(a - bin.text_lo) >> 2]; }
+
+} // namespace vesk
