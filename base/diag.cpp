@@ -27,7 +27,7 @@ void vprint(FILE *stream, const char *prefix, const char *fmt, va_list ap, const
 // highest error number with a text.  The table has holes (numbers no
 // error uses); they are inside it all the same.
 int error_table_size() {
-  static int n = [] {
+  static const int n = [] {
     int last = -1;
     for (int i = 0; i < 4096; ++i)
       if (strerrordesc_np(i) != nullptr)

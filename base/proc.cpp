@@ -133,7 +133,7 @@ void attach_proc_with_no_feedback() {
                      [&records](size_t a, size_t b) { return records[a].old_addr < records[b].old_addr; });
   for (size_t i : indexes) {
     Proc *p = &records[i];
-    if (p->placed != 0)
+    if (p->listed != 0)
       continue;
     attach_proc_list(p);
     if (p->name == nullptr || std::strcmp(p->name, ".libstub") != 0) {
@@ -146,7 +146,7 @@ void attach_proc_with_no_feedback() {
 
 int clear_proc_flag() {
   for (Proc &p : table().records)
-    p.placed = 0;
+    p.listed = 0;
   return get_n_procs();
 }
 
@@ -180,10 +180,10 @@ Proc *find_proc_by_name(const char *name, const char *file_name) {
       const std::vector<int> &ids = slot->second;
       auto from = std::lower_bound(ids.begin(), ids.end(), t.name_search_start);
       for (auto i = from; i != ids.end() && !found; ++i)
-        if (t.records[size_t(*i)].placed == 0)
+        if (t.records[size_t(*i)].listed == 0)
           found = &t.records[size_t(*i)];
       for (auto i = ids.begin(); i != from && !found; ++i)
-        if (t.records[size_t(*i)].placed == 0)
+        if (t.records[size_t(*i)].listed == 0)
           found = &t.records[size_t(*i)];
     }
   }

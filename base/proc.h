@@ -17,7 +17,11 @@ struct Proc {
   uint32_t freq;
   Proc *prev;            // new-order list
   Proc *next;
-  int32_t placed;
+  // Feedback reading: 1 once the file being read names the record (a file
+  // names each record once), the merge's marks while two lists merge, then
+  // 1 for a record in the new-order list.
+  int32_t listed;
+  bool examined;         // the tie walks over the list have looked at it
   int32_t tied;          // must be followed directly by next
 };
 

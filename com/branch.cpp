@@ -3,12 +3,12 @@
 // contents and its copy in the new text is patched.
 #include "com/branch.h"
 
-#include "com/update.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/mips.h"
 #include "base/options.h"
+#include "com/update.h"
 
 namespace vesk {
 

@@ -21,13 +21,13 @@
 #include <unordered_set>
 #include <vector>
 
-#include "com/dwarf_ranges.h"
-#include "com/dwarf_sections.h"
-#include "com/symtab_procs.h"
 #include "base/bin.h"
 #include "base/diag.h"
 #include "base/options.h"
 #include "base/proc.h"
+#include "com/dwarf_ranges.h"
+#include "com/dwarf_sections.h"
+#include "com/symtab_procs.h"
 
 namespace vesk {
 
@@ -67,275 +67,275 @@ public:
   void resolve_inline_notes();
 
 private:
-Dwarf_Debug dbg = nullptr;
-const FunctionSymbols *symbols;
-std::vector<InlineNote> notes;
-int made_up_names = 0;
+  Dwarf_Debug dbg = nullptr;
+  const FunctionSymbols *symbols;
+  std::vector<InlineNote> notes;
+  int made_up_names = 0;
 
-void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
-                     uint8_t pending, int32_t cold_part = 0) {
-  notes.push_back(InlineNote{name, linkage_name, die_offset, proc_index, pending, cold_part});
-}
+  void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
+                       uint8_t pending, int32_t cold_part = 0) {
+    notes.push_back(InlineNote{name, linkage_name, die_offset, proc_index, pending, cold_part});
+  }
 
-// The name of the k-th part of a function beside its entry's part, as GCC
-// names the first: foo.cold, foo.cold.1, ...
-static const char *cold_name(const char *name, int part) {
-  std::string s = std::string(name) + ".cold";
-  if (part > 1)
-    s += "." + std::to_string(part - 1);
-  return bin.procs.keep(s.c_str());
-}
+  // The name of the k-th part of a function beside its entry's part, as GCC
+  // names the first: foo.cold, foo.cold.1, ...
+  static const char *cold_name(const char *name, int part) {
+    std::string s = std::string(name) + ".cold";
+    if (part > 1)
+      s += "." + std::to_string(part - 1);
+    return bin.procs.keep(s.c_str());
+  }
 
-// Looks attribute `attr` of die up: true with *out set when present.
-bool find_attr(Dwarf_Die die, Dwarf_Half attr, Dwarf_Attribute *out) {
-  Dwarf_Error err = nullptr;
-  int res = dwarf_attr(die, attr, out, &err);
-  if (res == DW_DLV_ERROR)
-    print_dwarf_error(dbg, res, err, "dwarf_attr");
-  return res == DW_DLV_OK;
-}
+  // Looks attribute `attr` of die up: true with *out set when present.
+  bool find_attr(Dwarf_Die die, Dwarf_Half attr, Dwarf_Attribute *out) {
+    Dwarf_Error err = nullptr;
+    int res = dwarf_attr(die, attr, out, &err);
+    if (res == DW_DLV_ERROR)
+      print_dwarf_error(dbg, res, err, "dwarf_attr");
+    return res == DW_DLV_OK;
+  }
 
-bool has_attr(Dwarf_Die die, Dwarf_Half attr) {
-  Dwarf_Attribute a;
-  if (!find_attr(die, attr, &a))
-    return false;
-  dwarf_dealloc(dbg, a, DW_DLA_ATTR);
-  return true;
-}
+  bool has_attr(Dwarf_Die die, Dwarf_Half attr) {
+    Dwarf_Attribute a;
+    if (!find_attr(die, attr, &a))
+      return false;
+    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    return true;
+  }
 
-// A failed form read only means the attribute is not used.
-void drop_error(int res, Dwarf_Error err) {
-  if (res == DW_DLV_ERROR && err != nullptr)
-    dwarf_dealloc(dbg, err, DW_DLA_ERROR);
-}
+  // A failed form read only means the attribute is not used.
+  void drop_error(int res, Dwarf_Error err) {
+    if (res == DW_DLV_ERROR && err != nullptr)
+      dwarf_dealloc(dbg, err, DW_DLA_ERROR);
+  }
 
-// The code range of a subprogram.  DW_AT_high_pc is either an address or,
-// from DWARF 4 on, an offset from DW_AT_low_pc.
-struct PcRange {
-  bool have_high = false;
-  bool have_low = false;
-  bool declaration = false;
-  Dwarf_Addr low = 0;
-  Dwarf_Addr high = 0;
-};
+  // The code range of a subprogram.  DW_AT_high_pc is either an address or,
+  // from DWARF 4 on, an offset from DW_AT_low_pc.
+  struct PcRange {
+    bool have_high = false;
+    bool have_low = false;
+    bool declaration = false;
+    Dwarf_Addr low = 0;
+    Dwarf_Addr high = 0;
+  };
 
-PcRange read_pc_range(Dwarf_Die die, const char *text) {
-  PcRange r;
-  Dwarf_Addr high = 0;
-  Dwarf_Half form = 0;
-  enum Dwarf_Form_Class form_class = DW_FORM_CLASS_UNKNOWN;
-  Dwarf_Error err = nullptr;
-  int res = dwarf_highpc_b(die, &high, &form, &form_class, &err);
-  if (res == DW_DLV_NO_ENTRY) {
-    r.declaration = has_attr(die, DW_AT_declaration);
+  PcRange read_pc_range(Dwarf_Die die, const char *text) {
+    PcRange r;
+    Dwarf_Addr high = 0;
+    Dwarf_Half form = 0;
+    enum Dwarf_Form_Class form_class = DW_FORM_CLASS_UNKNOWN;
+    Dwarf_Error err = nullptr;
+    int res = dwarf_highpc_b(die, &high, &form, &form_class, &err);
+    if (res == DW_DLV_NO_ENTRY) {
+      r.declaration = has_attr(die, DW_AT_declaration);
+      return r;
+    }
+    if (res == DW_DLV_ERROR)
+      print_dwarf_error(dbg, res, err, "dwarf_highpc in %s", text);
+    r.have_high = true;
+    res = dwarf_lowpc(die, &r.low, &err);
+    if (res == DW_DLV_ERROR)
+      print_dwarf_error(dbg, res, err, "dwarf_lowpc in %s", text);
+    r.have_low = res == DW_DLV_OK;
+    r.high = form_class == DW_FORM_CLASS_CONSTANT ? r.low + high : high;
     return r;
   }
-  if (res == DW_DLV_ERROR)
-    print_dwarf_error(dbg, res, err, "dwarf_highpc in %s", text);
-  r.have_high = true;
-  res = dwarf_lowpc(die, &r.low, &err);
-  if (res == DW_DLV_ERROR)
-    print_dwarf_error(dbg, res, err, "dwarf_lowpc in %s", text);
-  r.have_low = res == DW_DLV_OK;
-  r.high = form_class == DW_FORM_CLASS_CONSTANT ? r.low + high : high;
-  return r;
-}
 
-// A subprogram entry that has code, as its records need it.
-struct Subprogram {
-  const char *name; // may be null
-  const char *text; // the name in messages
-  bool have_origin;
-  Dwarf_Off origin;
-  const char *linkage_name; // may be null
-  Dwarf_Off offset;
-  const char *file_name;
-};
-
-// The record of one range of a subprogram's code; `part` is 0 for the
-// range that holds its entry.  A concrete instance without a name of its
-// own (an out-of-line copy, or a clone such as foo.part.0) takes that of
-// the function symbol at its start, which tells clones apart; failing
-// that, the inline notes give it its abstract entry's name at the end.
-void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
-  bool instance = s.have_origin || s.linkage_name != nullptr;
-  const char *name = part == 0 ? s.name : nullptr;
-  if (name == nullptr && (part > 0 || instance))
-    name = symbols->name_at(lo);
-  if (name == nullptr && part > 0 && s.name != nullptr)
-    name = cold_name(s.name, part);
-  Proc *p = new_proc();
-  p->file_name = s.file_name;
-  p->name = name;
-  p->old_addr = lo;
-  p->size = uint32_t(hi) - uint32_t(lo);
-  if (instance)
-    new_inline_note(nullptr, s.linkage_name, s.have_origin ? s.origin : s.offset, get_n_procs() - 1,
-                    name == nullptr, part);
-  if (option.debug & 1)
-    dump("  Subprogram: %s(%#llx-%#llx)", part == 0 || name == nullptr ? s.text : name, (unsigned long long)lo,
-         (unsigned long long)hi);
-}
-
-// One entry of a unit's tree; only subprograms matter.
-void visit_entry(Dwarf_Die die, const Unit &unit) {
-  Dwarf_Error err = nullptr;
-  Dwarf_Half tag = 0;
-  int res = dwarf_tag(die, &tag, &err);
-  if (res != DW_DLV_OK)
-    print_dwarf_error(dbg, res, err, "dwarf_tag");
-  if (tag != DW_TAG_subprogram)
-    return;
-
-  const char *name = nullptr;
-  char *raw = nullptr;
-  res = dwarf_diename(die, &raw, &err);
-  if (res == DW_DLV_ERROR)
-    print_dwarf_error(dbg, res, err, "dwarf_diename");
-  if (res == DW_DLV_OK) {
-    name = bin.procs.keep(raw);
-    dwarf_dealloc(dbg, raw, DW_DLA_STRING);
-  }
-  std::string text = name ? name : kNoName;
-
-  PcRange pc = read_pc_range(die, text.c_str());
-  if (pc.declaration)
-    return;
-  std::vector<CodeRange> ranges;
-  bool have_ranges = !pc.have_high && read_code_ranges(dbg, die, unit.base, text.c_str(), &ranges);
-
-  bool have_origin = false;
-  Dwarf_Off origin = 0;
-  Dwarf_Attribute a;
-  if (find_attr(die, DW_AT_abstract_origin, &a)) {
-    res = dwarf_global_formref(a, &origin, &err);
-    have_origin = res == DW_DLV_OK;
-    drop_error(res, err);
-    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
-  }
-
-  // Any value but DW_INL_not_inlined makes the entry an abstract instance
-  // root, whose code, if any, other entries describe.
-  bool inlined = false;
-  if (find_attr(die, DW_AT_inline, &a)) {
-    Dwarf_Unsigned how = 0;
-    res = dwarf_formudata(a, &how, &err);
-    drop_error(res, err);
-    if (res == DW_DLV_OK) {
-      inlined = how != DW_INL_not_inlined;
-    } else {
-      // DWARF 5 writers give the value as an implicit constant, which
-      // this libdwarf reads only as a signed number.
-      Dwarf_Signed signed_how = 0;
-      res = dwarf_formsdata(a, &signed_how, &err);
-      drop_error(res, err);
-      inlined = res == DW_DLV_OK && signed_how != DW_INL_not_inlined;
-    }
-    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
-  }
-
-  const char *linkage_name = nullptr;
-  if (find_attr(die, kAbstractNameAttr, &a)) {
-    char *s = nullptr;
-    res = dwarf_formstring(a, &s, &err);
-    if (res == DW_DLV_OK)
-      linkage_name = bin.procs.keep(s);
-    drop_error(res, err);
-    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
-  }
-  if (name == nullptr && linkage_name != nullptr)
-    text = std::string("abstract name: ") + linkage_name + "\n";
-
-  Dwarf_Off offset = 0;
-  if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
-    error("Unable to get dieoffset for %s\n", text.c_str());
-
-  Subprogram s{name, text.c_str(), have_origin, origin, linkage_name, offset, unit.file_name};
-  if (pc.have_high || have_ranges) {
-    if (pc.have_high && !pc.have_low)
-      error("Have highpc but no lowpc on %s\n", text.c_str());
-    if (pc.have_high)
-      ranges.assign(1, CodeRange{pc.low, pc.high});
-    size_t entry = pc.have_high ? 0 : entry_range(dbg, die, ranges);
-    for (size_t i = 0, part = 0; i < ranges.size(); ++i)
-      make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
-  } else if (have_origin || linkage_name != nullptr || inlined) {
-    // The entry is its own abstract entry unless it names another.
-    new_inline_note(name, linkage_name, have_origin ? origin : offset, -1, 0);
-  } else {
-    // An entry without code whose function still has a sized symbol had
-    // its code folded into another function's or turned into a thunk; the
-    // symbol table gives that code a record.
-    if (name == nullptr || !symbols->has_sized(name))
-      warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
-              (unsigned long long)offset, (unsigned long long)offset);
-  }
-}
-
-// Entries nested deeper than this are refused.  Compilers stay far below
-// it; the limit is there because libdwarf finds the sibling of an entry
-// without a DW_AT_sibling link by reading through all of the entry's
-// descendants, so the walk costs the size of the tree times its depth.
-static constexpr int kMaxDepth = 2048;
-
-// Walks the tree below and beside `root` (a unit's entry).  All later
-// siblings of an entry are visited before its children, and the children of
-// a later sibling before those of an earlier one: the order in which the
-// records are made.  A stack of entries whose children are still to be
-// looked at gives that order without recursion, so neither a long sibling
-// chain nor deep nesting can exhaust the machine stack.  In a sound tree
-// every entry is reached once; a damaged sibling link that leads back into
-// the tree is caught by the second arrival, which also bounds the work.
-void walk_entries(Dwarf_Die root, const Unit &unit) {
-  struct Pending {
-    Dwarf_Die die;
-    int depth;
+  // A subprogram entry that has code, as its records need it.
+  struct Subprogram {
+    const char *name; // may be null
+    const char *text; // the name in messages
+    bool have_origin;
+    Dwarf_Off origin;
+    const char *linkage_name; // may be null
+    Dwarf_Off offset;
+    const char *file_name;
   };
-  std::unordered_set<Dwarf_Off> reached;
-  std::vector<Pending> stack;
-  auto visit_chain = [&](Dwarf_Die die, int depth) {
-    for (;;) {
-      Dwarf_Off offset = 0;
-      Dwarf_Error err = nullptr;
-      int res = dwarf_dieoffset(die, &offset, &err);
-      if (res != DW_DLV_OK)
-        print_dwarf_error(dbg, res, err, "dwarf_dieoffset");
-      if (!reached.insert(offset).second)
-        error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
-              (unsigned long long)offset);
-      if (depth > kMaxDepth)
-        error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
-              (unsigned long long)offset, kMaxDepth);
-      stack.push_back({die, depth});
-      visit_entry(die, unit);
-      Dwarf_Die sibling = nullptr;
-      res = dwarf_siblingof(dbg, die, &sibling, &err);
-      if (res == DW_DLV_ERROR)
-        print_dwarf_error(dbg, res, err, "dwarf_dibling");
-      if (res != DW_DLV_OK)
-        return;
-      die = sibling;
-    }
-  };
-  visit_chain(root, 0);
-  while (!stack.empty()) {
-    Pending p = stack.back();
-    stack.pop_back();
-    Dwarf_Die child = nullptr;
+
+  // The record of one range of a subprogram's code; `part` is 0 for the
+  // range that holds its entry.  A concrete instance without a name of its
+  // own (an out-of-line copy, or a clone such as foo.part.0) takes that of
+  // the function symbol at its start, which tells clones apart; failing
+  // that, the inline notes give it its abstract entry's name at the end.
+  void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
+    bool instance = s.have_origin || s.linkage_name != nullptr;
+    const char *name = part == 0 ? s.name : nullptr;
+    if (name == nullptr && (part > 0 || instance))
+      name = symbols->name_at(lo);
+    if (name == nullptr && part > 0 && s.name != nullptr)
+      name = cold_name(s.name, part);
+    Proc *p = new_proc();
+    p->file_name = s.file_name;
+    p->name = name;
+    p->old_addr = lo;
+    p->size = uint32_t(hi) - uint32_t(lo);
+    if (instance)
+      new_inline_note(nullptr, s.linkage_name, s.have_origin ? s.origin : s.offset, get_n_procs() - 1,
+                      name == nullptr, part);
+    if (option.debug & 1)
+      dump("  Subprogram: %s(%#llx-%#llx)", part == 0 || name == nullptr ? s.text : name, (unsigned long long)lo,
+           (unsigned long long)hi);
+  }
+
+  // One entry of a unit's tree; only subprograms matter.
+  void visit_entry(Dwarf_Die die, const Unit &unit) {
     Dwarf_Error err = nullptr;
-    int res = dwarf_child(p.die, &child, &err);
-    if (res == DW_DLV_ERROR)
-      print_dwarf_error(dbg, res, err, "dwarf_child");
-    if (p.die != root)
-      dwarf_dealloc(dbg, p.die, DW_DLA_DIE);
-    if (res == DW_DLV_OK)
-      visit_chain(child, p.depth + 1);
-  }
-}
+    Dwarf_Half tag = 0;
+    int res = dwarf_tag(die, &tag, &err);
+    if (res != DW_DLV_OK)
+      print_dwarf_error(dbg, res, err, "dwarf_tag");
+    if (tag != DW_TAG_subprogram)
+      return;
 
-// Gives every pending note's procedure a name: that of another note for
-// the same abstract entry or with the same linkage name (with the suffix of
-// a cold part), else a made-up one.
+    const char *name = nullptr;
+    char *raw = nullptr;
+    res = dwarf_diename(die, &raw, &err);
+    if (res == DW_DLV_ERROR)
+      print_dwarf_error(dbg, res, err, "dwarf_diename");
+    if (res == DW_DLV_OK) {
+      name = bin.procs.keep(raw);
+      dwarf_dealloc(dbg, raw, DW_DLA_STRING);
+    }
+    std::string text = name ? name : kNoName;
+
+    PcRange pc = read_pc_range(die, text.c_str());
+    if (pc.declaration)
+      return;
+    std::vector<CodeRange> ranges;
+    bool have_ranges = !pc.have_high && read_code_ranges(dbg, die, unit.base, text.c_str(), &ranges);
+
+    bool have_origin = false;
+    Dwarf_Off origin = 0;
+    Dwarf_Attribute a;
+    if (find_attr(die, DW_AT_abstract_origin, &a)) {
+      res = dwarf_global_formref(a, &origin, &err);
+      have_origin = res == DW_DLV_OK;
+      drop_error(res, err);
+      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    }
+
+    // Any value but DW_INL_not_inlined makes the entry an abstract instance
+    // root, whose code, if any, other entries describe.
+    bool inlined = false;
+    if (find_attr(die, DW_AT_inline, &a)) {
+      Dwarf_Unsigned how = 0;
+      res = dwarf_formudata(a, &how, &err);
+      drop_error(res, err);
+      if (res == DW_DLV_OK) {
+        inlined = how != DW_INL_not_inlined;
+      } else {
+        // DWARF 5 writers give the value as an implicit constant, which
+        // this libdwarf reads only as a signed number.
+        Dwarf_Signed signed_how = 0;
+        res = dwarf_formsdata(a, &signed_how, &err);
+        drop_error(res, err);
+        inlined = res == DW_DLV_OK && signed_how != DW_INL_not_inlined;
+      }
+      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    }
+
+    const char *linkage_name = nullptr;
+    if (find_attr(die, kAbstractNameAttr, &a)) {
+      char *s = nullptr;
+      res = dwarf_formstring(a, &s, &err);
+      if (res == DW_DLV_OK)
+        linkage_name = bin.procs.keep(s);
+      drop_error(res, err);
+      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    }
+    if (name == nullptr && linkage_name != nullptr)
+      text = std::string("abstract name: ") + linkage_name + "\n";
+
+    Dwarf_Off offset = 0;
+    if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
+      error("Unable to get dieoffset for %s\n", text.c_str());
+
+    Subprogram s{name, text.c_str(), have_origin, origin, linkage_name, offset, unit.file_name};
+    if (pc.have_high || have_ranges) {
+      if (pc.have_high && !pc.have_low)
+        error("Have highpc but no lowpc on %s\n", text.c_str());
+      if (pc.have_high)
+        ranges.assign(1, CodeRange{pc.low, pc.high});
+      size_t entry = pc.have_high ? 0 : entry_range(dbg, die, ranges);
+      for (size_t i = 0, part = 0; i < ranges.size(); ++i)
+        make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
+    } else if (have_origin || linkage_name != nullptr || inlined) {
+      // The entry is its own abstract entry unless it names another.
+      new_inline_note(name, linkage_name, have_origin ? origin : offset, -1, 0);
+    } else {
+      // An entry without code whose function still has a sized symbol had
+      // its code folded into another function's or turned into a thunk; the
+      // symbol table gives that code a record.
+      if (name == nullptr || !symbols->has_sized(name))
+        warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
+                (unsigned long long)offset, (unsigned long long)offset);
+    }
+  }
+
+  // Entries nested deeper than this are refused.  Compilers stay far below
+  // it; the limit is there because libdwarf finds the sibling of an entry
+  // without a DW_AT_sibling link by reading through all of the entry's
+  // descendants, so the walk costs the size of the tree times its depth.
+  static constexpr int kMaxDepth = 2048;
+
+  // Walks the tree below and beside `root` (a unit's entry).  All later
+  // siblings of an entry are visited before its children, and the children of
+  // a later sibling before those of an earlier one: the order in which the
+  // records are made.  A stack of entries whose children are still to be
+  // looked at gives that order without recursion, so neither a long sibling
+  // chain nor deep nesting can exhaust the machine stack.  In a sound tree
+  // every entry is reached once; a damaged sibling link that leads back into
+  // the tree is caught by the second arrival, which also bounds the work.
+  void walk_entries(Dwarf_Die root, const Unit &unit) {
+    struct Pending {
+      Dwarf_Die die;
+      int depth;
+    };
+    std::unordered_set<Dwarf_Off> reached;
+    std::vector<Pending> stack;
+    auto visit_chain = [&](Dwarf_Die die, int depth) {
+      for (;;) {
+        Dwarf_Off offset = 0;
+        Dwarf_Error err = nullptr;
+        int res = dwarf_dieoffset(die, &offset, &err);
+        if (res != DW_DLV_OK)
+          print_dwarf_error(dbg, res, err, "dwarf_dieoffset");
+        if (!reached.insert(offset).second)
+          error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
+                (unsigned long long)offset);
+        if (depth > kMaxDepth)
+          error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
+                (unsigned long long)offset, kMaxDepth);
+        stack.push_back({die, depth});
+        visit_entry(die, unit);
+        Dwarf_Die sibling = nullptr;
+        res = dwarf_siblingof(dbg, die, &sibling, &err);
+        if (res == DW_DLV_ERROR)
+          print_dwarf_error(dbg, res, err, "dwarf_dibling");
+        if (res != DW_DLV_OK)
+          return;
+        die = sibling;
+      }
+    };
+    visit_chain(root, 0);
+    while (!stack.empty()) {
+      Pending p = stack.back();
+      stack.pop_back();
+      Dwarf_Die child = nullptr;
+      Dwarf_Error err = nullptr;
+      int res = dwarf_child(p.die, &child, &err);
+      if (res == DW_DLV_ERROR)
+        print_dwarf_error(dbg, res, err, "dwarf_child");
+      if (p.die != root)
+        dwarf_dealloc(dbg, p.die, DW_DLA_DIE);
+      if (res == DW_DLV_OK)
+        visit_chain(child, p.depth + 1);
+    }
+  }
+
+  // Gives every pending note's procedure a name: that of another note for
+  // the same abstract entry or with the same linkage name (with the suffix of
+  // a cold part), else a made-up one.
 };
 
 void DwarfWalk::resolve_inline_notes() {

@@ -7,8 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "com/elf_impl.h"
 #include "base/bytes.h"
+#include "base/file_io.h"
+#include "com/elf_impl.h"
 
 namespace vesk {
 
@@ -69,17 +70,10 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
   std::vector<char> buf(65536);
   uint64_t pos = 0, end = uint64_t(in_size);
   auto copy = [&](uint64_t from, uint64_t to) {
-    while (from < to) {
+    for (; from < to; from += buf.size()) {
       size_t n = size_t(std::min<uint64_t>(to - from, buf.size()));
-      ssize_t got = pread(bin.in_fd, buf.data(), n, off_t(from));
-      if (got <= 0) {
-        if (got == 0)
-          errno = -1;
-        sysfatal("reading %s", option.program);
-      }
-      if (pwrite(bin.out_fd, buf.data(), size_t(got), off_t(from)) != got)
-        sysfatal("writing %s", option.output);
-      from += uint64_t(got);
+      read_at(bin.in_fd, from, buf.data(), n, "contents", option.program);
+      write_at(bin.out_fd, from, buf.data(), n, "contents", option.output);
     }
   };
   for (const FileRange &r : ranges) {

@@ -7,12 +7,12 @@
 #include <cstring>
 #include <vector>
 
-#include "com/elf.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
+#include "com/elf.h"
 
 namespace vesk {
 

@@ -4,13 +4,13 @@
 #include <cstring>
 #include <string>
 
-#include "com/symtab_procs.h"
-#include "mdebug/symtab.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/options.h"
 #include "base/proc.h"
+#include "com/symtab_procs.h"
+#include "mdebug/symtab.h"
 
 namespace vesk {
 

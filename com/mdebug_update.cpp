@@ -13,13 +13,13 @@
 #include <gelf.h>
 #include <libelf.h>
 
-#include "com/elf.h"
-#include "mdebug/records.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
+#include "com/elf.h"
+#include "mdebug/records.h"
 
 namespace vesk {
 

@@ -9,11 +9,12 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "com/elf.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "base/file_io.h"
 #include "base/options.h"
+#include "com/elf.h"
 
 namespace vesk {
 
@@ -68,39 +69,6 @@ void repoint_and_sort(uint8_t *table, size_t count) {
   for (size_t i = 0; i < count; ++i)
     repoint_descriptor(table + i * RPT_ENTRY_SIZE);
   std::qsort(table, count, RPT_ENTRY_SIZE, cmp_adr);
-}
-
-void seek_to(int fd, uint32_t offset, const char *what) {
-  if (lseek(fd, off_t(offset), SEEK_SET) != off_t(offset))
-    sysfatal("seeking to the %s at offset %#x", what, offset);
-}
-
-void read_exact(int fd, uint32_t offset, uint8_t *buf, size_t size, const char *what) {
-  seek_to(fd, offset, what);
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = read(fd, buf + done, size - done);
-    if (n <= 0) {
-      if (n == 0)
-        errno = -1;
-      sysfatal("reading the %s of %s", what, option.program);
-    }
-    done += size_t(n);
-  }
-}
-
-void write_exact(int fd, uint32_t offset, const uint8_t *buf, size_t size, const char *what) {
-  seek_to(fd, offset, what);
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = write(fd, buf + done, size - done);
-    if (n <= 0) {
-      if (n == 0)
-        errno = -1;
-      sysfatal("writing the %s of %s", what, option.output);
-    }
-    done += size_t(n);
-  }
 }
 
 } // namespace
@@ -185,9 +153,9 @@ void post_process_rpt(int in_fd, int out_fd) {
   if (bin.rpt_in_file == 0 || bin.rpt_size == 0)
     return;
   auto *buf = static_cast<uint8_t *>(std::malloc(bin.rpt_size));
-  read_exact(in_fd, bin.rpt_offset, buf, bin.rpt_size, "runtime procedure table");
+  read_at(in_fd, bin.rpt_offset, buf, bin.rpt_size, "runtime procedure table", option.program);
   repoint_and_sort(buf, bin.rpt_size / RPT_ENTRY_SIZE);
-  write_exact(out_fd, bin.rpt_offset, buf, bin.rpt_size, "runtime procedure table");
+  write_at(out_fd, bin.rpt_offset, buf, bin.rpt_size, "runtime procedure table", option.output);
   std::free(buf);
 }
 
@@ -195,8 +163,8 @@ void post_process_line(int in_fd, int out_fd) {
   if (bin.line_size == 0)
     return;
   auto *buf = static_cast<uint8_t *>(std::malloc(bin.line_size));
-  read_exact(in_fd, bin.line_offset, buf, bin.line_size, "mdebug line-number table");
-  write_exact(out_fd, bin.line_offset, buf, bin.line_size, "mdebug line-number table");
+  read_at(in_fd, bin.line_offset, buf, bin.line_size, "mdebug line-number table", option.program);
+  write_at(out_fd, bin.line_offset, buf, bin.line_size, "mdebug line-number table", option.output);
   std::free(buf);
 }
 

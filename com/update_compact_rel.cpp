@@ -13,15 +13,15 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "com/compact_rel.h"
-#include "com/elf.h"
-#include "com/update.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/mips.h"
 #include "base/options.h"
 #include "base/proc.h"
+#include "com/compact_rel.h"
+#include "com/elf.h"
+#include "com/update.h"
 
 namespace vesk {
 

@@ -5,13 +5,13 @@
 
 #include <ctime>
 
-#include "com/elf.h"
-#include "com/update.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
+#include "com/elf.h"
+#include "com/update.h"
 
 namespace vesk {
 

@@ -6,12 +6,12 @@
 #include <tuple>
 #include <unistd.h>
 
-#include "com/compact_rel.h"
-#include "support/run.h"
-#include "support/synth_elf.h"
-#include "support/o32_programs.h"
 #include "base/bytes.h"
 #include "base/mips.h"
+#include "com/compact_rel.h"
+#include "support/o32_programs.h"
+#include "support/run.h"
+#include "support/synth_elf.h"
 
 using namespace vesk;
 using namespace vesk::test;

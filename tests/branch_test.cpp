@@ -4,12 +4,12 @@
 #include <utility>
 #include <vector>
 
-#include "com/branch.h"
-#include "support/fatal.h"
-#include "support/rewrite_harness.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/mips.h"
+#include "com/branch.h"
+#include "support/fatal.h"
+#include "support/rewrite_harness.h"
 #include "vesk/options.h"
 
 using namespace vesk;

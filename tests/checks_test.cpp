@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "base/mips.h"
 #include "planning_fixture.h"
 #include "support/fatal.h"
-#include "base/mips.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -95,8 +95,8 @@ TEST_F(Checks, CallAtTheEndAndFallThroughTie) {
   build({4, 2, 0, 5, 3, 1});
   option.verbose = 1;
   testing::internal::CaptureStderr();
-  check_merged_procedure();
-  check_procedure_with_no_return();
+  tie_procedures_ending_in_a_call();
+  tie_procedures_without_a_return();
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(order(), (Order{"p4", "p5", "p2", "p3", "p0", "p1"}));
   EXPECT_EQ(err, "Note: p2 and p3 tied, jal/jalr\nNote: p0 and p1 tied, jal/jalr\nNote: p4 and p5 tied, no jr\n");

@@ -4,10 +4,10 @@
 
 #include <vector>
 
+#include "base/bytes.h"
 #include "com/compact_rel.h"
 #include "support/fatal.h"
 #include "support/synth_elf.h"
-#include "base/bytes.h"
 
 using namespace vesk;
 using vesk::test::put32;

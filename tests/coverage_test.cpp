@@ -15,14 +15,14 @@
 #include <map>
 #include <set>
 
+#include "base/bin.h"
+#include "base/proc.h"
 #include "support/bench.h"
 #include "support/elf_file.h"
 #include "support/o32_programs.h"
 #include "support/read_bin.h"
 #include "support/scratch.h"
-#include "base/bin.h"
 #include "vesk/options.h"
-#include "base/proc.h"
 #include "vesk/reader.h"
 
 using namespace vesk;

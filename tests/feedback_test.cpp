@@ -55,7 +55,7 @@ struct Feedback : Planning {
       Proc *p = get_proc_by_index(i);
       p->prev = p->next = nullptr;
       p->freq = 0;
-      p->placed = 0;
+      p->listed = 0;
     }
     bin.procs.order_head = bin.procs.order_tail = nullptr;
     bin.procs.feedback_stale = false;
@@ -88,7 +88,7 @@ TEST_F(Feedback, OneFileGivesItsOrderThenTheRestInTableOrder) {
   EXPECT_EQ(err, "Note: Feedback file(s) may be out of date. You may want to regenerate the\n"
                  "      feedback file(s) for better performance. Use vesk -v for more info.\n");
   for (Proc *p = bin.procs.order_head; p; p = p->next)
-    EXPECT_EQ(p->placed, std::string(p->name) == "d" || std::string(p->name) == "b" ||
+    EXPECT_EQ(p->listed, std::string(p->name) == "d" || std::string(p->name) == "b" ||
                                  std::string(p->name) == "c"
                              ? 1
                              : 0);

@@ -4,9 +4,9 @@
 
 #include <random>
 
+#include "base/bytes.h"
 #include "support/bench.h"
 #include "support/scratch.h"
-#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;

@@ -16,15 +16,15 @@
 #include <unistd.h>
 #include <vector>
 
+#include "base/bin.h"
+#include "base/proc.h"
 #include "com/mdebug.h"
 #include "mdebug/symtab.h"
 #include "support/elf_file.h"
 #include "support/read_bin.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "base/bin.h"
 #include "vesk/options.h"
-#include "base/proc.h"
 #include "vesk/reader.h"
 
 using namespace vesk;

@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <map>
 
+#include "base/bytes.h"
 #include "support/bench.h"
 #include "support/elf_file.h"
 #include "support/o32_reorder.h"
 #include "support/run.h"
-#include "base/bytes.h"
 
 using namespace vesk::test;
 

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "base/diag.h"
+#include "base/mips.h"
 #include "planning_fixture.h"
 #include "support/fatal.h"
 #include "support/run.h"
 #include "vesk/feedback.h"
-#include "base/diag.h"
-#include "base/mips.h"
 #include "vesk/noreturn.h"
 #include "vesk/order.h"
 
@@ -264,11 +264,12 @@ TEST_F(Layout, PlanningStaysLinear) {
 // result, notes and traces are those of the plain walk, here written out.
 void plain_walk(bool calls) {
   NoReturn never;
-  clear_proc_flag();
+  for (Proc &p : bin.procs.records)
+    p.examined = false;
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
-    if (p->placed == 1)
+    if (p->examined)
       continue;
-    p->placed = 1;
+    p->examined = true;
     if (p->old_addr < bin.text_lo || p->old_addr >= bin.text_hi)
       continue;
     uint64_t first = (p->old_addr - bin.text_lo) / 4, n = p->size / 4;
@@ -337,8 +338,8 @@ TEST_F(Layout, ListWalksMatchThePlainWalk) {
         plain_walk(false);
       } else {
         check_branch_out_of_procedure();
-        check_merged_procedure();
-        check_procedure_with_no_return();
+        tie_procedures_ending_in_a_call();
+        tie_procedures_without_a_return();
       }
       results[plain] = testing::internal::GetCapturedStderr() + testing::internal::GetCapturedStdout();
       for (Proc *p = bin.procs.order_head; p; p = p->next)
@@ -398,7 +399,7 @@ TEST_F(Layout, GrowingChainsTieInLinearTime) {
   std::vector<Proc *> procs = all_procs();
   attach(std::vector<Proc *>(procs.rbegin(), procs.rend()));
   auto start = std::chrono::steady_clock::now();
-  check_procedure_with_no_return();
+  tie_procedures_without_a_return();
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_LT(secs, 3.0);
   Proc *q = bin.procs.order_head;

@@ -13,9 +13,9 @@
 
 #include "base/bin.h"
 #include "base/bytes.h"
+#include "base/proc.h"
 #include "vesk/checks.h"
 #include "vesk/options.h"
-#include "base/proc.h"
 
 namespace vesk::test {
 
@@ -87,7 +87,7 @@ struct Planning : ::testing::Test {
   static void attach(const std::vector<Proc *> &fed) {
     for (Proc *p : fed) {
       attach_proc_list(p);
-      p->placed = 1;
+      p->listed = 1;
     }
     attach_proc_with_no_feedback();
   }
@@ -138,8 +138,8 @@ struct Planning : ::testing::Test {
   static void run_checks() {
     verify_proc();
     check_branch_out_of_procedure();
-    check_merged_procedure();
-    check_procedure_with_no_return();
+    tie_procedures_ending_in_a_call();
+    tie_procedures_without_a_return();
   }
 };
 

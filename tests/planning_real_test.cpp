@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/text_words.h"
 #include "planning_fixture.h"
 #include "support/bench.h"
 #include "support/elf_file.h"
@@ -21,7 +22,6 @@
 #include "vesk/feedback.h"
 #include "vesk/order.h"
 #include "vesk/r4000.h"
-#include "base/text_words.h"
 
 using namespace vesk;
 using namespace vesk::test;

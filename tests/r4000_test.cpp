@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "planning_fixture.h"
 #include "base/mips.h"
+#include "planning_fixture.h"
 #include "vesk/order.h"
 #include "vesk/r4000.h"
 
@@ -128,7 +128,7 @@ TEST_F(R4000, FaultyProceduresGetAnotherInFront) {
             body(8, {{6, NOP}}), // falls through into r4
             body(8)};
   build({0, 1, 2, 3, 4});
-  check_procedure_with_no_return();
+  tie_procedures_without_a_return();
   ASSERT_EQ(p[3]->tied, 1);
   fix_r4000_bug();
   EXPECT_EQ(order(), (Order{"r0", "r3", "r4", "r1", "r2"}));

@@ -13,6 +13,8 @@
 #include <set>
 #include <unistd.h>
 
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "com/branch.h"
 #include "com/update.h"
 #include "support/bench.h"
@@ -20,8 +22,6 @@
 #include "support/rewrite_harness.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "base/bin.h"
-#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;

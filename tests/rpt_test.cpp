@@ -5,12 +5,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "com/rpt.h"
 #include "support/fatal.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "base/bin.h"
-#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;

@@ -9,9 +9,9 @@
 #include <unistd.h>
 
 #include "support/bench.h"
+#include "support/child.h"
 #include "support/elf_file.h"
 #include "support/o32_programs.h"
-#include "support/child.h"
 #include "support/scratch.h"
 #include "vesk/driver.h"
 #include "vesk/options.h"
@@ -163,7 +163,7 @@ TEST(RunErrors, CopyThatCannotReadTheInput) {
   EXPECT_EQ(read_file(out), "0123456789");
   r = copy(O_WRONLY); // the read fails
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Error: Bad file descriptor, reading prog.\n");
+  EXPECT_EQ(r.err, "Error: Bad file descriptor, reading the contents of prog.\n");
   r = run_in_child([] {
     vesk::option.program = "prog";
     int p[2];

@@ -8,13 +8,13 @@
 #include <functional>
 #include <unistd.h>
 
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "base/mips.h"
 #include "com/compact_rel.h"
 #include "com/update_compact_rel.h"
 #include "support/fatal.h"
 #include "support/synth_elf.h"
-#include "base/bin.h"
-#include "base/bytes.h"
-#include "base/mips.h"
 
 using namespace vesk;
 using namespace vesk::test;

@@ -6,16 +6,16 @@
 #include <gelf.h>
 #include <unistd.h>
 
-#include "com/elf.h"
-#include "com/update.h"
-#include "support/fatal.h"
-#include "support/elf_file.h"
-#include "support/rewrite_harness.h"
-#include "support/run.h"
-#include "support/synth_elf.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/elf_class.h"
+#include "com/elf.h"
+#include "com/update.h"
+#include "support/elf_file.h"
+#include "support/fatal.h"
+#include "support/rewrite_harness.h"
+#include "support/run.h"
+#include "support/synth_elf.h"
 #include "vesk/options.h"
 
 using namespace vesk;

@@ -12,10 +12,10 @@
 #include <string>
 #include <sys/stat.h>
 
+#include "base/diag.h"
 #include "tools/annotate/describe.h"
 #include "tools/annotate/image.h"
 #include "tools/annotate/write.h"
-#include "base/diag.h"
 
 namespace {
 

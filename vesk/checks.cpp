@@ -13,10 +13,10 @@
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/mips.h"
+#include "base/text_words.h"
 #include "vesk/noreturn.h"
 #include "vesk/options.h"
 #include "vesk/reach.h"
-#include "base/text_words.h"
 
 namespace vesk {
 
@@ -130,7 +130,7 @@ Proc *walk_chain(Proc *b, bool print) {
 // heads a whole chain of examined records, which is passed in one step.
 Proc *next_to_examine(Proc *p) {
   Proc *q = p->next;
-  while (q != nullptr && q->placed == 1)
+  while (q != nullptr && q->examined)
     q = q->tied == 1 ? walk_chain(q, false)->next : q->next;
   return q;
 }
@@ -273,16 +273,17 @@ void check_branch_out_of_procedure() {
 }
 
 // Walks the list as the ties change it, examining every procedure once
-// (`placed` marks the examined ones); a procedure starting in the text for
+// (`examined` marks them); a procedure starting in the text for
 // which leaves_into_next() holds is tied to its physical successor, with
 // the note "%s and %s tied, <why>" under -v.
 template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next, const char *why) {
   ChainEndsScope scope;
-  clear_proc_flag();
+  for (Proc &p : bin.procs.records)
+    p.examined = false;
   for (Proc *p = bin.procs.order_head; p != nullptr; p = next_to_examine(p)) {
-    if (p->placed == 1)
+    if (p->examined)
       continue;
-    p->placed = 1;
+    p->examined = true;
     if (!start_in_text(p) || !leaves_into_next(p))
       continue;
     Proc *q = physically_next(p);
@@ -291,7 +292,7 @@ template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next,
   }
 }
 
-void check_merged_procedure() {
+void tie_procedures_ending_in_a_call() {
   NoReturn calls;
   tie_procedures_that_run_on(
       [&calls](const Proc *p) {
@@ -308,7 +309,7 @@ void check_merged_procedure() {
       "jal/jalr");
 }
 
-void check_procedure_with_no_return() {
+void tie_procedures_without_a_return() {
   NoReturn calls;
   tie_procedures_that_run_on(
       [&calls](const Proc *p) {

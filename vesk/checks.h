@@ -10,7 +10,11 @@ namespace vesk {
 int put_proc_together(Proc *a, Proc *b);
 void verify_proc();
 void check_branch_out_of_procedure();
-void check_merged_procedure();
-void check_procedure_with_no_return();
+// A procedure whose last call returns into the next procedure (the call
+// fills the word before the last delay slot) is tied to it.
+void tie_procedures_ending_in_a_call();
+// A procedure with no return, no break and no jump away at its end runs on
+// into the next procedure, and is tied to it.
+void tie_procedures_without_a_return();
 
 } // namespace vesk

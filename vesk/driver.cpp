@@ -10,20 +10,20 @@
 #include <unistd.h>
 #include <vector>
 
+#include "base/bin.h"
+#include "base/diag.h"
+#include "base/file_io.h"
+#include "base/proc.h"
 #include "com/branch.h"
 #include "com/elf.h"
-#include "com/events.h"
 #include "com/mdebug.h"
 #include "com/rpt.h"
 #include "com/update.h"
 #include "com/update_compact_rel.h"
-#include "base/bin.h"
 #include "vesk/checks.h"
-#include "base/diag.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
 #include "vesk/order.h"
-#include "base/proc.h"
 #include "vesk/r4000.h"
 #include "vesk/reach.h"
 #include "vesk/reader.h"
@@ -130,8 +130,8 @@ void reorder_it() {
   duplicate_elf();
   verify_proc();
   check_branch_out_of_procedure();
-  check_merged_procedure();
-  check_procedure_with_no_return();
+  tie_procedures_ending_in_a_call();
+  tie_procedures_without_a_return();
   keep_split_functions_in_reach();
   if (option.r4000_fix == 1)
     fix_r4000_bug();
@@ -146,10 +146,8 @@ void reorder_it() {
   if (is_o32())
     update_rpt();
   update_branch_offset();
-  if (!is_o32())
-    process_update_events();
-  else
-    update_compact_rel();
+  if (is_o32())
+    update_compact_rel(); // n32/n64 code has not moved (refused above)
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();
   update_mdebug();
@@ -157,20 +155,11 @@ void reorder_it() {
 
 void bin_copy(int in_fd, int out_fd) {
   off_t size = lseek(in_fd, 0, SEEK_END);
-  if (size < 0 || lseek(in_fd, 0, SEEK_SET) != 0)
+  if (size < 0)
     sysfatal("reading %s", option.program);
-  lseek(out_fd, 0, SEEK_SET);
-  char *buf = static_cast<char *>(std::malloc(size > 0 ? size_t(size) : 1));
-  ssize_t got = read(in_fd, buf, size_t(size));
-  if (got != size) {
-    if (got >= 0)
-      errno = -1;
-    sysfatal("reading %s", option.program);
-  }
-  ssize_t put = write(out_fd, buf, size_t(size));
-  std::free(buf);
-  if (put != size)
-    sysfatal("writing %s", option.output);
+  std::vector<uint8_t> buf(static_cast<size_t>(size));
+  read_at(in_fd, 0, buf.data(), buf.size(), "contents", option.program);
+  write_at(out_fd, 0, buf.data(), buf.size(), "contents", option.output);
 }
 
 void check_output_is_not_input() {

@@ -154,7 +154,7 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
     error("invalid version");
 
   // Each record is listed at most once per file: a found record is marked
-  // placed, and placed records are not found again.
+  // listed, and listed records are not found again.
   int n = 0;
   BodyFields fields;
   while (std::fgets(line, sizeof line, f) != nullptr) {
@@ -168,14 +168,14 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
     Proc *p = find_proc_by_name(fields.name, file);
     if (p == nullptr)
       continue;
-    p->placed = 1;
+    p->listed = 1;
     p->freq += fields.count;
     list[n].proc = p;
     list[n].count = fields.count;
     ++n;
   }
   for (int i = 0; i < n; ++i)
-    list[i].proc->placed = 0;
+    list[i].proc->listed = 0;
   return n;
 }
 
@@ -185,20 +185,20 @@ int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *lat
   clear_proc_flag();
   for (int i = 0; i < n_earlier; ++i)
     if (earlier[i].count != 0)
-      earlier[i].proc->placed = IN_EARLIER;
+      earlier[i].proc->listed = IN_EARLIER;
   for (int i = 0; i < n_later; ++i)
     if (later[i].count != 0)
-      later[i].proc->placed |= IN_LATER;
+      later[i].proc->listed |= IN_LATER;
 
   // A record enters the merged list once, even if a count that wrapped to
   // zero would qualify it for a second step.
   auto take = [&merged](Proc *p, uint32_t count) {
-    if (p->placed & TAKEN)
+    if (p->listed & TAKEN)
       return;
-    p->placed |= TAKEN;
+    p->listed |= TAKEN;
     merged.push_back({p, count});
   };
-  auto mark = [](const ProcMapEntry &e) { return e.proc->placed & (IN_EARLIER | IN_LATER); };
+  auto mark = [](const ProcMapEntry &e) { return e.proc->listed & (IN_EARLIER | IN_LATER); };
 
   for (int i = 0; i < n_earlier; ++i) // only in the earlier file
     if (mark(earlier[i]) == IN_EARLIER)
@@ -243,7 +243,7 @@ void read_reorder_files() {
   clear_proc_flag();
   for (int i = 0; i < n_accumulated; ++i) {
     attach_proc_list(accumulated[i].proc);
-    accumulated[i].proc->placed = 1;
+    accumulated[i].proc->listed = 1;
   }
   attach_proc_with_no_feedback();
   if (bin.procs.feedback_stale && option.verbose == 0)

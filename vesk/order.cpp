@@ -7,13 +7,12 @@
 
 #include "base/bin.h"
 #include "base/bytes.h"
-#include "vesk/checks.h"
 #include "base/diag.h"
-#include "vesk/feedback.h"
-#include "vesk/options.h"
 #include "base/proc.h"
 #include "base/text_words.h"
-#include "xlate/xlate_table.h"
+#include "vesk/checks.h"
+#include "vesk/feedback.h"
+#include "vesk/options.h"
 
 namespace vesk {
 
@@ -153,8 +152,6 @@ void reorder_procedures() {
   page_statistics();
   if (option.debug)
     dump_address_mapping();
-  if (bin.debug_kind == DEBUG_DWARF)
-    build_xlate_table();
 }
 
 } // namespace vesk

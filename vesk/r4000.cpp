@@ -7,11 +7,11 @@
 
 #include "base/bin.h"
 #include "base/bytes.h"
-#include "vesk/checks.h"
 #include "base/diag.h"
 #include "base/mips.h"
-#include "vesk/options.h"
 #include "base/proc.h"
+#include "vesk/checks.h"
+#include "vesk/options.h"
 
 namespace vesk {
 

@@ -6,11 +6,11 @@
 
 #include "base/bin.h"
 #include "base/bytes.h"
-#include "vesk/checks.h"
 #include "base/diag.h"
 #include "base/mips.h"
-#include "vesk/options.h"
 #include "base/text_words.h"
+#include "vesk/checks.h"
+#include "vesk/options.h"
 
 namespace vesk {
 

@@ -7,12 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "com/dwarf.h"
-#include "com/mdebug.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
+#include "com/dwarf.h"
+#include "com/mdebug.h"
 #include "vesk/options.h"
 
 namespace vesk {

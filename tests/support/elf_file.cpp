@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/rewrite_harness.h"
 #include "base/bytes.h"
+#include "support/rewrite_harness.h"
 
 namespace vesk::test {
 

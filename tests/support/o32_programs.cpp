@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "base/bytes.h"
 #include "support/elf_file.h"
 #include "support/synth_elf.h"
-#include "base/bytes.h"
 
 namespace vesk::test {
 

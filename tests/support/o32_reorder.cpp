@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <unistd.h>
 
-#include "support/elf_file.h"
 #include "base/bytes.h"
+#include "support/elf_file.h"
 
 namespace vesk::test {
 

@@ -6,11 +6,11 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "base/bin.h"
+#include "base/proc.h"
 #include "com/mdebug.h"
 #include "support/child.h"
-#include "base/bin.h"
 #include "vesk/options.h"
-#include "base/proc.h"
 #include "vesk/reader.h"
 
 namespace vesk::test {

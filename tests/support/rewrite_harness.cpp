@@ -12,11 +12,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/bin.h"
+#include "base/bytes.h"
 #include "com/elf.h"
 #include "support/run.h"
 #include "support/synth_elf.h"
-#include "base/bin.h"
-#include "base/bytes.h"
 #include "vesk/driver.h"
 #include "vesk/options.h"
 #include "vesk/reader.h"
