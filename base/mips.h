@@ -118,13 +118,9 @@ constexpr bool r4000_is_branch(uint32_t w, int &r1, int &r2) {
   return false;
 }
 
-constexpr bool r4000_is_memory_access(uint32_t w, bool check_registers, int r1, int r2) {
+constexpr bool r4000_is_memory_access(uint32_t w) {
   uint32_t o = op(w);
-  if (o == 0x1a || o == 0x1b || (o >= 0x20 && o <= 0x27) || o == 0x30 || o == 0x34)
-    return !check_registers || int(rt(w)) == r1 || int(rt(w)) == r2;
-  if ((o >= 0x28 && o <= 0x2f) || (o >= 0x31 && o <= 0x33) || (o >= 0x35 && o <= 0x3a) || o >= 0x3c)
-    return true;
-  return false;
+  return o == 0x1a || o == 0x1b || (o >= 0x20 && o <= 0x3a) || o >= 0x3c;
 }
 
 constexpr bool is_mfc1(uint32_t w) { return op(w) == OP_COP1 && rs(w) == 0; }

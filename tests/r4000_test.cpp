@@ -63,7 +63,7 @@ struct R4000 : Planning {
         ++n;
       else if (mips::r4000_is_branch(w, r1, r2) && i >= 2) {
         uint32_t x = new_word(i - 2);
-        n += mips::r4000_is_memory_access(x, false, -1, -1) || mips::is_mfc1(x);
+        n += mips::r4000_is_memory_access(x) || mips::is_mfc1(x);
       }
     }
     return n;

@@ -34,16 +34,10 @@ bool faulty_page_end(uint64_t idx, uint32_t w) {
   if (mips::r4000_is_divide(w))
     return true;
   int r1, r2;
-  if (!mips::r4000_is_branch(w, r1, r2))
+  if (!mips::r4000_is_branch(w, r1, r2) || idx < 2)
     return false;
-  if (idx >= 2) {
-    uint32_t x = word_at(bin.text_buf, idx - 2);
-    if (mips::r4000_is_memory_access(x, false, -1, -1) || mips::is_mfc1(x))
-      return true;
-  }
-  // The branch itself is no memory access, so this never fires; it is the
-  // check of a load into a register the branch reads.
-  return idx > 0 && mips::r4000_is_memory_access(w, true, r1, r2);
+  uint32_t x = word_at(bin.text_buf, idx - 2);
+  return mips::r4000_is_memory_access(x) || mips::is_mfc1(x);
 }
 
 } // namespace
