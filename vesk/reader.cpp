@@ -171,7 +171,15 @@ void copy_section_header_to64(const Elf32_Shdr *h, Elf64_Shdr *w) {
   w->sh_entsize = h->sh_entsize;
 }
 
+// The input reader runs two steps: read_input (the file into bin: ELF
+// header, sections, text, GOT, dynamic values) and debug_interface (the
+// procedures, from DWARF or mdebug, completed from the symbol table).
 void read_orig_binary() {
+  read_input();
+  debug_interface();
+}
+
+void read_input() {
   bin.in_fd = open(option.program, O_RDONLY);
   if (bin.in_fd < 1)
     sysfatal("cannot open %s", option.program);
@@ -252,7 +260,6 @@ void read_orig_binary() {
   }
   if (bin.text_lo < bin.stubs_lo)
     bin.stubs_lo = bin.text_lo;
-  debug_interface();
 }
 
 void debug_interface() {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "base/bin.h"
+#include "base/diag.h"
 #include "base/bytes.h"
 #include "com/elf.h"
 #include "support/run.h"
@@ -119,74 +120,11 @@ void load_input(const std::string &path, const std::string &output) {
   option.program = program.c_str();
   option.output = out.c_str();
 
-  bin.in_fd = open(path.c_str(), O_RDONLY);
-  if (bin.in_fd < 0)
-    fail("cannot open " + path);
-  elf_version(EV_CURRENT);
-  bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
-  if (bin.in_elf == nullptr)
-    fail("libelf refuses " + path);
-  if (Elf64_Ehdr *h = elf64_getehdr(bin.in_elf)) {
-    bin.in_ehdr = *h;
-  } else if (Elf32_Ehdr *h32 = elf32_getehdr(bin.in_elf)) {
-    bin.is_elf32 = 1;
-    bin.in_ehdr = copy_elf_header_to64(h32);
-  } else {
-    fail("not an ELF file: " + path);
+  try {
+    read_input();
+  } catch (const Fatal &) {
+    fail("the input reader refuses " + path);
   }
-  elf_errno();
-  bin.is_n32 = (bin.in_ehdr.e_flags & EF_MIPS_ABI2) ? 1 : 0;
-  bin.pic_kind = (bin.in_ehdr.e_flags & EF_MIPS_PIC) ? 0 : (bin.in_ehdr.e_flags & EF_MIPS_CPIC) ? 1 : 2;
-  bin.entry = bin.in_ehdr.e_entry;
-  bin.exec_lo = bin.stubs_lo = ~uint64_t(0);
-
-  size_t shstrndx;
-  elf_getshdrstrndx(bin.in_elf, &shstrndx);
-  for (Elf_Scn *scn = elf_nextscn(bin.in_elf, nullptr); scn; scn = elf_nextscn(bin.in_elf, scn)) {
-    GElf_Shdr sh;
-    gelf_getshdr(scn, &sh);
-    const char *name = elf_strptr(bin.in_elf, shstrndx, sh.sh_name);
-    std::string n = name ? name : "";
-    Elf_Data *d = elf_getdata(scn, nullptr);
-    if (sh.sh_flags & SHF_EXECINSTR) {
-      bin.exec_lo = std::min<uint64_t>(bin.exec_lo, sh.sh_addr);
-      bin.exec_hi = std::max<uint64_t>(bin.exec_hi, sh.sh_addr + sh.sh_size);
-    }
-    if (n == ".text") {
-      bin.text_lo = sh.sh_addr;
-      bin.text_hi = sh.sh_addr + sh.sh_size;
-      bin.text_words = uint32_t(sh.sh_size / 4);
-      bin.text_buf = static_cast<const uint8_t *>(d->d_buf);
-    } else if (n == ".MIPS.stubs") {
-      bin.stubs_lo = sh.sh_addr;
-    } else if (n == ".dynamic") {
-      size_t count = d->d_size / gelf_fsize(bin.in_elf, ELF_T_DYN, 1, EV_CURRENT);
-      for (size_t i = 0; i < count; ++i) {
-        GElf_Dyn dyn;
-        gelf_getdyn(d, int(i), &dyn);
-        uint32_t v = uint32_t(dyn.d_un.d_val);
-        switch (dyn.d_tag) {
-        case DT_PLTGOT: bin.pltgot = v; break;
-        case DT_STRTAB: bin.strtab_addr = v; break;
-        case DT_MIPS_TIME_STAMP: bin.time_stamp = v; break;
-        case DT_MIPS_LOCAL_GOTNO: bin.local_gotno = v; break;
-        case DT_MIPS_GOTSYM: bin.gotsym = v; break;
-        default: break;
-        }
-      }
-    } else if (n == ".reginfo") {
-      bin.gp_value = load32(static_cast<const uint8_t *>(d->d_buf) + 20);
-    } else if (n == ".MIPS.options" && d->d_size >= 40 && static_cast<const uint8_t *>(d->d_buf)[0] == 1) {
-      bin.gp_value = load32(static_cast<const uint8_t *>(d->d_buf) + 36);
-    } else if (n == ".got") {
-      bin.got_buf = static_cast<const uint8_t *>(d->d_buf);
-      bin.got_count = uint32_t(d->d_size / 4);
-    } else if (n == ".dynsym") {
-      bin.dynsym_buf = d->d_buf;
-    }
-  }
-  if (bin.text_lo < bin.stubs_lo)
-    bin.stubs_lo = bin.text_lo;
 }
 
 void begin_output() {
