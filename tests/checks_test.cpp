@@ -9,7 +9,6 @@
 
 using namespace vesk;
 using namespace vesk::test;
-using ::testing::ExitedWithCode;
 
 namespace {
 
@@ -109,22 +108,20 @@ TEST_F(Checks, CallAtTheEndAndFallThroughTie) {
 TEST_F(Checks, TyingErrors) {
   procs(4);
   build({0, 2, 1, 3});
-  EXPECT_FATAL(put_proc_together(p[0], p[2]), ExitedWithCode(1), "^Error: internal in put_proc_together\\.\n$");
+  EXPECT_FATAL(put_proc_together(p[0], p[2]), "^Error: internal in put_proc_together\\.\n$");
   p[0]->tied = 1;
-  EXPECT_FATAL(put_proc_together(p[0], p[1]), ExitedWithCode(1), "^Error: p0 already tied\\.\n$");
+  EXPECT_FATAL(put_proc_together(p[0], p[1]), "^Error: p0 already tied\\.\n$");
   // A chain that already holds a cannot move behind a.
   build({1, 0, 2, 3});
   p[1]->tied = 1;
-  EXPECT_FATAL(put_proc_together(p[0], p[1]), ExitedWithCode(1),
-              "^Error: cannot tie p1 behind p0: p0 is tied behind p1 already\\.\n$");
+  EXPECT_FATAL(put_proc_together(p[0], p[1]), "^Error: cannot tie p1 behind p0: p0 is tied behind p1 already\\.\n$");
 }
 
 TEST_F(Checks, BranchMessages) {
   procs(3);
   words.push_back(beq_zero(0)); // a branch that no procedure holds
   build({});
-  EXPECT_FATAL(check_branch_out_of_procedure(), ExitedWithCode(1),
-              "^Error: cannot find procedure for branch target 0x400030\\.\n$");
+  EXPECT_FATAL(check_branch_out_of_procedure(), "^Error: cannot find procedure for branch target 0x400030\\.\n$");
 
   procs(3);
   words[1] = beq_zero(0x100); // far outside every procedure
@@ -140,7 +137,7 @@ TEST_F(Checks, BranchMessages) {
   build({});
   p[2]->old_addr = addr(0, 3);
   p[2]->size = 36;
-  EXPECT_FATAL(check_branch_out_of_procedure(), ExitedWithCode(1), "^Error: branch p1.addr > p2.addr\\.\n$");
+  EXPECT_FATAL(check_branch_out_of_procedure(), "^Error: branch p1.addr > p2.addr\\.\n$");
 
   // A gap between the procedures: nothing to tie across it.
   procs(3);

@@ -29,7 +29,6 @@
 
 using namespace vesk;
 using namespace vesk::test;
-using ::testing::ExitedWithCode;
 
 namespace {
 
