@@ -74,6 +74,5 @@ inline uint32_t word_at(const uint8_t *buf, uint64_t index) { return load32(buf 
 inline void set_word_at(uint8_t *buf, uint64_t index, uint32_t v) { store32(buf + index * 4, v); }
 
 inline uint64_t sign_extend32(uint32_t v) { return uint64_t(int64_t(int32_t(v))); }
-inline int32_t sign_extend16(uint32_t v) { return int32_t(int16_t(uint16_t(v))); }
 
 } // namespace vesk

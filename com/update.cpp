@@ -55,11 +55,6 @@ uint64_t got_content_by_gpoffset(int32_t off) {
                       : got_content_by_gpoffset_t<Elf64Class>(off);
 }
 
-int32_t find_local_got_entry_for_addr(uint64_t addr, uint32_t *index) {
-  return bin.is_elf32 ? find_local_got_entry_for_addr_t<Elf32Class>(addr, index)
-                      : find_local_got_entry_for_addr_t<Elf64Class>(addr, index);
-}
-
 bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff) {
   return bin.is_elf32 ? try_local_got_entry_for_addr_t<Elf32Class>(addr, index, diff)
                       : try_local_got_entry_for_addr_t<Elf64Class>(addr, index, diff);

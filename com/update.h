@@ -49,11 +49,9 @@ uint32_t got_index_by_gpoffset(int32_t off);
 // The entry (4 or 8 bytes by class, returned whole) at gp-relative offset off.
 uint64_t got_content_by_gpoffset(int32_t off);
 // The first local GOT entry, from index 1, whose value lies within a signed
-// 16-bit offset of addr (low 32 bits); sets *index and returns addr - value.
-// Entries that the GOT update re-pointed are passed over.  Fatal when none
+// 16-bit offset of addr (low 32 bits): sets *index and *diff (addr - value).
+// Entries that the GOT update re-pointed are passed over.  False when none
 // qualifies.
-int32_t find_local_got_entry_for_addr(uint64_t addr, uint32_t *index);
-// The same without ending the run: false when no entry qualifies.
 bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff);
 // Re-point one GOT page/offset pair that formed the old code address
 // old_addr as (GOT[got_index] + low).  Arguments, in this order:

@@ -101,8 +101,6 @@ struct Symr {
 static_assert(sizeof(Symr) == 12);
 
 inline unsigned symr_st(const Symr &s) { return uint32_t(s.type_word) >> 26; }
-inline unsigned symr_sc(const Symr &s) { return (uint32_t(s.type_word) >> 21) & 0x1F; }
-inline unsigned symr_index(const Symr &s) { return uint32_t(s.type_word) & 0xFFFFF; }
 
 // External symbol: flags, owning file, then a local-symbol record.
 struct Extr {
