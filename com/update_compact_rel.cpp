@@ -97,7 +97,8 @@ void update_gprel_pair(CompactRelEntry &e) {
   uint32_t addiu_new = new_addr(addiu_old);
   uint32_t new_inst2 = load32(new_insn(addiu_new));
   if (mips::op(new_inst2) != mips::OP_ADDIU)
-    error("%s:%d ASSERT(new_inst2->i_format.opcode == addiu_op)", "com/update_compact_rel", __LINE__);
+    error("%s: .compact_rel entry for the gp set-up at %#x names its addiu at %#x, but the word there is %#010x",
+          option.program, e.vaddr, addiu_old, new_inst2);
   uint32_t value = (mips::imm16(old_insn(e.vaddr)) << 16) + uint32_t(mips::simm16(old_insn(addiu_old)));
   if (value != e.konst)
     warning("old_offset %#x != entry.konst[%#x] ", value, e.konst);

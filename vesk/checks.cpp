@@ -182,9 +182,11 @@ void verify_proc() {
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
     for (uint64_t i = span.first; i < span.end; ++i) {
+      // Two procedures claiming one word would move it twice, or leave one
+      // of them without its code: the procedure table is wrong.
       if (covered[i])
-        std::printf("instruction %d at %#llx covered twice\n", int(i),
-                    (unsigned long long)(bin.text_lo + 4 * i));
+        error("%s: instruction %d at %#llx covered twice (procedure %s overlaps another)", option.program, int(i),
+              (unsigned long long)(bin.text_lo + 4 * i), name_of(p));
       covered[i] = 1;
     }
   }

@@ -105,7 +105,7 @@ void open_output() {
   std::vector<char> name(temp.begin(), temp.end());
   name.push_back('\0');
   bin.out_fd = mkstemp(name.data());
-  if (bin.out_fd < 1)
+  if (bin.out_fd < 0)
     sysfatal("cannot open %s", option.output);
   bin.output_temp = name.data();
   mode_t mask = umask(0);

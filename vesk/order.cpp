@@ -104,7 +104,8 @@ void page_statistics() {
     uint64_t last_addr = p->size >= 4 ? p->old_addr + p->size - 4 : p->old_addr;
     uint64_t last = last_addr / PAGE - base;
     if (last >= n_pages)
-      error("%s:%d ASSERT(j<n_pages)", "vesk/proc", 546);
+      error("procedure %s (%#llx, %u bytes) reaches beyond the end of .text", name_of(p),
+            (unsigned long long)p->old_addr, p->size);
     old_pages.mark(first, last);
 
     // The new pages of the procedure's first and last word in the text.

@@ -181,7 +181,7 @@ void read_orig_binary() {
 
 void read_input() {
   bin.in_fd = open(option.program, O_RDONLY);
-  if (bin.in_fd < 1)
+  if (bin.in_fd < 0)
     sysfatal("cannot open %s", option.program);
 
   elf_version(EV_CURRENT);
