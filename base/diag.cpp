@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <libelf.h>
+#include <string>
+
+#include "base/options.h"
 
 namespace vesk {
 
@@ -92,29 +95,28 @@ void dump(const char *fmt, ...) {
 }
 
 void print_dwarf_error(Dwarf_Debug dbg, int result, Dwarf_Error err, const char *fmt, ...) {
-  std::fputs("Dwarf Error: ", stderr);
-  if (result == DW_DLV_ERROR) {
-    std::fprintf(stderr, "%s (%lld) ", dwarf_errmsg(err), (long long)dwarf_errno(err));
+  std::string cause;
+  if (result == DW_DLV_ERROR && err != nullptr) {
+    cause = dwarf_errmsg(err);
     dwarf_dealloc(dbg, err, DW_DLA_ERROR);
   } else if (result == DW_DLV_NO_ENTRY) {
-    std::fputs("NO ENTRY ", stderr);
-  } else if (result == DW_DLV_OK) {
-    std::fputs("DLV_OK ", stderr);
+    cause = "no such entry";
   } else {
-    std::fprintf(stderr, "code %d ", result);
+    cause = "libdwarf result " + std::to_string(result);
   }
+  char what[512];
   va_list ap;
   va_start(ap, fmt);
-  std::vfprintf(stderr, fmt, ap);
+  std::vsnprintf(what, sizeof what, fmt, ap);
   va_end(ap);
-  std::fputs("\n", stderr);
-  die();
+  error("%s: cannot read its DWARF information (%s): %s", option.program ? option.program : "(input)", what,
+        cause.c_str());
 }
 
-void print_elf_error() {
+void print_elf_error(const char *file) {
   int e = elf_errno();
   if (e != 0)
-    error("%s", elf_errmsg(e));
+    error("%s: %s", file ? file : "(no file)", elf_errmsg(e));
 }
 
 const char *basename(const char *path) {

@@ -25,11 +25,13 @@ void warning(const char *fmt, ...) VESK_PRINTF(1, 2);
 [[noreturn]] void error(const char *fmt, ...) VESK_PRINTF(1, 2);
 [[noreturn]] void sysfatal(const char *fmt, ...) VESK_PRINTF(1, 2);
 void dump(const char *fmt, ...) VESK_PRINTF(1, 2);
+// Ends the run: "<program>: cannot read its DWARF information (<what>):
+// <libdwarf's cause>".
 [[noreturn]] void print_dwarf_error(Dwarf_Debug dbg, int result, Dwarf_Error err, const char *fmt, ...)
     VESK_PRINTF(4, 5);
-// Ends the run with libelf's message when libelf has an error pending;
-// returns quietly otherwise.
-void print_elf_error();
+// Ends the run with libelf's message, after the name of the file it
+// concerns, when libelf has an error pending; returns quietly otherwise.
+void print_elf_error(const char *file);
 
 // The part of path behind its last "/" (the same storage, not a copy).
 const char *basename(const char *path);

@@ -17,7 +17,7 @@ void duplicate_elf() {
   elf_version(EV_CURRENT);
   bin.out_elf = elf_begin(bin.out_fd, ELF_C_WRITE, nullptr);
   if (bin.out_elf == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot open %s", option.output);
   }
   if (bin.is_elf32)
@@ -90,10 +90,8 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
 } // namespace
 
 void write_it() {
-  if (elf_update(bin.out_elf, ELF_C_WRITE) == -1) {
-    print_elf_error();
-    error("cannot write %s", option.output);
-  }
+  if (elf_update(bin.out_elf, ELF_C_WRITE) == -1)
+    error("cannot write %s: %s", option.output, elf_errmsg(-1));
   std::vector<FileRange> ranges =
       bin.is_elf32 ? written_ranges<Elf32Class>(bin.out_elf) : written_ranges<Elf64Class>(bin.out_elf);
   elf_end(bin.out_elf);

@@ -91,25 +91,25 @@ template <class C> void addresses_to_file_order(Elf_Data *d) {
 template <class C> void duplicate_elf_t() {
   typename C::Ehdr *in_eh = C::getehdr(bin.in_elf);
   if (in_eh == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the ELF header of %s", option.program);
   }
   typename C::Phdr *in_ph = in_eh->e_phnum ? C::getphdr(bin.in_elf) : nullptr;
   if (in_eh->e_phnum && in_ph == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the program header table");
   }
 
   elf_errno();
   typename C::Ehdr *out_eh = C::newehdr(bin.out_elf);
   if (out_eh == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot create the output ELF header");
   }
   if (in_eh->e_phnum) {
     typename C::Phdr *out_ph = C::newphdr(bin.out_elf, in_eh->e_phnum);
     if (out_ph == nullptr) {
-      print_elf_error();
+      print_elf_error(option.program);
       error("cannot create the output program header table");
     }
     std::memcpy(out_ph, in_ph, sizeof(typename C::Phdr) * in_eh->e_phnum);
@@ -124,7 +124,7 @@ template <class C> void duplicate_elf_t() {
     Elf_Scn *out_scn = elf_newscn(bin.out_elf);
     typename C::Shdr *out_sh = out_scn ? C::getshdr(out_scn) : nullptr;
     if (in_sh == nullptr || out_sh == nullptr) {
-      print_elf_error();
+      print_elf_error(option.program);
       error("cannot copy section %zu", i);
     }
     *out_sh = *in_sh;
@@ -135,7 +135,7 @@ template <class C> void duplicate_elf_t() {
     }
     Elf_Data *out_d = elf_newdata(out_scn);
     if (out_d == nullptr) {
-      print_elf_error();
+      print_elf_error(option.program);
       error("cannot copy the contents of section %zu", i);
     }
     *out_d = *in_d;
@@ -153,7 +153,7 @@ template <class C> void duplicate_elf_t() {
 template <class C> void expand_section_t(Elf_Scn *scn, uint32_t n) {
   typename C::Ehdr *eh = C::getehdr(bin.out_elf);
   if (eh == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the output ELF header");
   }
   bool behind = false;

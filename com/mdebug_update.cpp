@@ -6,10 +6,10 @@
 // The section is addressed as size bytes lying at file offset file_off;
 // the header's table offsets are file offsets.  Every table range is
 // checked as an offset into the section before a record of it is touched,
-// so no pointer is ever formed outside the buffer; the messages still show
-// the addresses the ranges would have.
+// so no pointer is ever formed outside the buffer.
 #include "com/mdebug.h"
 
+#include <cstdio>
 #include <gelf.h>
 #include <libelf.h>
 
@@ -36,9 +36,6 @@ struct MdebugBytes {
   Offset at(uint32_t table_off, uint64_t index, size_t entsize) const {
     return Offset(table_off) - Offset(file_off) + Offset(index) * Offset(entsize);
   }
-  // The address a position would have, for messages only.
-  const void *addr(Offset pos) const { return reinterpret_cast<const void *>(uintptr_t(buf) + uintptr_t(pos)); }
-  const void *end() const { return addr(Offset(size)); }
   bool beyond(Offset end_pos) const { return end_pos > Offset(size); }
 };
 
@@ -49,12 +46,15 @@ R *records_in(const MdebugBytes &m, uint32_t table_off, uint64_t first, uint64_t
               int ifd = -1) {
   Offset start = m.at(table_off, first, sizeof(R));
   Offset end = start + Offset(count) * Offset(sizeof(R));
-  if (start < 0 && ifd >= 0)
-    error("mdebug %s not in memory? %p %p ifd %d", table, m.addr(start), static_cast<const void *>(m.buf), ifd);
-  if (start < 0)
-    error("mdebug %s not in memory? %p %p", table, m.addr(start), static_cast<const void *>(m.buf));
-  if (m.beyond(end))
-    error("mdebug %s not in memory? %p %p", table, m.addr(end), m.end());
+  if (start < 0 || m.beyond(end)) {
+    char file[32] = "";
+    if (ifd >= 0)
+      std::snprintf(file, sizeof file, " of file %d", ifd);
+    error("%s: the mdebug %s%s (records %llu to %llu of the table at file offset %#x) lie outside the .mdebug "
+          "section (file offset %#llx, %zu bytes)",
+          option.program, table, file, (unsigned long long)first, (unsigned long long)(first + count - 1), table_off,
+          (unsigned long long)m.file_off, m.size);
+  }
   return record_at<R>(m.buf, uint64_t(start));
 }
 
@@ -72,7 +72,7 @@ uint32_t moved_value(uint32_t value) {
 void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t ifd, ProcRange range) {
   if (range.count == 0)
     return;
-  Pdr *pdrs = records_in<Pdr>(m, hdr.cbPdOffset, range.first, range.count, "pdr", int(ifd));
+  Pdr *pdrs = records_in<Pdr>(m, hdr.cbPdOffset, range.first, range.count, "procedure descriptors", int(ifd));
   if (range.first > hdr.ipdMax || range.count > uint32_t(hdr.ipdMax) - range.first)
     error("mdebug pdr of ifd %d beyond the table: %llu + %llu > ipdMax %u", int(ifd),
           (unsigned long long)range.first, (unsigned long long)range.count, uint32_t(hdr.ipdMax));
@@ -104,7 +104,7 @@ void fix_local_symbols(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, ui
   uint32_t count = fdr.csym;
   if (count == 0)
     return;
-  Symr *syms = records_in<Symr>(m, hdr.cbSymOffset, first, count, "symr", int(ifd));
+  Symr *syms = records_in<Symr>(m, hdr.cbSymOffset, first, count, "local symbols", int(ifd));
   if (first > hdr.isymMax || count > uint32_t(hdr.isymMax) - first)
     error("mdebug symr of ifd %d beyond the table: %u + %u > isymMax %u", int(ifd), first, count,
           uint32_t(hdr.isymMax));
@@ -119,7 +119,7 @@ void fix_fdrs(const MdebugBytes &m, const Hdrr &hdr) {
   uint32_t n = hdr.ifdMax;
   if (n == 0)
     return;
-  Fdr *fdrs = records_in<Fdr>(m, hdr.cbFdOffset, 0, n, "fdrs");
+  Fdr *fdrs = records_in<Fdr>(m, hdr.cbFdOffset, 0, n, "file descriptors");
   IpdCarry carry; // the 64 K wrap-around of the walk over the files
   for (uint32_t i = 0; i < n; ++i) {
     Fdr &fdr = fdrs[i];
@@ -136,7 +136,7 @@ void fix_externals(const MdebugBytes &m, const Hdrr &hdr) {
   uint32_t n = hdr.iextMax;
   if (n == 0)
     return;
-  Extr *exts = records_in<Extr>(m, hdr.cbExtOffset, 0, n, "externals");
+  Extr *exts = records_in<Extr>(m, hdr.cbExtOffset, 0, n, "external symbols");
   for (uint32_t i = 0; i < n; ++i) {
     Symr &s = exts[i].asym;
     // 0 and 1 mark undefined and special symbols, never addresses.
@@ -162,7 +162,7 @@ void check_line_table(const MdebugBytes &m, const Hdrr &hdr) {
 template <class C> uint64_t section_offset(Elf_Scn *scn) {
   const typename C::Shdr *sh = C::getshdr(scn);
   if (sh == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the section header of .mdebug");
   }
   return sh->sh_offset;
@@ -196,7 +196,7 @@ void update_mdebug() {
   uint64_t sh_offset = bin.is_elf32 ? section_offset<Elf32Class>(scn) : section_offset<Elf64Class>(scn);
   Elf_Data *d = elf_getdata(scn, nullptr);
   if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0)) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the contents of section .mdebug");
   }
   fixmdebug(static_cast<uint8_t *>(d->d_buf), d->d_size, sh_offset + uint64_t(d->d_off));

@@ -54,7 +54,7 @@ inline Elf_Data *typed_output_data(const char *name, Elf_Type type) {
 template <class C> void update_elf_header_t() {
   typename C::Ehdr *eh = C::getehdr(bin.out_elf);
   if (eh == nullptr) {
-    print_elf_error();
+    print_elf_error(option.program);
     error("cannot read the output ELF header");
   }
   uint64_t entry = eh->e_entry, moved;

@@ -3,10 +3,13 @@
 #include "vesk/feedback.h"
 
 #include <cctype>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 #include <vector>
 
 #include "base/bin.h"
@@ -49,23 +52,37 @@ bool next_word(const char *&s, char *buf, size_t cap) {
 
 // Numeric fields convert as far as their leading characters form a number;
 // a field that does not start with one leaves the value as it was.
-bool parse_signed(const char *word, int &value) {
+// A number too large for its field is refused in a header (a wrapped
+// version or magic would be read as another one) and saturated in a count.
+enum class Parsed { none, ok, too_large };
+
+Parsed parse_signed(const char *word, int &value) {
   char *end = nullptr;
-  long v = std::strtol(word, &end, 10);
+  errno = 0;
+  long long v = std::strtoll(word, &end, 10);
   if (end == word)
-    return false;
+    return Parsed::none;
+  if (errno == ERANGE || v > INT32_MAX || v < INT32_MIN)
+    return Parsed::too_large;
   value = int(v);
-  return true;
+  return Parsed::ok;
 }
 
-bool parse_unsigned(const char *word, int base, uint32_t &value) {
+Parsed parse_unsigned(const char *word, int base, uint32_t &value) {
   char *end = nullptr;
+  errno = 0;
   unsigned long long v = std::strtoull(word, &end, base);
   if (end == word)
-    return false;
+    return Parsed::none;
+  if (errno == ERANGE || v > UINT32_MAX || word[0] == '-') {
+    value = UINT32_MAX;
+    return Parsed::too_large;
+  }
   value = uint32_t(v);
-  return true;
+  return Parsed::ok;
 }
+
+uint32_t saturating_add(uint32_t a, uint32_t b) { return a > UINT32_MAX - b ? UINT32_MAX : a + b; }
 
 // The value behind the directive word of a header line.
 bool directive_value(const char *line, char *buf, size_t cap) {
@@ -90,15 +107,19 @@ void read_header_line(const char *path, const char *line, HeaderState &h) {
   const char *s = line;
   next_word(s, directive, sizeof directive);
   char value[NUMBER_BUF];
+  auto refuse_too_large = [&](Parsed p) {
+    if (p == Parsed::too_large)
+      error("%s: the value %s of %s is out of range", path, value, directive);
+  };
   if (std::strcmp(directive, "$magic") == 0) {
     if (directive_value(line, value, sizeof value))
-      parse_signed(value, h.magic);
+      refuse_too_large(parse_signed(value, h.magic));
   } else if (std::strcmp(directive, "$version") == 0) {
     if (directive_value(line, value, sizeof value))
-      parse_signed(value, h.version);
+      refuse_too_large(parse_signed(value, h.version));
   } else if (std::strcmp(directive, "$timestamp") == 0) {
     if (directive_value(line, value, sizeof value))
-      parse_unsigned(value, 16, bin.feedback_time_stamp);
+      refuse_too_large(parse_unsigned(value, 16, bin.feedback_time_stamp));
   } else if (std::strcmp(directive, "$name") == 0) {
     char name[PROG_NAME_BUF];
     if (directive_value(line, name, sizeof name) &&
@@ -117,15 +138,15 @@ struct BodyFields {
   uint32_t count = 0;
 };
 
-void read_body_line(const char *line, BodyFields &f) {
+void read_body_line(const char *path, const char *line, BodyFields &f) {
   const char *s = line;
   if (!next_word(s, f.name, sizeof f.name))
     return;
   if (!next_word(s, f.file, sizeof f.file))
     return;
   char number[NUMBER_BUF];
-  if (next_word(s, number, sizeof number))
-    parse_unsigned(number, 10, f.count);
+  if (next_word(s, number, sizeof number) && parse_unsigned(number, 10, f.count) == Parsed::too_large)
+    warning("%s: the count %s of %s(%s) is out of range; taken as %u", path, number, f.name, f.file, UINT32_MAX);
 }
 
 constexpr int32_t IN_EARLIER = 1;
@@ -135,6 +156,10 @@ constexpr int32_t TAKEN = 4; // already in the merged list
 } // namespace
 
 int read_reorder_file(const char *path, ProcMapEntry *list) {
+  // Opening a FIFO would wait for a writer, and a directory reads as empty.
+  struct stat st;
+  if (stat(path, &st) == 0 && !S_ISREG(st.st_mode))
+    error("feedback file %s is not a regular file", path);
   std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(path, "r"), std::fclose);
   FILE *f = file.get();
   if (f == nullptr)
@@ -162,14 +187,14 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
       continue;
     if (line[0] == '$')
       error("%s: directive after $start", path);
-    read_body_line(line, fields);
+    read_body_line(path, line, fields);
     // DWARF keeps compilation-unit names without their directories.
     const char *file = bin.debug_kind == DEBUG_DWARF ? basename(fields.file) : fields.file;
     Proc *p = find_proc_by_name(fields.name, file);
     if (p == nullptr)
       continue;
     p->listed = 1;
-    p->freq += fields.count;
+    p->freq = saturating_add(p->freq, fields.count);
     list[n].proc = p;
     list[n].count = fields.count;
     ++n;

@@ -180,9 +180,16 @@ void read_orig_binary() {
 }
 
 void read_input() {
-  bin.in_fd = open(option.program, O_RDONLY);
+  // Without O_NONBLOCK a FIFO would wait for a writer before it could be
+  // refused.
+  bin.in_fd = open(option.program, O_RDONLY | O_NONBLOCK);
   if (bin.in_fd < 0)
     sysfatal("cannot open %s", option.program);
+  struct stat in_st;
+  if (fstat(bin.in_fd, &in_st) != 0)
+    sysfatal("cannot read %s", option.program);
+  if (!S_ISREG(in_st.st_mode))
+    error("%s is not a regular file", option.program);
 
   elf_version(EV_CURRENT);
   bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
