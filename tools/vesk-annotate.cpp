@@ -20,7 +20,7 @@
 namespace {
 
 [[noreturn]] void usage() {
-  std::fputs("usage: vesk-annotate [-v] executable -o output\n", stderr);
+  std::fputs("Error: usage: vesk-annotate [-v] executable -o output.\n", stderr);
   std::exit(1);
 }
 

@@ -179,6 +179,32 @@ void read_orig_binary() {
   debug_interface();
 }
 
+namespace {
+
+// The output is the input with its sections patched in place, so a section
+// whose contents lie outside the file, or over the ELF header or a header
+// table, would make the output grow without bound or overwrite the headers.
+void check_section_place(const Elf64_Shdr &sh, const char *name, uint64_t file_size) {
+  if (sh.sh_type == SHT_NULL || sh.sh_type == SHT_NOBITS || sh.sh_size == 0)
+    return;
+  const char *n = name ? name : "(unnamed)";
+  if (sh.sh_offset > file_size || sh.sh_size > file_size - sh.sh_offset)
+    error("%s: section %s (%llu bytes at file offset %#llx) lies outside the file of %llu bytes", option.program, n,
+          (unsigned long long)sh.sh_size, (unsigned long long)sh.sh_offset, (unsigned long long)file_size);
+  const Elf64_Ehdr &eh = bin.in_ehdr;
+  uint64_t ehsize = bin.is_elf32 ? sizeof(Elf32_Ehdr) : sizeof(Elf64_Ehdr);
+  uint64_t phsize = uint64_t(eh.e_phnum) * (bin.is_elf32 ? sizeof(Elf32_Phdr) : sizeof(Elf64_Phdr));
+  uint64_t shsize = uint64_t(eh.e_shnum) * (bin.is_elf32 ? sizeof(Elf32_Shdr) : sizeof(Elf64_Shdr));
+  auto overlaps = [&sh](uint64_t lo, uint64_t size) {
+    return size != 0 && sh.sh_offset < lo + size && lo < sh.sh_offset + sh.sh_size;
+  };
+  if (overlaps(0, ehsize) || overlaps(eh.e_phoff, phsize) || overlaps(eh.e_shoff, shsize))
+    error("%s: section %s (%llu bytes at file offset %#llx) overlaps the ELF header or a header table",
+          option.program, n, (unsigned long long)sh.sh_size, (unsigned long long)sh.sh_offset);
+}
+
+} // namespace
+
 void read_input() {
   // Without O_NONBLOCK a FIFO would wait for a writer before it could be
   // refused.
@@ -257,6 +283,7 @@ void read_input() {
     Elf64_Shdr sh;
     if (scn == nullptr || !get_shdr64(scn, &sh))
       error("%s: cannot read the header of section %zu: %s", option.program, i, elf_errmsg(-1));
+    check_section_place(sh, names.name(sh.sh_name), file_size);
     visit_section(scn, sh, names.name(sh.sh_name));
   }
 
