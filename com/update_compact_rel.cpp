@@ -189,18 +189,36 @@ struct GotPages {
   }
 };
 
+// A described instruction must form the address its entry names; one that
+// does not means the section is damaged or describes another program, and
+// repairing by it would write a wrong program.
+void require_match(const CompactRelEntry &e, uint32_t insn, bool matches) {
+  if (!matches)
+    error("%s: the %s entry for %#x (type %u, address %#x) does not match the instruction there, %#010x",
+          option.program, COMPACT_REL, e.vaddr, e.type, e.konst, insn);
+}
+
 // One instruction of a GOT page/offset pair, described alone: the page
 // load (lw from gp) gets the page entry's gp offset, the offset
 // instruction the low half.
 void update_got_single(CompactRelEntry &e, const GotPages &pages) {
-  if (!in_text(e.vaddr) || !in_text(e.konst))
+  if (!in_text(e.vaddr))
+    return;
+  uint32_t insn = old_insn(e.vaddr);
+  bool page_load = mips::op(insn) == mips::OP_LW && mips::rs(insn) == 28;
+  if (page_load) {
+    int64_t d = int64_t(e.konst) - int64_t(uint32_t(got_content_by_gpoffset(mips::simm16(insn))));
+    require_match(e, insn, d >= -32768 && d <= 32767);
+  } else {
+    require_match(e, insn, mips::imm16(insn) == (e.konst & 0xffff));
+  }
+  if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
   int32_t low;
   uint32_t index = pages.entry_for(e.konst, target, &low);
-  uint32_t insn = old_insn(e.vaddr);
   uint32_t moved = new_addr(e.vaddr);
-  if (mips::op(insn) == mips::OP_LW && mips::rs(insn) == 28)
+  if (page_load)
     patch_imm16(new_insn(moved), index * 4 + bin.pltgot - bin.gp_value);
   else
     patch_imm16(new_insn(moved), uint32_t(low));
@@ -212,12 +230,14 @@ void update_got_single(CompactRelEntry &e, const GotPages &pages) {
 void update_hi_lo_single(CompactRelEntry &e) {
   if (!in_text(e.vaddr))
     error("CM_R_TYPE_HI_LO not in text");
+  uint32_t insn = old_insn(e.vaddr);
+  bool hi = mips::op(insn) == mips::OP_LUI;
+  require_match(e, insn, mips::imm16(insn) == (hi ? mips::hi16_adjusted(e.konst) : e.konst & 0xffff));
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  uint32_t insn = old_insn(e.vaddr);
   uint32_t moved = new_addr(e.vaddr);
-  patch_imm16(new_insn(moved), mips::op(insn) == mips::OP_LUI ? mips::hi16_adjusted(target) : target & 0xffff);
+  patch_imm16(new_insn(moved), hi ? mips::hi16_adjusted(target) : target & 0xffff);
   e.vaddr = moved;
   e.konst = target;
 }
