@@ -1,5 +1,5 @@
-// The runtime procedure table: found through _procedure_table or through
-// its program header, re-pointed through the text map and sorted again.
+// The runtime procedure table: found through the dynamic symbol
+// _procedure_table, re-pointed through the text map and sorted again.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -7,6 +7,7 @@
 
 #include "com/rpt.h"
 #include "support/run.h"
+#include "support/step.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
 #include "vesk/bytes.h"
@@ -22,10 +23,7 @@ struct RptImage {
   std::vector<std::pair<std::string, uint32_t>> symbols; // dynamic symbols and their values
   uint32_t nbucket = 3;
   bool modulo_hash = true;       // buckets by h % nbucket, else by h & (nbucket - 1)
-  bool table_symbol = true;      // _procedure_table names the table
-  bool rtproc_header = false;    // a PT_MIPS_RTPROC header covers the table
   std::vector<uint32_t> table;   // first words of the descriptors
-  std::vector<uint32_t> hash_override;
 
   std::vector<uint64_t> map;
   std::string path;
@@ -35,8 +33,7 @@ struct RptImage {
   void load(uint32_t count) {
     SynthElf img;
     img.add(text_section(TEXT, std::vector<uint32_t>(8, 0)));
-    if (table_symbol)
-      symbols.push_back({"_procedure_table", TABLE});
+    symbols.push_back({"_procedure_table", TABLE});
     symbols.push_back({"_procedure_table_size", count});
 
     SynthSection str{.name = ".dynstr", .type = SHT_STRTAB, .flags = SHF_ALLOC, .addr = DYNSTR, .data = {0}};
@@ -60,8 +57,6 @@ struct RptImage {
       hash[2 + nbucket + i] = hash[2 + b]; // push in front of the bucket's chain
       hash[2 + b] = uint32_t(i);
     }
-    if (!hash_override.empty())
-      hash = hash_override;
     size_t sym_index = img.add({.name = ".dynsym", .type = SHT_DYNSYM, .flags = SHF_ALLOC, .addr = 0x301000,
                                 .data = records(syms), .dtype = ELF_T_SYM, .link = uint32_t(str_index + 1),
                                 .entsize = sizeof(Elf32_Sym)});
@@ -74,15 +69,14 @@ struct RptImage {
       for (uint32_t k = 1; k < 10; ++k)
         put32(t.data, uint32_t(i * 100 + k)); // the rest of the descriptor travels with it
     }
-    size_t table_index = img.add(t);
-    if (rtproc_header)
-      img.phdrs.push_back({.type = 0x70000001, .section = table_index});
+    img.add(t);
     path = img.write(temp_path("rpt"));
     fd = open(path.c_str(), O_RDONLY);
     elf = elf_begin(fd, ELF_C_READ, nullptr);
 
-    bin = Bin{};
+    fresh_run();
     bin.is_elf32 = 1;
+    bin.in_fd = fd;
     bin.in_elf = elf;
     bin.out_elf = elf;
     bin.strtab_addr = DYNSTR;
@@ -95,14 +89,7 @@ struct RptImage {
     bin.text_map = map.data();
   }
 
-  ~RptImage() {
-    if (elf)
-      elf_end(elf);
-    if (fd >= 0)
-      close(fd);
-    if (!path.empty())
-      unlink(path.c_str());
-  }
+  ~RptImage() { unlink(path.c_str()); } // the next fresh run ends elf and fd
 
   // The descriptors as (address, second word) from a buffer of them.
   static std::vector<std::pair<uint32_t, uint32_t>> rows(const uint8_t *p, size_t n) {
@@ -148,60 +135,4 @@ TEST(Rpt, RepointsAndSortsTheTableNamedByProcedureTable) {
   EXPECT_EQ(bin.rpt_in_file, 0);
   EXPECT_EQ(RptImage::rows(im.table_bytes(), 5),
             (Rows{{0, 401}, {TEXT + 8, 301}, {TEXT + 20, 101}, {TEXT + 28, 1}, {0x500000, 201}}));
-}
-
-TEST(Rpt, RepairsATableFoundThroughItsProgramHeaderInTheWrittenFile) {
-  RptImage im;
-  im.table_symbol = false;
-  im.rtproc_header = true;
-  im.table = {TEXT + 4, TEXT + 12, TEXT + 16};
-  im.load(3);
-  update_rpt();
-  ASSERT_EQ(bin.rpt_in_file, 1);
-  EXPECT_EQ(bin.rpt_size, 120u);
-  // The output starts as a copy of the input; the repair reads the input.
-  std::string out = temp_path("rpt-out");
-  write_file(out, read_file(im.path));
-  int out_fd = open(out.c_str(), O_WRONLY);
-  ASSERT_GE(out_fd, 0);
-  post_process_rpt(im.fd, out_fd);
-  close(out_fd);
-  std::string bytes = read_file(out);
-  unlink(out.c_str());
-  auto *p = reinterpret_cast<const uint8_t *>(bytes.data()) + bin.rpt_offset;
-  EXPECT_EQ(RptImage::rows(p, 3), (Rows{{TEXT + 12, 201}, {TEXT + 16, 101}, {TEXT + 24, 1}}));
-}
-
-TEST(Rpt, WithoutTableSymbolOrHeaderOrSizeNothingHappens) {
-  for (bool table_symbol : {false, true}) {
-    RptImage im;
-    im.table_symbol = table_symbol;
-    im.table = {TEXT + 4, TEXT};
-    im.load(table_symbol ? 0 : 2);
-    update_rpt();
-    EXPECT_EQ(bin.rpt_in_file, 0);
-    EXPECT_EQ(RptImage::rows(im.table_bytes(), 2), (Rows{{TEXT + 4, 1}, {TEXT, 101}}));
-  }
-}
-
-TEST(RptDeathTest, RefusesCorruptHashTablesAndTablesOutsideTheImage) {
-  struct Case {
-    std::vector<uint32_t> hash;
-    uint32_t table_size;
-    std::string message;
-  } cases[] = {
-      {{1, 3, 2, 0, 2, 2}, 0, "^Error: the .hash section is corrupt"}, // symbol 2 chains to itself
-      {{4, 9, 1}, 0, "^Error: the .hash section is truncated"},
-      // two descriptors named, one present
-      {{}, 2, "^Error: the runtime procedure table at 0x410000 \\(2 entries\\) does not lie inside a section"},
-  };
-  for (const Case &c : cases) {
-    RptImage im;
-    im.hash_override = c.hash;
-    im.symbols = {{"a", 1}};
-    im.table = {TEXT};
-    im.load(c.table_size);
-    EXPECT_EXIT(c.hash.empty() ? update_rpt() : (void)dynsym_get_value(im.elf, "nothere"), testing::ExitedWithCode(1),
-                c.message);
-  }
 }

@@ -3,8 +3,7 @@
 // each other is repaired by moving the cold part behind the hot one.
 #include <gtest/gtest.h>
 
-#include "support/o32_programs.h"
-#include "support/o32_reorder.h"
+#include "support/bench.h"
 
 using namespace vesk::test;
 
@@ -36,21 +35,18 @@ int main(int argc, char **argv) {
 } // namespace
 
 TEST(SplitFunction, ColdPartFarFromItsHotPartIsBroughtBackInReach) {
-  REQUIRE_O32_TOOLCHAIN();
-  O32Build b;
+  ScratchDir dir("split");
   for (std::string debug : {"-g", "-Wa,-mdebug"}) {
     SCOPED_TRACE(debug);
-    std::string exe = b.compile("split" + debug, kSplitProgram, {debug, "-freorder-blocks-and-partition"});
-    std::string ann = exe + ".ann";
+    std::string exe = compile_o32(dir, "split" + debug, kSplitProgram, {debug, "-freorder-blocks-and-partition"});
+    std::string ann = exe + ".ann", fb = exe + ".fb", merged = exe + ".merged";
     ASSERT_EQ(run_command({annotate_binary(), exe, "-o", ann}).status, 0);
+    // The file names come from the debug information: a first run lists
+    // them in its merged feedback.
+    write_file(fb, kNoFeedback);
+    RunResult r = run_vesk({ann, fb, "-o", exe + ".list", "-merge", merged});
+    ASSERT_EQ(r.status, 0) << r.err;
     // check first, filler next, check.cold last.
-    std::string fb = exe + ".fb";
-    write_file(fb, feedback_text({{"check", "-", 3}, {"filler", "-", 2}, {"check.cold", "-", 1}}));
-    std::string merged = exe + ".merged";
-    RunResult list = run_vesk({ann, fb, "-o", exe + ".list", "-merge", merged});
-    ASSERT_EQ(list.status, 0) << list.err;
-    // The file names come from the debug information: take them from the
-    // merged feedback.
     std::vector<FeedbackLine> lines;
     for (const std::string name : {"check", "filler", "check.cold"})
       for (const FeedbackLine &l : feedback_lines(merged))
@@ -58,7 +54,7 @@ TEST(SplitFunction, ColdPartFarFromItsHotPartIsBroughtBackInReach) {
           lines.push_back({name, l.file, uint64_t(4 - lines.size())});
     ASSERT_EQ(lines.size(), 3u);
     write_file(fb, feedback_text(lines));
-    RunResult r = run_vesk({ann, fb, "-o", exe + ".vesk", "-v"});
+    r = run_vesk({ann, fb, "-o", exe + ".vesk", "-v"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find("check.cold placed behind check to keep their branches in reach"), std::string::npos)
         << r.err;

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/rewrite_harness.h"
+#include "support/run.h"
 #include "vesk/bytes.h"
 
 namespace vesk::test {
 
-ElfFile::ElfFile(const std::string &path) : bytes(file_bytes(path)) {
+ElfFile::ElfFile(const std::string &path) {
+  std::string s = read_file(path);
+  bytes.assign(s.begin(), s.end());
   elf_version(EV_CURRENT);
   fd_ = open(path.c_str(), O_RDONLY);
   e = fd_ < 0 ? nullptr : elf_begin(fd_, ELF_C_READ, nullptr);
@@ -24,31 +26,18 @@ ElfFile::~ElfFile() {
     close(fd_);
 }
 
-std::vector<std::pair<std::string, std::pair<uint64_t, uint64_t>>> ElfFile::sections() const {
-  std::vector<std::pair<std::string, std::pair<uint64_t, uint64_t>>> out;
+std::string ElfFile::name_of(Elf_Scn *s) const {
   size_t shstrndx = 0;
-  if (e == nullptr || elf_getshdrstrndx(e, &shstrndx) != 0)
-    return out;
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    const char *n = elf_strptr(e, shstrndx, sh.sh_name);
-    out.push_back({n ? n : "", {sh.sh_offset, sh.sh_offset + (sh.sh_type == SHT_NOBITS ? 0 : sh.sh_size)}});
-  }
-  return out;
+  GElf_Shdr sh;
+  const char *n = elf_getshdrstrndx(e, &shstrndx) == 0 && gelf_getshdr(s, &sh) ? elf_strptr(e, shstrndx, sh.sh_name)
+                                                                                : nullptr;
+  return n ? n : "";
 }
 
 Elf_Scn *ElfFile::scn(const std::string &name) const {
-  size_t shstrndx = 0;
-  if (e == nullptr || elf_getshdrstrndx(e, &shstrndx) != 0)
-    return nullptr;
-  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
-    GElf_Shdr sh;
-    gelf_getshdr(s, &sh);
-    const char *n = elf_strptr(e, shstrndx, sh.sh_name);
-    if (n != nullptr && name == n)
+  for (Elf_Scn *s = e ? elf_nextscn(e, nullptr) : nullptr; s; s = elf_nextscn(e, s))
+    if (name_of(s) == name)
       return s;
-  }
   return nullptr;
 }
 
@@ -57,12 +46,6 @@ GElf_Shdr ElfFile::shdr(const std::string &name) const {
   if (Elf_Scn *s = scn(name))
     gelf_getshdr(s, &sh);
   return sh;
-}
-
-GElf_Ehdr ElfFile::ehdr() const {
-  GElf_Ehdr eh{};
-  gelf_getehdr(e, &eh);
-  return eh;
 }
 
 std::vector<uint8_t> ElfFile::contents(const std::string &name) const {
@@ -84,46 +67,31 @@ uint64_t ElfFile::offset_of(uint64_t addr) const {
 
 uint64_t ElfFile::addr_word(uint64_t off) const { return is64 ? load64(&bytes[off]) : load32(&bytes[off]); }
 
+namespace {
+
+// Every record of a section through one of libelf's typed getters.
+template <class T, class Get> std::vector<T> records(Elf_Scn *s, Get get) {
+  std::vector<T> v;
+  Elf_Data *d = s ? elf_getdata(s, nullptr) : nullptr;
+  T r;
+  for (int i = 0; d && get(d, i, &r); ++i)
+    v.push_back(r);
+  return v;
+}
+
+} // namespace
+
 std::vector<GElf_Sym> ElfFile::symbols(const std::string &section) const {
-  std::vector<GElf_Sym> v;
-  if (Elf_Scn *s = scn(section)) {
-    Elf_Data *d = elf_getdata(s, nullptr);
-    GElf_Sym sym;
-    for (int i = 0; gelf_getsym(d, i, &sym); ++i)
-      v.push_back(sym);
-  }
-  return v;
+  return records<GElf_Sym>(scn(section), gelf_getsym);
 }
-
-std::vector<GElf_Dyn> ElfFile::dynamic() const {
-  std::vector<GElf_Dyn> v;
-  if (Elf_Scn *s = scn(".dynamic")) {
-    Elf_Data *d = elf_getdata(s, nullptr);
-    GElf_Dyn dyn;
-    for (int i = 0; gelf_getdyn(d, i, &dyn); ++i)
-      v.push_back(dyn);
-  }
-  return v;
-}
-
+std::vector<GElf_Dyn> ElfFile::dynamic() const { return records<GElf_Dyn>(scn(".dynamic"), gelf_getdyn); }
 std::vector<GElf_Rel> ElfFile::rels(const std::string &section) const {
-  std::vector<GElf_Rel> v;
-  if (Elf_Scn *s = scn(section)) {
-    Elf_Data *d = elf_getdata(s, nullptr);
-    GElf_Rel r;
-    for (int i = 0; gelf_getrel(d, i, &r); ++i)
-      v.push_back(r);
-  }
-  return v;
+  return records<GElf_Rel>(scn(section), gelf_getrel);
 }
 
 std::vector<ElfSymbol> ElfFile::functions(bool sized) const {
   std::vector<ElfSymbol> out;
-  Elf_Scn *s = scn(".symtab");
-  if (s == nullptr)
-    return out;
-  GElf_Shdr sh;
-  gelf_getshdr(s, &sh);
+  GElf_Shdr sh = shdr(".symtab");
   for (const GElf_Sym &sym : symbols(".symtab"))
     if (GELF_ST_TYPE(sym.st_info) == STT_FUNC && sym.st_shndx != SHN_UNDEF && (!sized || sym.st_size > 0))
       out.push_back({elf_strptr(e, sh.sh_link, sym.st_name), sym.st_value, sym.st_size, sym.st_shndx});
@@ -131,11 +99,7 @@ std::vector<ElfSymbol> ElfFile::functions(bool sized) const {
 }
 
 uint64_t ElfFile::symbol_value(const std::string &name) const {
-  Elf_Scn *s = scn(".symtab");
-  if (s == nullptr)
-    return 0;
-  GElf_Shdr sh;
-  gelf_getshdr(s, &sh);
+  GElf_Shdr sh = shdr(".symtab");
   for (const GElf_Sym &sym : symbols(".symtab")) {
     const char *n = elf_strptr(e, sh.sh_link, sym.st_name);
     if (n != nullptr && name == n)

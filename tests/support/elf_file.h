@@ -1,5 +1,4 @@
-// A written executable read back with libelf, for tests that check what
-// the tool (or the toolchain) put into a file.
+// A written executable read back with libelf.
 #pragma once
 
 #include <cstdint>
@@ -28,15 +27,13 @@ public:
 
   Elf_Scn *scn(const std::string &name) const; // nullptr when absent
   GElf_Shdr shdr(const std::string &name) const; // zeroes when absent
-  GElf_Ehdr ehdr() const;
-  // Every section as name -> [file offset, file end).
-  std::vector<std::pair<std::string, std::pair<uint64_t, uint64_t>>> sections() const;
-  // The raw (big-endian) contents of a section; empty when absent.
-  std::vector<uint8_t> contents(const std::string &name) const;
+  std::string name_of(Elf_Scn *s) const;
+  std::vector<uint8_t> contents(const std::string &name) const; // empty when absent
   // File offset of a virtual address through the allocated sections, ~0 when none holds it.
   uint64_t offset_of(uint64_t addr) const;
   unsigned addr_size() const { return is64 ? 8 : 4; }
   uint64_t addr_word(uint64_t off) const; // an address-sized word of the file
+  // The records of a section of symbols, dynamic entries or relocations.
   std::vector<GElf_Sym> symbols(const std::string &section) const;
   std::vector<GElf_Dyn> dynamic() const;
   std::vector<GElf_Rel> rels(const std::string &section) const;
