@@ -71,8 +71,7 @@ int main(int argc, char **argv) {
       continue;
     }
     RunResult traced;
-    std::vector<uint64_t> counts = entry_counts(e, e.path, b.procs(), b.path("trace.log"), &traced, {});
-    std::vector<FeedbackLine> hot = hot_first_order(b.procs(), counts);
+    std::vector<FeedbackLine> hot = hot_first_order(b, e, e.path, {}, &traced);
     const std::string out = b.path("hot");
     RunResult r = b.vesk(b.annotated(), hot, out, {"-v"});
     int total_k = 0, before_k = 0, after_k = 0;

@@ -51,13 +51,8 @@ class Coverage : public testing::TestWithParam<std::string> {};
 
 TEST_P(Coverage, EveryWordOfEveryFunctionSymbolLiesInANamedProcedure) {
   ScratchDir dir("coverage");
-  std::string path;
-  for (const auto *list : {&bench_executables(), &real_executables()})
-    for (const BenchExe &e : *list)
-      if (e.name == GetParam())
-        path = e.path;
-  if (GetParam().rfind("gnu-", 0) == 0)
-    path = build_gnu(GetParam(), dir);
+  const BenchExe *e = bench_named(GetParam());
+  std::string path = e ? e->path : GetParam().rfind("gnu-", 0) == 0 ? build_gnu(GetParam(), dir) : "";
   if (path.empty())
     GTEST_SKIP() << GetParam() << " has not been built";
   write_file(dir / "none.fb", kNoFeedback);
@@ -70,10 +65,13 @@ TEST_P(Coverage, EveryWordOfEveryFunctionSymbolLiesInANamedProcedure) {
     return;
   }
   EXPECT_LE(v.status, 1) << v.err;
+  // A real program's DWARF may describe subprograms GCC removed; vesk
+  // ignores them, with a warning.
+  bool real = e && e->path.rfind(VESK_REAL_DIR, 0) == 0;
   for (const char *complaint : {"is ignored", "no procedure at", "not in any procedure"})
-    EXPECT_EQ(v.err.find(complaint), std::string::npos) << v.err.substr(0, 2000);
+    EXPECT_TRUE((real && complaint[0] == 'i') || v.err.find(complaint) == std::string::npos) << v.err.substr(0, 2000);
   std::vector<DebugProc> procs = procedure_table(v.out);
-  std::erase_if(procs, [](const DebugProc &p) { return p.size == 0; });
+  std::erase_if(procs, [](const DebugProc &p) { return p.new_hi == p.new_lo; });
   std::sort(procs.begin(), procs.end(), [](const auto &a, const auto &b) { return a.old_addr < b.old_addr; });
   ASSERT_FALSE(procs.empty()) << v.err;
 

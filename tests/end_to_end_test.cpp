@@ -26,15 +26,15 @@ std::vector<std::string> bench_names() {
   return names;
 }
 
-// The executable of the test's parameter and its place among the o32 ones.
-const BenchExe *bench_named(const std::string &name, int *o32_index) {
-  *o32_index = 0;
+// The place of an executable among the o32 ones of the bench.
+int o32_index(const std::string &name) {
+  int i = 0;
   for (const BenchExe &e : bench_executables()) {
     if (e.name == name)
-      return &e;
-    *o32_index += e.abi == "o32";
+      break;
+    i += e.abi == "o32";
   }
-  return nullptr;
+  return i;
 }
 
 std::vector<std::string> names_of(const std::vector<FeedbackLine> &lines) {
@@ -51,8 +51,7 @@ class EndToEnd : public testing::TestWithParam<std::string> {};
 
 TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   VESK_REQUIRE_BENCH();
-  int index;
-  const BenchExe *e = bench_named(GetParam(), &index);
+  const BenchExe *e = bench_named(GetParam());
   ASSERT_NE(e, nullptr);
   if (e->abi != "o32") {
     ScratchDir dir("e2e");
@@ -89,15 +88,15 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
   ASSERT_GT(b.procs().size(), 2u);
-  const int order = (index + index / 3) % 3; // the bench lists three models in a row
+  const int index = o32_index(e->name), order = (index + index / 3) % 3; // the bench lists three models in a row
   std::vector<FeedbackLine> fb;
   if (order == 0) {
-    fb = reversed_order(b.procs());
+    fb = reversed_order(b);
   } else if (order == 1) {
-    fb = random_order(b.procs(), e->name);
+    fb = random_order(b, e->name);
   } else {
     RunResult traced;
-    fb = hot_first_order(b.procs(), entry_counts(*e, e->path, b.procs(), b.path("trace.log"), &traced, {}));
+    fb = hot_first_order(b, *e, e->path, {}, &traced);
     ASSERT_EQ(traced.out, e->expected) << traced.err;
     ASSERT_GT(fb.size(), 2u);
   }
@@ -110,7 +109,7 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   // its local functions with jal; elsewhere calls by bal tie caller and
   // callee with everything in between, and an order may move nothing.
   std::vector<std::string> listed;
-  for (const ListedProc &p : b.procs())
+  for (const DebugProc &p : b.procs())
     listed.push_back(p.name);
   listed.erase(std::remove(listed.begin(), listed.end(), ".libstub"), listed.end());
   if (e->model == "fno-pie" && e->explicit_relocs) {
@@ -141,7 +140,7 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
     else if (m.new_lo != m.old_addr)
       expected.emplace("__start", m.new_lo);
   const std::string again = b.path("again");
-  r = b.vesk(out, random_order(b.procs(), e->name + " again"), again, {"-debug"});
+  r = b.vesk(out, random_order(b, e->name + " again"), again, {"-debug"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.err.find("Warning: " + out + " is a vesked binary.\n"), std::string::npos) << r.err;
   for (const DebugProc &p : procedure_table(r.out))

@@ -47,31 +47,23 @@ std::vector<std::string> names_where(bool o32) {
   return out;
 }
 
-// The real executable of the test's parameter and its place in the manifest.
-const BenchExe *real_named(const std::string &name, size_t *index) {
-  const auto &all = real_executables();
-  for (*index = 0; *index < all.size(); ++*index)
-    if (all[*index].name == name)
-      return &all[*index];
-  return nullptr;
-}
 
 class RealO32 : public testing::TestWithParam<std::string> {};
 class RealN32N64 : public testing::TestWithParam<std::string> {};
 
-#define REQUIRE_REAL(e, index)                                                                                 \
-  size_t index;                                                                                               \
-  const BenchExe *e = real_named(GetParam(), &index);                                                         \
+#define REQUIRE_REAL(e)                                                                                        \
+  const BenchExe *e = bench_named(GetParam());                                                                \
   if (e == nullptr)                                                                                           \
     GTEST_SKIP() << "real programs missing (build them with tests/real/build.sh)";
 
 } // namespace
 
 TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
-  REQUIRE_REAL(e, index);
+  REQUIRE_REAL(e);
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
   const char *kind[] = {"reversed", "shuffled", "hot-first"};
+  size_t index = size_t(e - real_executables().data());
   std::vector<int> orders{int((index + index / 3) % 3)}; // the manifest lists three models in a row
   if (std::getenv("VESK_REAL_ALL_ORDERS") != nullptr)
     orders = {0, 1, 2};
@@ -79,13 +71,12 @@ TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
     SCOPED_TRACE(kind[order]);
     std::vector<FeedbackLine> fb;
     if (order == 0) {
-      fb = reversed_order(b.procs());
+      fb = reversed_order(b);
     } else if (order == 1) {
-      fb = random_order(b.procs(), e->name);
+      fb = random_order(b, e->name);
     } else {
       RunResult traced;
-      fb = hot_first_order(b.procs(),
-                           entry_counts(*e, b.annotated(), b.procs(), b.path("trace.log"), &traced, profile_args(*e)));
+      fb = hot_first_order(b, *e, b.annotated(), profile_args(*e), &traced);
       ASSERT_EQ(traced.status, 0) << traced.err;
       ASSERT_FALSE(fb.empty());
     }
@@ -108,7 +99,7 @@ TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
 // layout is refused with no output, or (where ties keep every procedure in
 // place) written unchanged and still passing.
 TEST_P(RealN32N64, UnchangedLayoutRunsAndNewLayoutIsRefused) {
-  REQUIRE_REAL(e, index);
+  REQUIRE_REAL(e);
   ScratchDir dir("real");
   std::string out = dir / "out", fb = dir / "x.fb";
   write_file(fb, kNoFeedback);

@@ -145,7 +145,7 @@ TEST(Refusals, OneErrorLineStatusOneNoOutputInputUntouched) {
   for (const Refusal &c : kRefusals) {
     SCOPED_TRACE(c.what);
     ScratchDir dir("refusal");
-    const BenchExe *e = c.o32 ? find_bench("calc", "o32", "mdebug", "fno-pie") : find_bench("calc", "n64", "dwarf", "pie");
+    const BenchExe *e = bench_named(c.o32 ? "calc-o32-mdebug-fno-pie" : "calc-n64-dwarf-pie");
     ASSERT_NE(e, nullptr);
     write_file(dir / "prog", read_file(e->path));
     write_file(dir / "prog.fb", kNoFeedback);

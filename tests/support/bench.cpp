@@ -6,16 +6,18 @@
 #include <gelf.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <stdexcept>
-#include <unistd.h>
 
 #include "support/elf_file.h"
 
 namespace vesk::test {
 
+namespace {
+
+// The executables manifest.tsv in dir lists: path program abi debug model
+// [explicit-relocs].
 std::vector<BenchExe> load_manifest(const std::string &dir) {
   std::vector<BenchExe> list;
   std::ifstream in(dir + "/manifest.tsv");
@@ -28,15 +30,15 @@ std::vector<BenchExe> load_manifest(const std::string &dir) {
     fields >> expl;
     e.name = e.path.substr(e.path.rfind('/') + 1);
     e.explicit_relocs = expl == "yes";
-    if (e.abi == "o32")
-      e.qemu = {"qemu-mips", "-L", "/usr/mips-linux-gnu"};
-    else
-      e.qemu = {e.abi == "n32" ? "qemu-mipsn32" : "qemu-mips64", "-L", "/usr/mips64-linux-gnuabi64"};
+    e.qemu = {e.abi == "o32" ? "qemu-mips" : e.abi == "n32" ? "qemu-mipsn32" : "qemu-mips64", "-L",
+              e.abi == "o32" ? "/usr/mips-linux-gnu" : "/usr/mips64-linux-gnuabi64"};
     e.expected = read_file(e.path + ".expected");
     list.push_back(std::move(e));
   }
   return list;
 }
+
+} // namespace
 
 const std::vector<BenchExe> &bench_executables() {
   static const std::vector<BenchExe> list = load_manifest(VESK_BENCH_DIR);
@@ -48,18 +50,17 @@ const std::vector<BenchExe> &real_executables() {
   return list;
 }
 
-const BenchExe *find_bench(const std::string &program, const std::string &abi, const std::string &debug,
-                           const std::string &model) {
-  for (const auto &e : bench_executables())
-    if (e.program == program && e.abi == abi && e.debug == debug && e.model == model && e.explicit_relocs)
-      return &e;
+const BenchExe *bench_named(const std::string &name) {
+  for (const auto *list : {&bench_executables(), &real_executables()})
+    for (const BenchExe &e : *list)
+      if (e.name == name)
+        return &e;
   return nullptr;
 }
 
-RunResult run_bench(const BenchExe &e, const std::string &exe_path, const std::vector<std::string> &args) {
+RunResult run_bench(const BenchExe &e, const std::string &exe) {
   std::vector<std::string> argv = e.qemu;
-  argv.push_back(exe_path);
-  argv.insert(argv.end(), args.begin(), args.end());
+  argv.push_back(exe);
   return run_command(argv, "", 10);
 }
 
@@ -122,15 +123,10 @@ std::vector<DebugProc> address_mapping(const std::string &debug_out) {
   for (const std::string &line : debug_block(debug_out, "Procedure Address Mapping")) {
     char name[512];
     unsigned long long old_addr, lo = 0, hi = 0;
-    DebugProc m;
-    m.moved = std::sscanf(line.c_str(), "[%*d] %511s old(%llx) new(%llx - %llx)", name, &old_addr, &lo, &hi) == 4;
-    if (!m.moved && std::sscanf(line.c_str(), "[%*d] %511s old(%llx) not changed", name, &old_addr) != 2)
+    if (std::sscanf(line.c_str(), "[%*d] %511s old(%llx) new(%llx - %llx)", name, &old_addr, &lo, &hi) != 4 &&
+        std::sscanf(line.c_str(), "[%*d] %511s old(%llx) not changed", name, &old_addr) != 2)
       throw std::runtime_error("unexpected address mapping line: " + line);
-    m.name = name;
-    m.old_addr = old_addr;
-    m.new_lo = m.moved ? lo : old_addr;
-    m.new_hi = m.moved ? hi : old_addr;
-    out.push_back(m);
+    out.push_back({name, old_addr, hi ? lo : old_addr, hi ? hi : old_addr});
   }
   return out;
 }
@@ -142,7 +138,7 @@ std::vector<DebugProc> procedure_table(const std::string &debug_out) {
     unsigned long long addr, size;
     if (std::sscanf(line.c_str(), "[%*d] %511s %llx %llx", name, &addr, &size) != 3)
       throw std::runtime_error("unexpected procedure table line: " + line);
-    out.push_back({name, addr, size, addr, addr + size, false});
+    out.push_back({name, addr, addr, addr + size});
   }
   return out;
 }
@@ -158,20 +154,13 @@ AnnotatedBench::AnnotatedBench(const BenchExe &e) : dir_("bench"), annotated_(di
   r = vesk(annotated_, {}, path("unchanged"), {"-debug", "-merge", path("listed.fb")});
   std::vector<FeedbackLine> named = feedback_lines(path("listed.fb"));
   std::vector<DebugProc> mapped = address_mapping(r.out);
-  if (r.status != 0 || named.size() != mapped.size() || named.empty()) {
-    ADD_FAILURE() << e.name << ": " << named.size() << " merged feedback lines, " << mapped.size()
-                  << " address mapping lines; " << r.err;
+  for (size_t i = 0; i < named.size() && i < mapped.size() && named[i].name == mapped[i].name; ++i)
+    files_.push_back(named[i].file);
+  if (r.status != 0 || files_.size() != mapped.size() || named.size() != mapped.size() || named.empty()) {
+    ADD_FAILURE() << e.name << ": the merged feedback and the address mapping differ; " << r.err;
     return;
   }
-  for (size_t i = 0; i < named.size(); ++i) {
-    if (named[i].name != mapped[i].name) {
-      ADD_FAILURE() << e.name << ": merged feedback line " << i << " names " << named[i].name << ", the mapping "
-                    << mapped[i].name;
-      return;
-    }
-    procs_.push_back({named[i].name, named[i].file, mapped[i].old_addr, mapped[i].new_hi - mapped[i].new_lo});
-  }
-  ok_ = true;
+  procs_ = mapped;
 }
 
 RunResult AnnotatedBench::vesk(const std::string &input, const std::vector<FeedbackLine> &fb, const std::string &out,
@@ -186,94 +175,78 @@ namespace {
 
 // ".libstub" stands for the uncovered start of the text, and a nameless
 // DWARF subprogram is merged as "(null)": neither can be named in feedback.
-bool nameable(const std::string &name) { return name != ".libstub" && name != "(null)"; }
-
-std::vector<FeedbackLine> falling(std::vector<FeedbackLine> lines) {
-  uint64_t count = 1000 + lines.size();
-  for (FeedbackLine &l : lines)
-    l.count = count--;
-  return lines;
+// The counts fall from the first procedure given to the last.
+std::vector<FeedbackLine> order_of(const AnnotatedBench &b, const std::vector<size_t> &indexes) {
+  std::vector<FeedbackLine> out;
+  for (size_t i : indexes)
+    if (b.procs()[i].name != ".libstub" && b.procs()[i].name != "(null)")
+      out.push_back({b.procs()[i].name, b.files()[i], 0});
+  for (size_t i = 0; i < out.size(); ++i)
+    out[i].count = 1000 + out.size() - i;
+  return out;
 }
 
 } // namespace
 
-std::vector<FeedbackLine> reversed_order(const std::vector<ListedProc> &procs) {
-  std::vector<FeedbackLine> out;
-  for (auto p = procs.rbegin(); p != procs.rend(); ++p)
-    if (nameable(p->name))
-      out.push_back({p->name, p->file, 0});
-  return falling(out);
+std::vector<FeedbackLine> reversed_order(const AnnotatedBench &b) {
+  std::vector<size_t> v(b.procs().size());
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = v.size() - 1 - i;
+  return order_of(b, v);
 }
 
-std::vector<FeedbackLine> random_order(const std::vector<ListedProc> &procs, const std::string &seed_text) {
+std::vector<FeedbackLine> random_order(const AnnotatedBench &b, const std::string &seed_text) {
   // std::shuffle may differ between library versions; the Mersenne
   // twister's raw output does not.
   uint32_t seed = 2166136261u;
   for (unsigned char c : seed_text)
     seed = (seed ^ c) * 16777619u;
   std::mt19937 gen(seed);
-  std::vector<FeedbackLine> out;
-  for (const ListedProc &p : procs)
-    if (nameable(p.name))
-      out.push_back({p.name, p.file, 0});
-  for (size_t i = out.size(); i > 1; --i)
-    std::swap(out[i - 1], out[gen() % i]);
-  return falling(out);
+  std::vector<size_t> v(b.procs().size());
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = i;
+  for (size_t i = v.size(); i > 1; --i)
+    std::swap(v[i - 1], v[gen() % i]);
+  return order_of(b, v);
 }
 
-std::vector<FeedbackLine> hot_first_order(const std::vector<ListedProc> &procs, const std::vector<uint64_t> &counts) {
-  std::vector<FeedbackLine> out;
-  for (size_t i = 0; i < procs.size(); ++i)
-    if (counts[i] != 0 && nameable(procs[i].name))
-      out.push_back({procs[i].name, procs[i].file, counts[i]});
-  std::stable_sort(out.begin(), out.end(), [](const auto &a, const auto &b) { return a.count > b.count; });
-  return out;
-}
-
-std::vector<uint64_t> entry_counts(const BenchExe &e, const std::string &exe, const std::vector<ListedProc> &procs,
-                                   const std::string &log_path, RunResult *out, const std::vector<std::string> &args) {
+std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchExe &e, const std::string &exe,
+                                          const std::vector<std::string> &args, RunResult *run) {
   // -d exec logs "Trace N: host [cs_base/pc/flags/cflags]" for every block
-  // run, and nochain keeps blocks from jumping straight into each other
-  // unlogged; -d page logs start_code, the load address of a PIE.
+  // run, nochain keeps blocks from jumping straight into each other
+  // unlogged, and -d page logs start_code, the load address of a PIE.
   std::vector<std::string> argv = e.qemu;
-  argv.insert(argv.end(), {"-d", "page,exec,nochain", "-D", log_path, exe});
+  argv.insert(argv.end(), {"-d", "page,exec,nochain", "-D", b.path("trace.log"), exe});
   argv.insert(argv.end(), args.begin(), args.end());
-  *out = run_command(argv, "", 60);
-
-  std::map<uint64_t, size_t> by_start;
-  for (size_t i = 0; i < procs.size(); ++i)
-    if (procs[i].size != 0)
-      by_start.emplace(procs[i].old_addr, i);
-  std::vector<uint64_t> pcs;
-  std::optional<uint64_t> start_code;
-  std::istringstream in(read_file(log_path));
-  unlink(log_path.c_str());
+  *run = run_command(argv, "", 60);
+  std::map<uint64_t, uint64_t> entered; // start address -> blocks run from there
+  uint64_t start_code = 0, lowest = UINT64_MAX;
+  std::istringstream in(read_file(b.path("trace.log")));
   for (std::string line; std::getline(in, line);) {
     unsigned long long v;
     size_t slash = line.find('/', line.find('['));
-    if (line.rfind("Trace ", 0) == 0 && slash != std::string::npos && std::sscanf(line.c_str() + slash + 1, "%llx", &v) == 1)
-      pcs.push_back(v);
+    if (line.rfind("Trace ", 0) == 0 && slash != std::string::npos && std::sscanf(&line[slash + 1], "%llx", &v) == 1)
+      ++entered[v];
     else if (std::sscanf(line.c_str(), "start_code %llx", &v) == 1)
       start_code = v;
   }
-  uint64_t lowest = UINT64_MAX;
   ElfFile f(exe);
   size_t n = 0;
-  elf_getphdrnum(f.e, &n);
-  for (size_t i = 0; i < n; ++i) {
-    GElf_Phdr ph;
+  GElf_Phdr ph;
+  for (size_t i = 0; elf_getphdrnum(f.e, &n) == 0 && i < n; ++i)
     if (gelf_getphdr(f.e, int(i), &ph) && ph.p_type == PT_LOAD)
       lowest = std::min<uint64_t>(lowest, ph.p_vaddr);
+  std::vector<std::pair<uint64_t, size_t>> hot; // entries, index
+  for (size_t i = 0; i < b.procs().size(); ++i) {
+    auto p = entered.find(b.procs()[i].old_addr + start_code - lowest);
+    if (b.procs()[i].new_hi != b.procs()[i].new_lo && p != entered.end())
+      hot.push_back({p->second, i});
   }
-  if (!start_code || lowest == UINT64_MAX)
-    throw std::runtime_error("no load address for " + exe);
-  std::vector<uint64_t> counts(procs.size(), 0);
-  for (uint64_t pc : pcs) {
-    auto p = by_start.find(pc - (*start_code - lowest));
-    if (p != by_start.end())
-      ++counts[p->second];
-  }
-  return counts;
+  std::stable_sort(hot.begin(), hot.end(), [](auto &x, auto &y) { return x.first > y.first; });
+  std::vector<size_t> v;
+  for (auto [count, i] : hot)
+    v.push_back(i);
+  return order_of(b, v);
 }
 
 } // namespace vesk::test
