@@ -5,7 +5,6 @@
 
 #include "com/compact_rel.h"
 #include "support/bench.h"
-#include "support/elf_file.h"
 #include "vesk/bytes.h"
 
 using namespace vesk;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "support/run.h"
+#include "support/bench.h"
 #include "support/step.h"
 #include "vesk/bin.h"
 #include "vesk/bytes.h"
@@ -127,6 +127,18 @@ TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
   EXPECT_EQ(p[5]->tied, 0);
 }
 
+// A branch in a word no procedure holds ends the run.
+TEST_F(Planning, ABranchOutsideEveryProcedureEndsTheRun) {
+  std::vector<uint32_t> words = body(8);
+  words.push_back(beq_zero(0));
+  set_text(words);
+  make("p0", LO, 32);
+  attach({});
+  StepResult r = run_step(check_branch_out_of_procedure);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error: cannot find procedure for branch target"), std::string::npos) << r.err;
+}
+
 // Two stub words start the text, then a, an uncovered word, b, and two
 // uncovered words at the end.  The stubs stay in front, the procedures
 // follow in list order, the uncovered words behind them in input order.
@@ -232,30 +244,19 @@ struct Feedback : Planning {
 TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
   const std::pair<std::vector<std::string>, Order> cases[] = {
       // Zero counts keep their place in a single file.
-      {{"# comment\nd a.c 9\nb a.c 0\nc a.c 4\n"}, {"d(a.c) 9", "b(a.c) 0", "c(a.c) 4", "a(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
+      {{"# comment\nd a.c 9\nb a.c 0\nc a.c 4\n"},
+       {"d(a.c) 9", "b(a.c) 0", "c(a.c) 4", "a(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
       // Two files: the first one's counted procedures (counts of both
       // summed), the second one's, the first one's zero counts, the rest.
       {{"b a.c 5\nd a.c 0\nc a.c 3\n", "c a.c 4\ne a.c 7\na a.c 0\n"},
        {"b(a.c) 5", "c(a.c) 7", "e(a.c) 7", "d(a.c) 0", "a(a.c) 0", "a(b.c) 0"}},
       // A name alone takes the file and count before it; a procedure named
       // twice in one file counts once.
-      {{"c a.c 3\nd\nc a.c 100\na b.c\n"}, {"c(a.c) 3", "d(a.c) 3", "a(b.c) 100", "a(a.c) 0", "b(a.c) 0", "e(a.c) 0"}},
+      {{"c a.c 3\nd\nc a.c 100\na b.c\n"},
+       {"c(a.c) 3", "d(a.c) 3", "a(b.c) 100", "a(a.c) 0", "b(a.c) 0", "e(a.c) 0"}},
   };
   for (const auto &[files, expected] : cases) {
     read(files);
     EXPECT_EQ(counted(), expected) << files[0];
   }
-}
-
-// The merged feedback of two files, read back alone, gives the same order
-// and counts.
-TEST_F(Feedback, MergedFeedbackReadBackKeepsOrderAndCounts) {
-  read({"b a.c 5\nd a.c 0\nc a.c 3\n", "c a.c 4\ne a.c 7\na b.c 2\n"});
-  Order before = counted();
-  std::string merged = dir / "merged.fb";
-  option.merge_file = merged.c_str();
-  write_merged_feedback();
-  std::string text = read_file(merged);
-  read({text.substr(text.find("$start\n") + 7)});
-  EXPECT_EQ(counted(), before);
 }

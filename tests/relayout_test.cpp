@@ -8,24 +8,134 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <gelf.h>
 #include <random>
+#include <set>
 #include <sstream>
+#include <stdexcept>
 #include <unistd.h>
 
 #include "com/branch.h"
+#include "com/elf.h"
 #include "com/update.h"
 #include "support/bench.h"
-#include "support/elf_file.h"
-#include "support/rewrite_harness.h"
+#include "support/step.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
 #include "vesk/bytes.h"
+#include "vesk/driver.h"
+#include "vesk/options.h"
+#include "vesk/reader.h"
 
 using namespace vesk;
 using namespace vesk::test;
 
 namespace {
+
+// The rewriting steps run in process without procedure discovery and
+// planning: the test loads the input the way the reader does (into
+// vesk::bin, with the output a copy of it), lays the text out in an order
+// it chooses, and calls the steps.
+struct TextBlock {
+  uint64_t addr = 0, size = 0;
+};
+
+void load_input(const std::string &path, const std::string &output) {
+  static std::string program, out; // option keeps pointers to them
+  fresh_run();
+  program = path;
+  out = output;
+  option.program = program.c_str();
+  option.output = out.c_str();
+  bin.in_fd = open(path.c_str(), O_RDONLY);
+  elf_version(EV_CURRENT);
+  bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
+  bin.is_elf32 = elf64_getehdr(bin.in_elf) == nullptr;
+  in_ehdr = bin.is_elf32 ? copy_elf_header_to64(elf32_getehdr(bin.in_elf)) : elf64_getehdr(bin.in_elf);
+  elf_errno(); // forget the failed class probe
+  bin.is_n32 = (in_ehdr->e_flags & EF_MIPS_ABI2) ? 1 : 0;
+  bin.pic_kind = (in_ehdr->e_flags & EF_MIPS_PIC) ? 0 : (in_ehdr->e_flags & EF_MIPS_CPIC) ? 1 : 2;
+  bin.entry = in_ehdr->e_entry;
+  bin.exec_lo = bin.stubs_lo = ~uint64_t(0);
+
+  size_t shstrndx;
+  elf_getshdrstrndx(bin.in_elf, &shstrndx);
+  for (Elf_Scn *scn = elf_nextscn(bin.in_elf, nullptr); scn; scn = elf_nextscn(bin.in_elf, scn)) {
+    GElf_Shdr sh;
+    gelf_getshdr(scn, &sh);
+    std::string n = elf_strptr(bin.in_elf, shstrndx, sh.sh_name);
+    Elf_Data *d = elf_getdata(scn, nullptr);
+    auto *bytes = static_cast<const uint8_t *>(d->d_buf);
+    if (sh.sh_flags & SHF_EXECINSTR) {
+      bin.exec_lo = std::min<uint64_t>(bin.exec_lo, sh.sh_addr);
+      bin.exec_hi = std::max<uint64_t>(bin.exec_hi, sh.sh_addr + sh.sh_size);
+    }
+    if (n == ".text") {
+      bin.text_lo = sh.sh_addr;
+      bin.text_hi = sh.sh_addr + sh.sh_size;
+      bin.text_words = uint32_t(sh.sh_size / 4);
+      bin.text_buf = bytes;
+    } else if (n == ".MIPS.stubs") {
+      bin.stubs_lo = sh.sh_addr;
+    } else if (n == ".dynamic") {
+      GElf_Dyn dyn;
+      for (int i = 0; gelf_getdyn(d, i, &dyn); ++i) {
+        uint32_t v = uint32_t(dyn.d_un.d_val);
+        switch (dyn.d_tag) {
+        case DT_PLTGOT: bin.pltgot = v; break;
+        case DT_STRTAB: bin.strtab_addr = v; break;
+        case DT_MIPS_TIME_STAMP: bin.time_stamp = v; break;
+        case DT_MIPS_LOCAL_GOTNO: bin.local_gotno = v; break;
+        case DT_MIPS_GOTSYM: bin.gotsym = v; break;
+        default: break;
+        }
+      }
+    } else if (n == ".reginfo") {
+      bin.gp_value = load32(bytes + 20);
+    } else if (n == ".MIPS.options" && d->d_size >= 40 && bytes[0] == 1) {
+      bin.gp_value = load32(bytes + 36);
+    } else if (n == ".got") {
+      bin.got_buf = bytes;
+      bin.got_count = uint32_t(d->d_size / 4);
+    } else if (n == ".dynsym") {
+      bin.dynsym_buf = d->d_buf;
+    }
+  }
+  bin.stubs_lo = std::min(bin.stubs_lo, bin.text_lo);
+
+  bin.out_fd = open(option.output, O_WRONLY | O_CREAT | O_TRUNC, 0755);
+  bin_copy(bin.in_fd, bin.out_fd);
+  bin.text_map = static_cast<uint64_t *>(std::calloc(bin.text_words + 1, sizeof(uint64_t)));
+  duplicate_elf();
+}
+
+
+// .text cut at every start and end of a function symbol.
+std::vector<TextBlock> text_blocks(const std::string &exe) {
+  std::set<uint64_t> cuts{bin.text_lo, bin.text_hi};
+  for (const ElfSymbol &s : ElfFile(exe).functions())
+    for (uint64_t a : {s.value, s.value + s.size})
+      if (in_text(a))
+        cuts.insert(a & ~uint64_t(3));
+  std::vector<TextBlock> blocks;
+  for (auto it = cuts.begin(); std::next(it) != cuts.end(); ++it)
+    blocks.push_back({*it, *std::next(it) - *it});
+  return blocks;
+}
+
+void lay_out(const std::vector<TextBlock> &order) {
+  bin.new_text_fill = 0;
+  for (const TextBlock &b : order) {
+    uint64_t first = (b.addr - bin.text_lo) / 4;
+    for (uint64_t k = 0; k < b.size / 4; ++k) {
+      set_word_at(bin.new_text, bin.new_text_fill, word_at(bin.text_buf, first + k));
+      bin.text_map[first + k] = bin.text_lo + 4 * uint64_t(bin.new_text_fill++);
+    }
+  }
+  if (bin.new_text_fill != bin.text_words)
+    throw std::runtime_error("the layout does not cover .text exactly once");
+}
 
 enum class Kind { other, branch, jump };
 
@@ -57,7 +167,7 @@ struct Layout {
 template <class Arrange> std::string rewrite(const std::string &exe, Arrange arrange, Layout *layout, std::string *err) {
   std::string out = temp_path("relaid");
   load_input(exe, out);
-  lay_out(arrange(text_blocks()));
+  lay_out(arrange(text_blocks(exe)));
   layout->lo = bin.text_lo;
   layout->hi = bin.text_hi;
   layout->map.assign(bin.text_map, bin.text_map + bin.text_words);
@@ -70,7 +180,8 @@ template <class Arrange> std::string rewrite(const std::string &exe, Arrange arr
   update_symtab();
   update_branch_offset();
   *err = testing::internal::GetCapturedStderr();
-  finish_output();
+  write_it();
+  close(bin.out_fd);
   return out;
 }
 
@@ -155,17 +266,14 @@ void check_rewrite(const std::string &in_path, const std::string &out_path, cons
     may_change.push_back({off, off + in.addr_size()});
   }
 
-  auto isym = in.symbols(".dynsym"), osym = out.symbols(".dynsym");
-  ASSERT_EQ(isym.size(), osym.size());
-  for (size_t i = 0; i < isym.size(); ++i)
-    EXPECT_EQ(osym[i].st_value, L.repoint(isym[i].st_value)) << "dynsym " << i;
-  isym = in.symbols(".symtab");
-  osym = out.symbols(".symtab");
-  ASSERT_EQ(isym.size(), osym.size());
-  for (size_t i = 0; i < isym.size(); ++i) {
-    bool kept = isym[i].st_shndx == SHN_ABS || isym[i].st_value == 0 ||
-                (isym[i].st_shndx == SHN_COMMON && isym[i].st_value <= 0x10000);
-    EXPECT_EQ(osym[i].st_value, kept ? isym[i].st_value : L.repoint(isym[i].st_value)) << "symtab " << i;
+  for (std::string name : {".dynsym", ".symtab"}) {
+    auto isym = in.symbols(name), osym = out.symbols(name);
+    ASSERT_EQ(isym.size(), osym.size());
+    for (size_t i = 0; i < isym.size(); ++i) {
+      bool kept = name == ".symtab" && (isym[i].st_shndx == SHN_ABS || isym[i].st_value == 0 ||
+                                        (isym[i].st_shndx == SHN_COMMON && isym[i].st_value <= 0x10000));
+      EXPECT_EQ(osym[i].st_value, kept ? isym[i].st_value : L.repoint(isym[i].st_value)) << name << " " << i;
+    }
   }
 
   // Nothing outside those places changed.

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "com/rpt.h"
-#include "support/run.h"
+#include "support/bench.h"
 #include "support/step.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"

@@ -4,12 +4,13 @@
 // 0x408000 so that %hi halves need their carry adjusted.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "com/compact_rel.h"
 #include "com/update_compact_rel.h"
-#include "support/run.h"
+#include "support/bench.h"
 #include "support/step.h"
 #include "support/synth_elf.h"
 #include "vesk/bin.h"
@@ -44,9 +45,9 @@ struct Image {
   void load() {
     SynthElf img;
     img.add(text_section(TEXT, text));
-    SynthSection d{.name = ".data", .flags = SHF_ALLOC | SHF_WRITE, .addr = DATA};
-    for (uint32_t w : data)
-      put32(d.data, w);
+    SynthSection d = text_section(DATA, data);
+    d.name = ".data";
+    d.flags = SHF_ALLOC | SHF_WRITE;
     img.add(d);
     std::vector<uint8_t> h; // tag 1 gives the count, (0, 0) ends the header
     for (uint32_t w : {1u, uint32_t(entries.size()), 0u, 0u})
@@ -70,14 +71,11 @@ struct Image {
       put32(old_text_bytes, w);
     bin.text_buf = old_text_bytes.data();
     // B moves to the front, A behind it; new_text holds the moved words.
-    map.resize(8);
-    for (uint32_t i = 0; i < 4; ++i) {
-      map[i] = TEXT + 16 + 4 * i;
-      map[4 + i] = TEXT + 4 * i;
-    }
+    for (uint32_t i = 0; i < 8; ++i)
+      map.push_back(TEXT + 4 * ((i + 4) % 8));
     bin.text_map = map.data();
-    new_text_bytes.assign(old_text_bytes.begin() + 16, old_text_bytes.end());
-    new_text_bytes.insert(new_text_bytes.end(), old_text_bytes.begin(), old_text_bytes.begin() + 16);
+    std::rotate_copy(old_text_bytes.begin(), old_text_bytes.begin() + 16, old_text_bytes.end(),
+                     std::back_inserter(new_text_bytes));
     bin.new_text = new_text_bytes.data();
     bin.new_text_fill = 8;
     bin.gp_value = GP;

@@ -1,18 +1,213 @@
 #include "support/bench.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
-#include <gelf.h>
 #include <gtest/gtest.h>
 #include <map>
+#include <poll.h>
 #include <random>
 #include <sstream>
 #include <stdexcept>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
-#include "support/elf_file.h"
+#include "vesk/bytes.h"
 
 namespace vesk::test {
+
+RunResult run_command(const std::vector<std::string> &argv, const std::string &cwd, int timeout) {
+  int out_pipe[2], err_pipe[2];
+  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0)
+    throw std::runtime_error("pipe");
+  pid_t pid = fork();
+  if (pid < 0)
+    throw std::runtime_error("fork");
+  if (pid == 0) {
+    dup2(out_pipe[1], 1);
+    dup2(err_pipe[1], 2);
+    for (int fd : {out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]})
+      close(fd);
+    int devnull = open("/dev/null", O_RDONLY);
+    dup2(devnull, 0);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0)
+      _exit(126);
+    std::vector<char *> args;
+    for (const auto &a : argv)
+      args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+  RunResult r;
+  struct pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+  time_t deadline = time(nullptr) + timeout;
+  char buf[65536];
+  for (int open_fds = 2; open_fds > 0;) {
+    if (time(nullptr) >= deadline)
+      kill(pid, SIGKILL); // the pipes close as it dies
+    if (poll(fds, 2, 1000) < 0 && errno != EINTR)
+      break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
+        continue;
+      ssize_t got = read(fds[i].fd, buf, sizeof buf);
+      if (got > 0) {
+        (i == 0 ? r.out : r.err).append(buf, size_t(got));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open_fds;
+      }
+    }
+  }
+  int st = 0;
+  waitpid(pid, &st, 0);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  return r;
+}
+
+RunResult run_vesk(const std::vector<std::string> &args, const std::string &cwd) {
+  std::vector<std::string> argv{VESK_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run_command(argv, cwd);
+}
+
+std::string annotate_binary() {
+  std::string v = VESK_BINARY;
+  return v.substr(0, v.rfind('/') + 1) + "vesk-annotate";
+}
+
+std::string read_file(const std::string &path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+void write_file(const std::string &path, const std::string &contents) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+}
+
+std::string temp_path(const std::string &stem) {
+  static std::atomic<int> counter{0};
+  const char *dir = std::getenv("TEST_TMPDIR");
+  return std::string(dir ? dir : "/tmp") + "/vesk-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+         "-" + stem;
+}
+
+ScratchDir::ScratchDir(const std::string &stem) : path_(temp_path(stem)) {
+  std::filesystem::remove_all(path_);
+  std::filesystem::create_directories(path_);
+}
+
+ScratchDir::~ScratchDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+ElfFile::ElfFile(const std::string &path) {
+  std::string s = read_file(path);
+  bytes.assign(s.begin(), s.end());
+  elf_version(EV_CURRENT);
+  fd_ = open(path.c_str(), O_RDONLY);
+  e = fd_ < 0 ? nullptr : elf_begin(fd_, ELF_C_READ, nullptr);
+  EXPECT_NE(e, nullptr) << path << " is not an ELF file";
+  is64 = e != nullptr && gelf_getclass(e) == ELFCLASS64;
+}
+
+ElfFile::~ElfFile() {
+  if (e != nullptr)
+    elf_end(e);
+  if (fd_ >= 0)
+    close(fd_);
+}
+
+Elf_Scn *ElfFile::scn(const std::string &name) const {
+  size_t shstrndx = 0;
+  GElf_Shdr sh;
+  for (Elf_Scn *s = e && elf_getshdrstrndx(e, &shstrndx) == 0 ? elf_nextscn(e, nullptr) : nullptr; s;
+       s = elf_nextscn(e, s))
+    if (gelf_getshdr(s, &sh) && elf_strptr(e, shstrndx, sh.sh_name) && name == elf_strptr(e, shstrndx, sh.sh_name))
+      return s;
+  return nullptr;
+}
+
+GElf_Shdr ElfFile::shdr(const std::string &name) const {
+  GElf_Shdr sh{};
+  if (Elf_Scn *s = scn(name))
+    gelf_getshdr(s, &sh);
+  return sh;
+}
+
+std::vector<uint8_t> ElfFile::contents(const std::string &name) const {
+  GElf_Shdr sh = shdr(name);
+  if (sh.sh_size == 0 || sh.sh_type == SHT_NOBITS || sh.sh_offset + sh.sh_size > bytes.size())
+    return {};
+  return std::vector<uint8_t>(bytes.begin() + long(sh.sh_offset), bytes.begin() + long(sh.sh_offset + sh.sh_size));
+}
+
+uint64_t ElfFile::offset_of(uint64_t addr) const {
+  for (Elf_Scn *s = elf_nextscn(e, nullptr); s; s = elf_nextscn(e, s)) {
+    GElf_Shdr sh;
+    gelf_getshdr(s, &sh);
+    if ((sh.sh_flags & SHF_ALLOC) && sh.sh_type != SHT_NOBITS && addr >= sh.sh_addr && addr < sh.sh_addr + sh.sh_size)
+      return sh.sh_offset + (addr - sh.sh_addr);
+  }
+  return ~uint64_t(0);
+}
+
+uint64_t ElfFile::addr_word(uint64_t off) const { return is64 ? load64(&bytes[off]) : load32(&bytes[off]); }
+
+namespace {
+
+// Every record of a section through one of libelf's typed getters.
+template <class T, class Get> std::vector<T> records(Elf_Scn *s, Get get) {
+  std::vector<T> v;
+  Elf_Data *d = s ? elf_getdata(s, nullptr) : nullptr;
+  T r;
+  for (int i = 0; d && get(d, i, &r); ++i)
+    v.push_back(r);
+  return v;
+}
+
+} // namespace
+
+std::vector<GElf_Sym> ElfFile::symbols(const std::string &section) const {
+  return records<GElf_Sym>(scn(section), gelf_getsym);
+}
+std::vector<GElf_Dyn> ElfFile::dynamic() const { return records<GElf_Dyn>(scn(".dynamic"), gelf_getdyn); }
+std::vector<GElf_Rel> ElfFile::rels(const std::string &section) const {
+  return records<GElf_Rel>(scn(section), gelf_getrel);
+}
+
+std::vector<ElfSymbol> ElfFile::functions(bool sized) const {
+  std::vector<ElfSymbol> out;
+  GElf_Shdr sh = shdr(".symtab");
+  for (const GElf_Sym &sym : symbols(".symtab"))
+    if (GELF_ST_TYPE(sym.st_info) == STT_FUNC && sym.st_shndx != SHN_UNDEF && (!sized || sym.st_size > 0))
+      out.push_back({elf_strptr(e, sh.sh_link, sym.st_name), sym.st_value, sym.st_size, sym.st_shndx});
+  return out;
+}
+
+uint64_t ElfFile::symbol_value(const std::string &name) const {
+  GElf_Shdr sh = shdr(".symtab");
+  for (const GElf_Sym &sym : symbols(".symtab")) {
+    const char *n = elf_strptr(e, sh.sh_link, sym.st_name);
+    if (n != nullptr && name == n)
+      return sym.st_value;
+  }
+  return 0;
+}
 
 namespace {
 

@@ -1,15 +1,82 @@
-// The benches of MIPS executables (the small programs tests/programs/build.sh
-// builds for every ABI, debug format and code model, and the real programs
-// of tests/real/build.sh), and whole runs of vesk and vesk-annotate on them.
+// Running programs as a user would, the benches of MIPS executables (the
+// small programs tests/programs/build.sh builds for every ABI, debug format
+// and code model, and the real programs of tests/real/build.sh), whole runs
+// of vesk and vesk-annotate on them, and executables read back with libelf.
 #pragma once
 
 #include <cstdint>
+#include <gelf.h>
 #include <string>
 #include <vector>
 
-#include "support/run.h"
-
 namespace vesk::test {
+
+struct RunResult {
+  int status = -1; // exit status; 128 + signal when killed by a signal
+  std::string out, err;
+};
+
+// Runs argv (looked up in PATH) in directory cwd ("" = here) with no input;
+// it is killed after timeout seconds.
+RunResult run_command(const std::vector<std::string> &argv, const std::string &cwd = "", int timeout = 120);
+// The vesk and vesk-annotate executables of this build.
+RunResult run_vesk(const std::vector<std::string> &args, const std::string &cwd = "");
+std::string annotate_binary();
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &contents);
+// A fresh name under the test temporary directory.
+std::string temp_path(const std::string &stem);
+
+// A private directory, removed with everything in it at the end of scope.
+class ScratchDir {
+public:
+  explicit ScratchDir(const std::string &stem);
+  ~ScratchDir();
+  ScratchDir(const ScratchDir &) = delete;
+  ScratchDir &operator=(const ScratchDir &) = delete;
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+private:
+  std::string path_;
+};
+
+struct ElfSymbol {
+  std::string name;
+  uint64_t value = 0, size = 0;
+  uint16_t shndx = 0;
+};
+
+class ElfFile {
+public:
+  explicit ElfFile(const std::string &path); // fails the test when path is no ELF file
+  ~ElfFile();
+  ElfFile(const ElfFile &) = delete;
+  ElfFile &operator=(const ElfFile &) = delete;
+
+  std::vector<uint8_t> bytes; // the whole file
+  Elf *e = nullptr;
+  bool is64 = false;
+
+  Elf_Scn *scn(const std::string &name) const; // nullptr when absent
+  GElf_Shdr shdr(const std::string &name) const; // zeroes when absent
+  std::vector<uint8_t> contents(const std::string &name) const; // empty when absent
+  // File offset of a virtual address through the allocated sections, ~0 when none holds it.
+  uint64_t offset_of(uint64_t addr) const;
+  unsigned addr_size() const { return is64 ? 8 : 4; }
+  uint64_t addr_word(uint64_t off) const; // an address-sized word of the file
+  // The records of a section of symbols, dynamic entries or relocations.
+  std::vector<GElf_Sym> symbols(const std::string &section) const;
+  std::vector<GElf_Dyn> dynamic() const;
+  std::vector<GElf_Rel> rels(const std::string &section) const;
+  // STT_FUNC symbols of .symtab with a section (and a size, when sized).
+  std::vector<ElfSymbol> functions(bool sized = false) const;
+  uint64_t symbol_value(const std::string &name) const; // 0 when absent
+
+private:
+  int fd_ = -1;
+};
 
 struct BenchExe {
   std::string path, name; // name: the file name, e.g. calc-o32-mdebug-no-pie

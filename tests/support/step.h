@@ -1,6 +1,6 @@
-// Running pieces of vesk inside the test process.  Everything a test needs
-// to start a new in-process run, or to run a step that may end the run with
-// an error, goes through here.
+// Running pieces of vesk inside the test process.  Every test that starts
+// a new in-process run, or runs a step that may end the run with an error,
+// goes through here.
 #pragma once
 
 #include <functional>
@@ -12,14 +12,12 @@ struct StepResult {
   int status = -1; // 0 when fn returned, 1 when it ended the run with an error
   std::string out, err;
 };
-
-// Runs fn with standard output and standard error captured.  What fn
+// Runs fn with standard output and standard error captured; what fn
 // records in vesk's run state is not seen afterwards.
 StepResult run_step(const std::function<void()> &fn);
 
-// Forgets everything an earlier in-process run recorded (the input, the
-// options, the procedure table and list, the mdebug walk), so that the next
-// step starts as a new run does.
+// Forgets what an earlier in-process run recorded (input, options,
+// procedure table and list, mdebug walk): the next step starts a new run.
 void fresh_run();
 
 } // namespace vesk::test
