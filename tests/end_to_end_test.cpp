@@ -35,7 +35,6 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   }
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
-  ASSERT_GT(b.procs().size(), 2u);
   const long index = std::count_if(&bench_executables()[0], e, [](auto &x) { return x.abi == "o32"; });
   const long order = (index + index / 3) % 3; // the bench lists three models in a row
   std::vector<FeedbackLine> fb;

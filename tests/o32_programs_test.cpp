@@ -12,6 +12,8 @@ using namespace vesk::test;
 
 namespace {
 
+RunResult run_o32(const std::string &exe) { return run_command({"qemu-mips", "-L", "/usr/mips-linux-gnu", exe}, "", 10); }
+
 // Functions in assembly, so that the instruction pairs are known exactly,
 // and a word and a GP-relative word holding code addresses.
 const char *const kAsmProgram = R"(
@@ -73,18 +75,17 @@ TEST(Annotate, DescribesPairsWordsAndGpRelativeWords) {
   cm.rlc_ptr = v.data() + off + 8;
   cm.end = v.data() + v.size();
   cm_rlc_reset(&cm);
+  auto entry = [](uint32_t type, uint64_t at, uint64_t konst, uint32_t dist2to = 0) {
+    return std::to_string(type) + " " + std::to_string(at) + " " + std::to_string(konst) + " " + std::to_string(dist2to);
+  };
   std::vector<std::string> got;
   ElfFile f(exe);
   uint64_t get_f2 = f.symbol_value("get_f2"), f2 = f.symbol_value("f2"), f3 = f.symbol_value("f3");
   for (CompactRelEntry e; cm_rlc_get(&cm, &e);)
     if (e.konst == f2 || e.konst == f3)
-      got.push_back(std::to_string(e.type) + " " + std::to_string(e.vaddr) + " " + std::to_string(e.konst) + " " +
-                    std::to_string(e.dist2to));
+      got.push_back(entry(e.type, e.vaddr, e.konst, e.dist2to));
   // The %hi and the %lo each described alone with the address they form,
   // the GP-relative word, the word; in ascending order.
-  auto entry = [](int type, uint64_t at, uint64_t konst) {
-    return std::to_string(type) + " " + std::to_string(at) + " " + std::to_string(konst) + " 0";
-  };
   EXPECT_EQ(got, (std::vector<std::string>{entry(7, get_f2, f2), entry(7, get_f2 + 4, f2),
                                            entry(2, f.symbol_value("gpref"), f2),
                                            entry(3, f.symbol_value("wordref"), f3)}));

@@ -80,7 +80,6 @@ TEST_P(RealO32, ReorderedProgramPassesItsOwnTests) {
       total += m.name != ".libstub";
       moved += m.name != ".libstub" && m.new_lo != m.old_addr;
     }
-    std::printf("%s: %s order, %zu of %zu procedures moved\n", e->name.c_str(), kind[order], moved, total);
     EXPECT_TRUE(order != 1 || double(moved) > 0.95 * double(total));
     RunResult c = check(*e, out);
     EXPECT_EQ(c.status, 0) << c.err;

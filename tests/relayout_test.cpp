@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fcntl.h>
 #include <gelf.h>
 #include <random>
@@ -37,17 +38,12 @@ namespace {
 // planning: the test loads the input the way the reader does (into
 // vesk::bin, with the output a copy of it), lays the text out in an order
 // it chooses, and calls the steps.
-struct TextBlock {
-  uint64_t addr = 0, size = 0;
-};
+using TextBlock = std::pair<uint64_t, uint64_t>; // address and size
 
 void load_input(const std::string &path, const std::string &output) {
-  static std::string program, out; // option keeps pointers to them
   fresh_run();
-  program = path;
-  out = output;
-  option.program = program.c_str();
-  option.output = out.c_str();
+  option.program = strdup(path.c_str()); // kept to the end of the process, as the run keeps them
+  option.output = strdup(output.c_str());
   bin.in_fd = open(path.c_str(), O_RDONLY);
   elf_version(EV_CURRENT);
   bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
@@ -127,8 +123,8 @@ std::vector<TextBlock> text_blocks(const std::string &exe) {
 void lay_out(const std::vector<TextBlock> &order) {
   bin.new_text_fill = 0;
   for (const TextBlock &b : order) {
-    uint64_t first = (b.addr - bin.text_lo) / 4;
-    for (uint64_t k = 0; k < b.size / 4; ++k) {
+    uint64_t first = (b.first - bin.text_lo) / 4;
+    for (uint64_t k = 0; k < b.second / 4; ++k) {
       set_word_at(bin.new_text, bin.new_text_fill, word_at(bin.text_buf, first + k));
       bin.text_map[first + k] = bin.text_lo + 4 * uint64_t(bin.new_text_fill++);
     }

@@ -20,19 +20,18 @@ namespace {
 constexpr uint32_t TEXT = 0x400000, TABLE = 0x410000;
 using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
 
-// An image with the given dynamic symbols, hashed into nbucket buckets by
-// h % nbucket (modulo) or h & (nbucket - 1), and a table of descriptors
-// whose first words are given; the table is in bin, the text reversed word
-// by word.
+// An image whose dynamic symbols (hashed into three buckets, by h % 3)
+// name a table of descriptors with the given first words; it is loaded
+// into bin with the text reversed word by word.
 struct RptImage {
   std::vector<uint64_t> map;
   std::string path = temp_path("rpt");
   Elf *elf = nullptr;
 
-  RptImage(std::vector<std::pair<std::string, uint32_t>> symbols, uint32_t nbucket, bool modulo,
-           const std::vector<uint32_t> &table) {
-    symbols.push_back({"_procedure_table", TABLE});
-    symbols.push_back({"_procedure_table_size", uint32_t(table.size())});
+  explicit RptImage(const std::vector<uint32_t> &table) {
+    const uint32_t nbucket = 3;
+    std::vector<std::pair<std::string, uint32_t>> symbols = {{"_procedure_table", TABLE},
+                                                             {"_procedure_table_size", uint32_t(table.size())}};
     SynthElf img;
     img.add(text_section(TEXT, std::vector<uint32_t>(8, 0)));
     SynthSection str{.name = ".dynstr", .type = SHT_STRTAB, .flags = SHF_ALLOC, .addr = 0x300000, .data = {0}};
@@ -43,7 +42,7 @@ struct RptImage {
       syms.push_back({uint32_t(str.data.size()), value, 0, 0, 0, SHN_ABS});
       str.data.insert(str.data.end(), name.c_str(), name.c_str() + name.size() + 1);
       unsigned long h = elf_hash(name.c_str());
-      uint32_t b = modulo ? uint32_t(h % nbucket) : uint32_t(h & (nbucket - 1)), i = uint32_t(syms.size() - 1);
+      uint32_t b = uint32_t(h % nbucket), i = uint32_t(syms.size() - 1);
       hash[2 + nbucket + i] = hash[2 + b]; // in front of the bucket's chain
       hash[2 + b] = i;
     }
@@ -63,7 +62,7 @@ struct RptImage {
     bin.in_elf = bin.out_elf = elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
     bin.is_elf32 = 1;
     bin.strtab_addr = 0x300000;
-    bin.mips_flags = modulo ? 0x2 : 0;
+    bin.mips_flags = 0x2; // buckets by h % nbucket
     bin.text_lo = TEXT;
     bin.text_hi = TEXT + 32;
     bin.text_words = 8;
@@ -86,21 +85,9 @@ struct RptImage {
 
 } // namespace
 
-TEST(Rpt, FindsDynamicSymbolsThroughEitherHashBucketRule) {
-  for (bool modulo : {true, false}) {
-    RptImage im({{"alpha", 0x11}, {"beta", 0x22}, {"gamma", 0x33}, {"delta", 0x44}, {"epsilon", 0x55}},
-                modulo ? 3 : 4, modulo, {});
-    EXPECT_EQ(dynsym_get_value(im.elf, "gamma"), 0x33u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "epsilon"), 0x55u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "_procedure_table"), TABLE);
-    EXPECT_EQ(dynsym_get_value(im.elf, "zeta"), 0u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "gamm"), 0u);
-  }
-}
-
 TEST(Rpt, RepointsAndSortsTheTable) {
   // Descriptor addresses: three in the text, one outside, one unused.
-  RptImage im({}, 3, true, {TEXT, TEXT + 8, 0x500000, TEXT + 20, 0});
+  RptImage im({TEXT, TEXT + 8, 0x500000, TEXT + 20, 0});
   update_rpt();
   EXPECT_EQ(bin.rpt_in_file, 0);
   EXPECT_EQ(im.rows(), (Rows{{0, 401}, {TEXT + 8, 301}, {TEXT + 20, 101}, {TEXT + 28, 1}, {0x500000, 201}}));

@@ -269,8 +269,6 @@ std::string compile_o32(const ScratchDir &dir, const std::string &stem, const st
   return dir / stem;
 }
 
-RunResult run_o32(const std::string &exe) { return run_command({"qemu-mips", "-L", "/usr/mips-linux-gnu", exe}, "", 10); }
-
 const char kNoFeedback[] = "$magic 1\n$version 2\n$start\n";
 
 std::vector<FeedbackLine> feedback_lines(const std::string &path) {
@@ -296,46 +294,42 @@ std::string feedback_text(const std::vector<FeedbackLine> &lines) {
 
 namespace {
 
-// The numbered lines that follow the title line of a -debug output.
-std::vector<std::string> debug_block(const std::string &out, const std::string &title) {
-  std::vector<std::string> lines;
+// The procedures of the numbered lines that follow the title line of a
+// -debug output; parse reads one line.
+template <class Parse> std::vector<DebugProc> debug_block(const std::string &out, const std::string &title, Parse parse) {
+  std::vector<DebugProc> procs;
   std::istringstream in(out);
   bool inside = false;
   for (std::string line; std::getline(in, line);) {
     if (inside && line.rfind("<Debug> [", 0) != 0)
       break;
+    char name[512];
+    unsigned long long a = 0, b = 0, c = 0;
+    if (inside && !parse(line.c_str() + 8, name, &a, &b, &c))
+      throw std::runtime_error("unexpected line under " + title + ": " + line);
     if (inside)
-      lines.push_back(line.substr(8));
+      procs.push_back({name, a, c ? b : a, c ? c : a}); // c: the end of a moved or a listed procedure
     inside = inside || line == "<Debug> " + title;
   }
-  return lines;
+  return procs;
 }
 
 } // namespace
 
 std::vector<DebugProc> address_mapping(const std::string &debug_out) {
-  std::vector<DebugProc> out;
-  for (const std::string &line : debug_block(debug_out, "Procedure Address Mapping")) {
-    char name[512];
-    unsigned long long old_addr, lo = 0, hi = 0;
-    if (std::sscanf(line.c_str(), "[%*d] %511s old(%llx) new(%llx - %llx)", name, &old_addr, &lo, &hi) != 4 &&
-        std::sscanf(line.c_str(), "[%*d] %511s old(%llx) not changed", name, &old_addr) != 2)
-      throw std::runtime_error("unexpected address mapping line: " + line);
-    out.push_back({name, old_addr, hi ? lo : old_addr, hi ? hi : old_addr});
-  }
-  return out;
+  return debug_block(debug_out, "Procedure Address Mapping", [](const char *l, char *n, auto *a, auto *b, auto *c) {
+    return std::sscanf(l, "[%*d] %511s old(%llx) new(%llx - %llx)", n, a, b, c) == 4 ||
+           std::sscanf(l, "[%*d] %511s old(%llx) not changed", n, a) == 2;
+  });
 }
 
 std::vector<DebugProc> procedure_table(const std::string &debug_out) {
-  std::vector<DebugProc> out;
-  for (const std::string &line : debug_block(debug_out, "Procedure Table")) {
-    char name[512];
-    unsigned long long addr, size;
-    if (std::sscanf(line.c_str(), "[%*d] %511s %llx %llx", name, &addr, &size) != 3)
-      throw std::runtime_error("unexpected procedure table line: " + line);
-    out.push_back({name, addr, addr, addr + size});
-  }
-  return out;
+  return debug_block(debug_out, "Procedure Table", [](const char *l, char *n, auto *a, auto *b, auto *c) {
+    bool ok = std::sscanf(l, "[%*d] %511s %llx %llx", n, a, c) == 3;
+    *b = *a;
+    *c += *a;
+    return ok;
+  });
 }
 
 AnnotatedBench::AnnotatedBench(const BenchExe &e) : dir_("bench"), annotated_(dir_ / "annotated") {
@@ -415,7 +409,7 @@ std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchEx
   argv.insert(argv.end(), args.begin(), args.end());
   *run = run_command(argv, "", 60);
   std::map<uint64_t, uint64_t> entered; // start address -> blocks run from there
-  uint64_t start_code = 0, lowest = UINT64_MAX;
+  uint64_t start_code = 0;
   std::istringstream in(read_file(b.path("trace.log")));
   for (std::string line; std::getline(in, line);) {
     unsigned long long v;
@@ -426,14 +420,11 @@ std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchEx
       start_code = v;
   }
   ElfFile f(exe);
-  size_t n = 0;
-  GElf_Phdr ph;
-  for (size_t i = 0; elf_getphdrnum(f.e, &n) == 0 && i < n; ++i)
-    if (gelf_getphdr(f.e, int(i), &ph) && ph.p_type == PT_LOAD)
-      lowest = std::min<uint64_t>(lowest, ph.p_vaddr);
+  GElf_Ehdr eh;
+  const uint64_t bias = gelf_getehdr(f.e, &eh)->e_type == ET_DYN ? start_code : 0; // a PIE is loaded at start_code
   std::vector<std::pair<uint64_t, size_t>> hot; // entries, index
   for (size_t i = 0; i < b.procs().size(); ++i) {
-    auto p = entered.find(b.procs()[i].old_addr + start_code - lowest);
+    auto p = entered.find(b.procs()[i].old_addr + bias);
     if (b.procs()[i].new_hi != b.procs()[i].new_lo && p != entered.end())
       hot.push_back({p->second, i});
   }

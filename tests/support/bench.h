@@ -16,8 +16,7 @@ struct RunResult {
   std::string out, err;
 };
 
-// Runs argv (looked up in PATH) in directory cwd ("" = here) with no input;
-// it is killed after timeout seconds.
+// Runs argv (looked up in PATH) in cwd ("" = here), killed after timeout seconds.
 RunResult run_command(const std::vector<std::string> &argv, const std::string &cwd = "", int timeout = 120);
 // The vesk and vesk-annotate executables of this build.
 RunResult run_vesk(const std::vector<std::string> &args, const std::string &cwd = "");
@@ -33,8 +32,6 @@ class ScratchDir {
 public:
   explicit ScratchDir(const std::string &stem);
   ~ScratchDir();
-  ScratchDir(const ScratchDir &) = delete;
-  ScratchDir &operator=(const ScratchDir &) = delete;
   const std::string &path() const { return path_; }
   std::string operator/(const std::string &name) const { return path_ + "/" + name; }
 
@@ -52,8 +49,6 @@ class ElfFile {
 public:
   explicit ElfFile(const std::string &path); // fails the test when path is no ELF file
   ~ElfFile();
-  ElfFile(const ElfFile &) = delete;
-  ElfFile &operator=(const ElfFile &) = delete;
 
   std::vector<uint8_t> bytes; // the whole file
   Elf *e = nullptr;
@@ -96,7 +91,6 @@ RunResult run_bench(const BenchExe &e, const std::string &exe);
 // Compiles C source src for o32 with -O2 -Wl,-q and flags into dir/stem.
 std::string compile_o32(const ScratchDir &dir, const std::string &stem, const std::string &src,
                         const std::vector<std::string> &flags);
-RunResult run_o32(const std::string &exe);
 
 // One body line of a feedback file.
 struct FeedbackLine {
@@ -107,11 +101,10 @@ extern const char kNoFeedback[]; // a feedback file that names no procedure
 std::vector<FeedbackLine> feedback_lines(const std::string &path);
 std::string feedback_text(const std::vector<FeedbackLine> &lines);
 
-// A line of the "Procedure Address Mapping" or the "Procedure Table" of
-// vesk -debug; new_lo is old_addr for a procedure that did not move.
+// A line of vesk -debug's "Procedure Address Mapping" or "Procedure Table".
 struct DebugProc {
   std::string name;
-  uint64_t old_addr = 0, new_lo = 0, new_hi = 0;
+  uint64_t old_addr = 0, new_lo = 0, new_hi = 0; // new_lo is old_addr when it did not move
 };
 std::vector<DebugProc> address_mapping(const std::string &debug_out);
 std::vector<DebugProc> procedure_table(const std::string &debug_out);

@@ -30,19 +30,24 @@ std::string SynthElf::write(const std::string &path) const {
   Elf *e = elf_begin(fd, ELF_C_WRITE, nullptr);
   check(e && gelf_newehdr(e, is64 ? ELFCLASS64 : ELFCLASS32), "header");
 
+  // Section 0 and the name table around the given sections; libelf reads
+  // the contents when the file is written.
+  std::vector<SynthSection> all = sections;
+  all.push_back({.name = ".shstrtab", .type = SHT_STRTAB, .align = 1});
   std::string names(1, '\0');
-  std::vector<Elf_Scn *> scns;
-  auto section = [&](const SynthSection &s, const void *buf, size_t size) {
+  std::vector<size_t> name_at;
+  for (const SynthSection &s : all)
+    name_at.push_back(names.size()), names += s.name + '\0';
+  all.back().data.assign(names.begin(), names.end());
+  for (size_t i = 0; i < all.size(); ++i) {
+    const SynthSection &s = all[i];
     Elf_Scn *scn = elf_newscn(e);
-    GElf_Shdr sh;
-    gelf_getshdr(scn, &sh);
-    sh.sh_name = names.size();
-    names += s.name + '\0';
+    GElf_Shdr sh{};
+    sh.sh_name = name_at[i];
     sh.sh_type = s.type;
     sh.sh_flags = s.flags;
     sh.sh_addr = s.addr;
     sh.sh_link = s.link;
-    sh.sh_info = s.info;
     sh.sh_addralign = s.align;
     sh.sh_entsize = s.entsize;
     gelf_update_shdr(scn, &sh);
@@ -50,17 +55,9 @@ std::string SynthElf::write(const std::string &path) const {
     d->d_type = s.dtype;
     d->d_align = s.align ? s.align : 1;
     d->d_version = EV_CURRENT;
-    d->d_buf = const_cast<void *>(buf);
-    d->d_size = size;
-    scns.push_back(scn);
-  };
-  for (const auto &s : sections)
-    section(s, s.data.data(), s.data.size());
-  SynthSection strtab{.name = ".shstrtab", .type = SHT_STRTAB, .align = 1};
-  section(strtab, nullptr, 0);
-  Elf_Data *sd = elf_getdata(scns.back(), nullptr); // names is complete now
-  sd->d_buf = names.data();
-  sd->d_size = names.size();
+    d->d_buf = const_cast<uint8_t *>(s.data.data());
+    d->d_size = s.data.size();
+  }
 
   GElf_Ehdr eh;
   gelf_getehdr(e, &eh);
@@ -71,7 +68,7 @@ std::string SynthElf::write(const std::string &path) const {
   eh.e_version = EV_CURRENT;
   eh.e_entry = entry;
   eh.e_flags = 0x1000;
-  eh.e_shstrndx = elf_ndxscn(scns.back());
+  eh.e_shstrndx = all.size();
   gelf_update_ehdr(e, &eh);
   check(elf_update(e, ELF_C_WRITE) >= 0, "write");
   elf_end(e);

@@ -20,7 +20,6 @@ struct SynthSection {
   std::vector<uint8_t> data{};
   Elf_Type dtype = ELF_T_BYTE;
   uint32_t link = 0;
-  uint32_t info = 0;
   uint64_t align = 4;
   uint64_t entsize = 0;
 };
