@@ -110,8 +110,9 @@ TEST_F(Planning, ABranchOutOfAProcedureTiesEveryProcedureInBetween) {
 
 TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
   std::vector<std::vector<uint32_t>> b(6, body(4));
-  b[0][2] = jal(LO + 80); // p0 ends in a call: it returns into p1
-  b[2][2] = JALR_T9;      // p2 ends in a call through a register
+  // p0 and p2 end in calls (p2's through a register); an earlier jr keeps either from falling through.
+  b[0] = b[2] = {JR_RA, NOP, jal(LO + 80), NOP};
+  b[2][2] = JALR_T9;
   b[3][2] = BREAK0;       // p3 stops with a break: no tie
   b[4][2] = NOP;          // p4 falls through into p5
   std::vector<Proc *> p = make_all(b);
