@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <map>
 
+#include "mdebug/records.h"
 #include "support/bench.h"
 
 using namespace vesk::test;
@@ -76,11 +77,24 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   // starts the text; the start files' code it stood for is found again by
   // the first of their function symbols.
   std::multimap<std::string, uint64_t> expected, got;
-  for (const DebugProc &m : address_mapping(r.out))
+  std::map<uint64_t, uint64_t> new_start;
+  for (const DebugProc &m : address_mapping(r.out)) {
+    new_start[m.old_addr] = m.new_lo;
     if (m.name != ".libstub")
       expected.emplace(m.name, m.new_lo);
     else if (m.new_lo != m.old_addr)
       expected.emplace("__start", m.new_lo);
+  }
+  // So did the local symbols of the procedures (stProc, stStaticProc),
+  // which debuggers read.
+  ElfFile before(b.annotated()), after(out);
+  const vesk::Hdrr *h = vesk::record_at<vesk::Hdrr>(before.bytes.data(), before.shdr(".mdebug").sh_offset);
+  for (uint32_t i = 0, off = h->cbSymOffset; i < h->isymMax; ++i, off += sizeof(vesk::Symr)) {
+    auto *was = vesk::record_at<vesk::Symr>(before.bytes.data(), off);
+    if ((vesk::symr_st(*was) == 6 || vesk::symr_st(*was) == 14) && new_start.count(was->value)) {
+      EXPECT_EQ(uint32_t(vesk::record_at<vesk::Symr>(after.bytes.data(), off)->value), new_start[was->value]) << i;
+    }
+  }
   const std::string again = b.path("again");
   r = b.vesk(out, random_order(b, e->name + " again"), again, {"-debug"});
   ASSERT_EQ(r.status, 0) << r.err;

@@ -47,8 +47,6 @@ const Refusal kRefusals[] = {
     {"output is the input through a link",
      [](auto &d) { return link((d / "prog").c_str(), (d / "hard").c_str()), Args{"-o", "hard", "prog"}; },
      "output file hard is the input file prog; name another output with -o"},
-    {"merged feedback over the feedback", [](auto &) { return Args{"prog", "-o", "out", "-merge", "prog.fb"}; },
-     "merged feedback file prog.fb is the feedback file prog.fb; name another file with -merge"},
     {"output is a device", [](auto &) { return Args{"prog", "-o", "/dev/full"}; },
      "output /dev/full is not a regular file"},
     {"not a feedback file", [](auto &d) { return write_file(d / "prog.fb", "# comment\nf a.c 1\n"), kRun; },
