@@ -18,7 +18,6 @@
 #include <string>
 
 #include "support/bench.h"
-#include "support/o32_reorder.h"
 
 using namespace vesk::test;
 
@@ -55,7 +54,7 @@ int main(int argc, char **argv) {
   }
   if (bench_executables().empty()) {
     std::fprintf(stderr, "page_ratio: no bench of MIPS executables in %s (build the tests first)\n",
-                 bench_dir().c_str());
+                 VESK_BENCH_DIR);
     return 1;
   }
 
@@ -71,17 +70,20 @@ int main(int argc, char **argv) {
       ++failures;
       continue;
     }
-    std::vector<uint64_t> counts = entry_counts(e, e.path, b.procs(), b.path("trace.log"));
-    std::vector<FeedbackLine> hot = hot_first_order(b.procs(), counts);
+    RunResult traced;
+    std::vector<FeedbackLine> hot = hot_first_order(b, e, e.path, {}, &traced);
     const std::string out = b.path("hot");
     RunResult r = b.vesk(b.annotated(), hot, out, {"-v"});
-    std::optional<TouchedText> t = touched_text(r.out);
-    if (r.status != 0 || !t) {
+    int total_k = 0, before_k = 0, after_k = 0;
+    size_t at = r.out.find("Total text ");
+    if (r.status != 0 || at == std::string::npos ||
+        std::sscanf(r.out.c_str() + at, "Total text %dK. Touched text reduced from %dK to %dK", &total_k, &before_k,
+                    &after_k) != 3) {
       std::printf("%-40s vesk failed: %s\n", e.name.c_str(), r.err.c_str());
       ++failures;
       continue;
     }
-    int before = t->before_k / 4, after = t->after_k / 4;
+    int before = before_k / 4, after = after_k / 4;
     double vesk_ms = best_ms({VESK_BINARY, b.annotated(), out + ".fb", "-o", out}, runs);
     double cp_ms = best_ms({"cp", b.annotated(), b.path("copy")}, runs);
     std::printf("%-40s %6d %6d %6.2f %9.2f %7.2f %8.1f\n", e.name.c_str(), before, after,

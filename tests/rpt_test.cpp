@@ -1,207 +1,94 @@
-// The runtime procedure table: found through _procedure_table or through
-// its program header, re-pointed through the text map and sorted again.
+// The runtime procedure table that the dynamic symbol _procedure_table
+// names: re-pointed through the text map and sorted again.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "com/rpt.h"
+#include "support/bench.h"
+#include "support/step.h"
+#include "support/synth_elf.h"
 #include "base/bin.h"
 #include "base/bytes.h"
-#include "com/rpt.h"
-#include "support/fatal.h"
-#include "support/run.h"
-#include "support/synth_elf.h"
 
 using namespace vesk;
 using namespace vesk::test;
 
 namespace {
 
-constexpr uint32_t TEXT = 0x400000, DYNSTR = 0x300000, TABLE = 0x410000;
+constexpr uint32_t TEXT = 0x400000, TABLE = 0x410000;
+using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
 
+// An image whose dynamic symbols (hashed into three buckets, by h % 3)
+// name a table of descriptors with the given first words; it is loaded
+// into bin with the text reversed word by word.
 struct RptImage {
-  std::vector<std::pair<std::string, uint32_t>> symbols; // dynamic symbols and their values
-  uint32_t nbucket = 3;
-  bool modulo_hash = true;       // buckets by h % nbucket, else by h & (nbucket - 1)
-  bool table_symbol = true;      // _procedure_table names the table
-  bool rtproc_header = false;    // a PT_MIPS_RTPROC header covers the table
-  std::vector<uint32_t> table;   // first words of the descriptors
-  std::vector<uint32_t> hash_override;
-
   std::vector<uint64_t> map;
-  std::string path;
+  std::string path = temp_path("rpt");
   Elf *elf = nullptr;
-  int fd = -1;
 
-  void load(uint32_t count) {
+  explicit RptImage(const std::vector<uint32_t> &table) {
+    const uint32_t nbucket = 3;
+    std::vector<std::pair<std::string, uint32_t>> symbols = {{"_procedure_table", TABLE},
+                                                             {"_procedure_table_size", uint32_t(table.size())}};
     SynthElf img;
     img.add(text_section(TEXT, std::vector<uint32_t>(8, 0)));
-    if (table_symbol)
-      symbols.push_back({"_procedure_table", TABLE});
-    symbols.push_back({"_procedure_table_size", count});
-
-    SynthSection str{.name = ".dynstr", .type = SHT_STRTAB, .flags = SHF_ALLOC, .addr = DYNSTR, .data = {0}};
+    SynthSection str{.name = ".dynstr", .type = SHT_STRTAB, .flags = SHF_ALLOC, .addr = 0x300000, .data = {0}};
     std::vector<Elf32_Sym> syms(1);
+    std::vector<uint32_t> hash = {nbucket, uint32_t(symbols.size() + 1)};
+    hash.resize(2 + nbucket + symbols.size() + 1, 0);
     for (auto &[name, value] : symbols) {
-      Elf32_Sym s{};
-      s.st_name = uint32_t(str.data.size());
-      s.st_value = value;
-      s.st_shndx = SHN_ABS;
-      syms.push_back(s);
-      str.data.insert(str.data.end(), name.begin(), name.end());
-      str.data.push_back(0);
+      syms.push_back({uint32_t(str.data.size()), value, 0, 0, 0, SHN_ABS});
+      str.data.insert(str.data.end(), name.c_str(), name.c_str() + name.size() + 1);
+      unsigned long h = elf_hash(name.c_str());
+      uint32_t b = uint32_t(h % nbucket), i = uint32_t(syms.size() - 1);
+      hash[2 + nbucket + i] = hash[2 + b]; // in front of the bucket's chain
+      hash[2 + b] = i;
     }
-    size_t str_index = img.add(str);
-
-    std::vector<uint32_t> hash = {nbucket, uint32_t(syms.size())};
-    hash.resize(2 + nbucket + syms.size(), 0);
-    for (size_t i = 1; i < syms.size(); ++i) {
-      unsigned long h = elf_hash(symbols[i - 1].first.c_str());
-      uint32_t b = modulo_hash ? uint32_t(h % nbucket) : uint32_t(h & (nbucket - 1));
-      hash[2 + nbucket + i] = hash[2 + b]; // push in front of the bucket's chain
-      hash[2 + b] = uint32_t(i);
-    }
-    if (!hash_override.empty())
-      hash = hash_override;
-    size_t sym_index = img.add({.name = ".dynsym", .type = SHT_DYNSYM, .flags = SHF_ALLOC, .addr = 0x301000,
-                                .data = records(syms), .dtype = ELF_T_SYM, .link = uint32_t(str_index + 1),
-                                .entsize = sizeof(Elf32_Sym)});
+    img.add(str);
+    img.add({.name = ".dynsym", .type = SHT_DYNSYM, .flags = SHF_ALLOC, .addr = 0x301000, .data = records(syms),
+             .dtype = ELF_T_SYM, .link = 2, .entsize = sizeof(Elf32_Sym)});
     img.add({.name = ".hash", .type = SHT_HASH, .flags = SHF_ALLOC, .addr = 0x302000, .data = records(hash),
-             .dtype = ELF_T_WORD, .link = uint32_t(sym_index + 1), .entsize = 4});
-
+             .dtype = ELF_T_WORD, .link = 3, .entsize = 4});
     SynthSection t{.name = ".data", .flags = SHF_ALLOC | SHF_WRITE, .addr = TABLE};
-    for (size_t i = 0; i < table.size(); ++i) {
-      put32(t.data, table[i]);
-      for (uint32_t k = 1; k < 10; ++k)
-        put32(t.data, uint32_t(i * 100 + k)); // the rest of the descriptor travels with it
-    }
-    size_t table_index = img.add(t);
-    if (rtproc_header)
-      img.phdrs.push_back({.type = 0x70000001, .section = table_index});
-    path = img.write(temp_path("rpt"));
-    fd = open(path.c_str(), O_RDONLY);
-    elf = elf_begin(fd, ELF_C_READ, nullptr);
-
-    bin = Bin{};
+    for (size_t i = 0; i < table.size(); ++i)
+      for (uint32_t k = 0; k < 10; ++k) // the rest of the descriptor travels with its address
+        put32(t.data, k == 0 ? table[i] : uint32_t(i * 100 + k));
+    img.add(t);
+    img.write(path);
+    fresh_run(); // which ends the image of the test before
+    bin.in_fd = open(path.c_str(), O_RDONLY);
+    bin.in_elf = bin.out_elf = elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
     bin.is_elf32 = 1;
-    bin.in_elf = elf;
-    bin.out_elf = elf;
-    bin.strtab_addr = DYNSTR;
-    bin.mips_flags = modulo_hash ? 0x2 : 0;
+    bin.strtab_addr = 0x300000;
+    bin.mips_flags = 0x2; // buckets by h % nbucket
     bin.text_lo = TEXT;
     bin.text_hi = TEXT + 32;
     bin.text_words = 8;
     for (uint32_t i = 0; i < 8; ++i)
-      map.push_back(TEXT + 28 - 4 * i); // the text reversed word by word
+      map.push_back(TEXT + 28 - 4 * i);
     bin.text_map = map.data();
   }
+  ~RptImage() { unlink(path.c_str()); }
 
-  ~RptImage() {
-    if (elf)
-      elf_end(elf);
-    if (fd >= 0)
-      close(fd);
-    if (!path.empty())
-      unlink(path.c_str());
-  }
-
-  // The descriptors as (address, second word) from a buffer of them.
-  static std::vector<std::pair<uint32_t, uint32_t>> rows(const uint8_t *p, size_t n) {
-    std::vector<std::pair<uint32_t, uint32_t>> r;
-    for (size_t i = 0; i < n; ++i)
-      r.push_back({load32(p + 40 * i), load32(p + 40 * i + 4)});
+  // The descriptors as (address, second word).
+  Rows rows() const {
+    Elf_Data *d = elf_getdata(elf_getscn(elf, 5), nullptr);
+    auto *p = static_cast<const uint8_t *>(d->d_buf);
+    Rows r;
+    for (size_t at = 0; at < d->d_size; at += 40)
+      r.push_back({load32(p + at), load32(p + at + 4)});
     return r;
-  }
-  const uint8_t *table_bytes() const {
-    Elf_Scn *s = nullptr;
-    while ((s = elf_nextscn(elf, s)) != nullptr)
-      if (elf32_getshdr(s)->sh_addr == TABLE)
-        return static_cast<const uint8_t *>(elf_getdata(s, nullptr)->d_buf);
-    return nullptr;
   }
 };
 
-using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
-
 } // namespace
 
-TEST(Rpt, FindsDynamicSymbolsThroughEitherHashBucketRule) {
-  for (bool modulo : {true, false}) {
-    RptImage im;
-    im.modulo_hash = modulo;
-    im.nbucket = modulo ? 3 : 4;
-    im.symbols = {{"alpha", 0x11}, {"beta", 0x22}, {"gamma", 0x33}, {"delta", 0x44}, {"epsilon", 0x55}};
-    im.load(0);
-    EXPECT_EQ(dynsym_get_value(im.elf, "gamma"), 0x33u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "epsilon"), 0x55u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "_procedure_table"), TABLE);
-    EXPECT_EQ(dynsym_get_value(im.elf, "zeta"), 0u);
-    EXPECT_EQ(dynsym_get_value(im.elf, "gamm"), 0u);
-  }
-}
-
-TEST(Rpt, RepointsAndSortsTheTableNamedByProcedureTable) {
-  RptImage im;
+TEST(Rpt, RepointsAndSortsTheTable) {
   // Descriptor addresses: three in the text, one outside, one unused.
-  im.table = {TEXT, TEXT + 8, 0x500000, TEXT + 20, 0};
-  im.load(5);
+  RptImage im({TEXT, TEXT + 8, 0x500000, TEXT + 20, 0});
   update_rpt();
   EXPECT_EQ(bin.rpt_in_file, 0);
-  EXPECT_EQ(RptImage::rows(im.table_bytes(), 5),
-            (Rows{{0, 401}, {TEXT + 8, 301}, {TEXT + 20, 101}, {TEXT + 28, 1}, {0x500000, 201}}));
-}
-
-TEST(Rpt, RepairsATableFoundThroughItsProgramHeaderInTheWrittenFile) {
-  RptImage im;
-  im.table_symbol = false;
-  im.rtproc_header = true;
-  im.table = {TEXT + 4, TEXT + 12, TEXT + 16};
-  im.load(3);
-  update_rpt();
-  ASSERT_EQ(bin.rpt_in_file, 1);
-  EXPECT_EQ(bin.rpt_size, 120u);
-  // The output starts as a copy of the input; the repair reads the input.
-  std::string out = temp_path("rpt-out");
-  write_file(out, read_file(im.path));
-  int out_fd = open(out.c_str(), O_WRONLY);
-  ASSERT_GE(out_fd, 0);
-  post_process_rpt(im.fd, out_fd);
-  close(out_fd);
-  std::string bytes = read_file(out);
-  unlink(out.c_str());
-  auto *p = reinterpret_cast<const uint8_t *>(bytes.data()) + bin.rpt_offset;
-  EXPECT_EQ(RptImage::rows(p, 3), (Rows{{TEXT + 12, 201}, {TEXT + 16, 101}, {TEXT + 24, 1}}));
-}
-
-TEST(Rpt, WithoutTableSymbolOrHeaderOrSizeNothingHappens) {
-  for (bool table_symbol : {false, true}) {
-    RptImage im;
-    im.table_symbol = table_symbol;
-    im.table = {TEXT + 4, TEXT};
-    im.load(table_symbol ? 0 : 2);
-    update_rpt();
-    EXPECT_EQ(bin.rpt_in_file, 0);
-    EXPECT_EQ(RptImage::rows(im.table_bytes(), 2), (Rows{{TEXT + 4, 1}, {TEXT, 101}}));
-  }
-}
-
-TEST(RptDeathTest, RefusesCorruptHashTablesAndTablesOutsideTheImage) {
-  struct Case {
-    std::vector<uint32_t> hash;
-    uint32_t table_size;
-    std::string message;
-  } cases[] = {
-      {{1, 3, 2, 0, 2, 2}, 0, "^Error: the .hash section is corrupt"}, // symbol 2 chains to itself
-      {{4, 9, 1}, 0, "^Error: the .hash section is truncated"},
-      // two descriptors named, one present
-      {{}, 2, "^Error: the runtime procedure table at 0x410000 \\(2 entries\\) does not lie inside a section"},
-  };
-  for (const Case &c : cases) {
-    RptImage im;
-    im.hash_override = c.hash;
-    im.symbols = {{"a", 1}};
-    im.table = {TEXT};
-    im.load(c.table_size);
-    EXPECT_FATAL(c.hash.empty() ? update_rpt() : (void)dynsym_get_value(im.elf, "nothere"), c.message);
-  }
+  EXPECT_EQ(im.rows(), (Rows{{0, 401}, {TEXT + 8, 301}, {TEXT + 20, 101}, {TEXT + 28, 1}, {0x500000, 201}}));
 }

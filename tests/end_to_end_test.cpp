@@ -1,0 +1,112 @@
+// Whole runs on the bench.  Every o32 executable is annotated, laid out
+// anew by vesk in one order (reversed, shuffled, or hottest first from a
+// traced run, taken in turn along the bench so that each order meets every
+// debug format, code model and relocation style) and must print under qemu
+// what the original printed; vesk reading an mdebug output again must find
+// every procedure where the first run put it.  vesk keeps the layout of
+// n32 and n64 executables: run without feedback, they must still print
+// the same.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+
+#include "mdebug/records.h"
+#include "support/bench.h"
+
+using namespace vesk::test;
+
+namespace {
+
+class EndToEnd : public testing::TestWithParam<size_t> {}; // the index in the bench
+
+} // namespace
+
+TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
+  const BenchExe *e = &bench_executables()[GetParam()];
+  if (e->abi != "o32") {
+    ScratchDir dir("e2e");
+    write_file(dir / "none.fb", kNoFeedback);
+    RunResult r = run_vesk({e->path, dir / "none.fb", "-o", dir / "out"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run_bench(*e, dir / "out");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, e->expected);
+    return;
+  }
+  AnnotatedBench b(*e);
+  ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
+  const long index = std::count_if(&bench_executables()[0], e, [](auto &x) { return x.abi == "o32"; });
+  const long order = (index + index / 3) % 3; // the bench lists three models in a row
+  std::vector<FeedbackLine> fb;
+  if (order == 0) {
+    fb = reversed_order(b);
+  } else if (order == 1) {
+    fb = random_order(b, e->name);
+  } else {
+    RunResult traced;
+    fb = hot_first_order(b, *e, e->path, {}, &traced);
+    ASSERT_EQ(traced.out, e->expected) << traced.err;
+    ASSERT_GT(fb.size(), 2u);
+  }
+  SCOPED_TRACE(order == 0 ? "reversed" : order == 1 ? "shuffled" : "hot first");
+
+  const std::string out = b.path("reordered"), merged = b.path("merged.fb");
+  RunResult r = b.vesk(b.annotated(), fb, out, {"-debug", "-merge", merged});
+  ASSERT_EQ(r.status, 0) << r.err;
+  // Only position-dependent code with explicit relocation operators calls
+  // its local functions with jal; elsewhere calls by bal tie caller and
+  // callee with everything in between, and an order may move nothing.
+  if (e->model == "fno-pie" && e->explicit_relocs) {
+    std::vector<std::string> listed, laid_out;
+    for (const DebugProc &p : b.procs())
+      listed.push_back(p.name);
+    for (const FeedbackLine &l : feedback_lines(merged))
+      laid_out.push_back(l.name);
+    EXPECT_NE(laid_out, listed);
+  }
+  RunResult run = run_bench(*e, out);
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, e->expected);
+  if (e->debug != "mdebug")
+    return;
+
+  // The mdebug symbols followed the code: a second run reads every
+  // procedure at its new address, says its input was processed already,
+  // and lays it out again.  ".libstub" is no mdebug procedure and always
+  // starts the text; the start files' code it stood for is found again by
+  // the first of their function symbols.
+  std::multimap<std::string, uint64_t> expected, got;
+  std::map<uint64_t, uint64_t> new_start;
+  for (const DebugProc &m : address_mapping(r.out)) {
+    new_start[m.old_addr] = m.new_lo;
+    if (m.name != ".libstub")
+      expected.emplace(m.name, m.new_lo);
+    else if (m.new_lo != m.old_addr)
+      expected.emplace("__start", m.new_lo);
+  }
+  // So did the local symbols of the procedures (stProc, stStaticProc),
+  // which debuggers read.
+  ElfFile before(b.annotated()), after(out);
+  const vesk::Hdrr *h = vesk::record_at<vesk::Hdrr>(before.bytes.data(), before.shdr(".mdebug").sh_offset);
+  for (uint32_t i = 0, off = h->cbSymOffset; i < h->isymMax; ++i, off += sizeof(vesk::Symr)) {
+    auto *was = vesk::record_at<vesk::Symr>(before.bytes.data(), off);
+    if ((vesk::symr_st(*was) == 6 || vesk::symr_st(*was) == 14) && new_start.count(was->value)) {
+      EXPECT_EQ(uint32_t(vesk::record_at<vesk::Symr>(after.bytes.data(), off)->value), new_start[was->value]) << i;
+    }
+  }
+  const std::string again = b.path("again");
+  r = b.vesk(out, random_order(b, e->name + " again"), again, {"-debug"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("Warning: " + out + " is a vesked binary.\n"), std::string::npos) << r.err;
+  for (const DebugProc &p : procedure_table(r.out))
+    if (p.name != ".libstub")
+      got.emplace(p.name, p.old_addr);
+  EXPECT_EQ(got, expected);
+  run = run_bench(*e, again);
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, e->expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bench, EndToEnd, testing::Range(size_t(0), bench_executables().size()));
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EndToEnd);

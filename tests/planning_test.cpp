@@ -1,0 +1,251 @@
+// The planning steps on small synthetic texts: the ties the checks make,
+// the layout with its leading stub run, the R4000 end-of-page patterns, and
+// the feedback files that give the order.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/bench.h"
+#include "support/step.h"
+#include "base/bin.h"
+#include "base/bytes.h"
+#include "vesk/checks.h"
+#include "vesk/feedback.h"
+#include "vesk/options.h"
+#include "vesk/order.h"
+#include "base/proc.h"
+#include "vesk/r4000.h"
+
+using namespace vesk;
+using namespace vesk::test;
+
+namespace {
+
+constexpr uint32_t NOP = 0, JR_RA = 0x03e00008, BREAK0 = 0x0000000d, JALR_T9 = 0x0320f809, ADDIU_SP = 0x27bdffe0;
+constexpr uint32_t DIV = 0x0085001a, LW = 0x8c880000, SW = 0xafbf0010, MFC1 = 0x44084000;
+constexpr uint64_t LO = 0x400000;
+using Order = std::vector<std::string>;
+
+uint32_t beq_zero(int32_t words) { return 0x10000000u | (uint32_t(words) & 0xffff); }
+uint32_t jal(uint64_t target) { return 0x0c000000u | (uint32_t(target >> 2) & 0x03ffffff); }
+
+struct Planning : testing::Test {
+  std::vector<uint8_t> text, out;
+  std::vector<uint64_t> map;
+
+  void SetUp() override { fresh_run(); }
+
+  void set_text(const std::vector<uint32_t> &words) {
+    text.assign(words.size() * 4, 0);
+    for (size_t i = 0; i < words.size(); ++i)
+      store32(&text[4 * i], words[i]);
+    bin.text_lo = LO;
+    bin.text_hi = LO + 4 * words.size();
+    bin.text_words = uint32_t(words.size());
+    bin.text_buf = text.data();
+    map.assign(words.size(), ~uint64_t(0));
+    out.assign(words.size() * 4, 0);
+    bin.text_map = map.data();
+    bin.new_text = out.data();
+  }
+  Proc *make(const std::string &name, uint64_t addr, uint32_t size, const char *file = "a.c") {
+    Proc *p = new_proc();
+    p->name = strdup(name.c_str()); // kept to the end of the process, as the run keeps it
+    p->file_name = file;
+    p->old_addr = addr;
+    p->size = size;
+    return p;
+  }
+  // Procedures p0.. laid end to end from LO, one per body.
+  std::vector<Proc *> make_all(const std::vector<std::vector<uint32_t>> &bodies) {
+    std::vector<uint32_t> words;
+    for (const auto &b : bodies)
+      words.insert(words.end(), b.begin(), b.end());
+    set_text(words);
+    std::vector<Proc *> p;
+    uint64_t at = LO;
+    for (size_t i = 0; i < bodies.size(); at += 4 * bodies[i++].size())
+      make("p" + std::to_string(i), at, uint32_t(4 * bodies[i].size()));
+    for (size_t i = 0; i < bodies.size(); ++i) // the table may move while it grows
+      p.push_back(get_proc_by_index(long(i)));
+    return p;
+  }
+  // Attaches the given procedures as the feedback would, the rest behind.
+  static void attach(const std::vector<Proc *> &fed) {
+    for (Proc *p : fed) {
+      attach_proc_list(p);
+      p->listed = 1;
+    }
+    attach_proc_with_no_feedback();
+  }
+  static Order order() {
+    Order v;
+    for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
+      v.push_back(p->name);
+    return v;
+  }
+};
+
+std::vector<uint32_t> body(size_t words, std::vector<std::pair<size_t, uint32_t>> set = {}) {
+  std::vector<uint32_t> b(words, ADDIU_SP);
+  b[words - 2] = JR_RA;
+  b[words - 1] = NOP;
+  for (auto [i, w] : set)
+    b[i] = w;
+  return b;
+}
+
+} // namespace
+
+TEST_F(Planning, ABranchOutOfAProcedureTiesEveryProcedureInBetween) {
+  std::vector<std::vector<uint32_t>> b(6, body(4));
+  b[1][1] = beq_zero(10); // from p1 word 1 to p4 word 0
+  std::vector<Proc *> p = make_all(b);
+  attach({p[4], p[5], p[2], p[0], p[1], p[3]});
+  check_branch_out_of_procedure();
+  EXPECT_EQ(order(), (Order{"p5", "p0", "p1", "p2", "p3", "p4"}));
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(p[size_t(i)]->tied, i >= 1 && i <= 3) << i;
+}
+
+TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
+  std::vector<std::vector<uint32_t>> b(6, body(4));
+  // p0 and p2 end in calls (p2's through a register); an earlier jr keeps either from falling through.
+  b[0] = b[2] = {JR_RA, NOP, jal(LO + 80), NOP};
+  b[2][2] = JALR_T9;
+  b[3][2] = BREAK0;       // p3 stops with a break: no tie
+  b[4][2] = NOP;          // p4 falls through into p5
+  std::vector<Proc *> p = make_all(b);
+  attach({p[4], p[2], p[0], p[5], p[3], p[1]});
+  tie_procedures_ending_in_a_call();
+  tie_procedures_without_a_return();
+  EXPECT_EQ(order(), (Order{"p4", "p5", "p2", "p3", "p0", "p1"}));
+  EXPECT_EQ(p[3]->tied, 0);
+  EXPECT_EQ(p[5]->tied, 0);
+}
+
+// A branch in a word no procedure holds ends the run.
+TEST_F(Planning, ABranchOutsideEveryProcedureEndsTheRun) {
+  std::vector<uint32_t> words = body(8);
+  words.push_back(beq_zero(0));
+  set_text(words);
+  make("p0", LO, 32);
+  attach({});
+  StepResult r = run_step(check_branch_out_of_procedure);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error: cannot find procedure for branch target"), std::string::npos) << r.err;
+}
+
+// Two stub words start the text, then a, an uncovered word, b, and two
+// uncovered words at the end.  The stubs stay in front, the procedures
+// follow in list order, the uncovered words behind them in input order.
+// Without stubs the first uncovered run follows the procedures too.
+TEST_F(Planning, LeadingStubsStayAndUncoveredWordsFollowTheProcedures) {
+  set_text({0x1111, 0x2222, ADDIU_SP, JR_RA, NOP, 0x3333, ADDIU_SP, JR_RA, NOP, 0x4444, 0x5555});
+  Proc *a = make("a", LO + 8, 12);
+  Proc *b = make("b", LO + 24, 12);
+  attach({b, a});
+  testing::internal::CaptureStderr();
+  verify_proc();
+  reorder_procedures();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(bin.libstub_lo, LO);
+  EXPECT_EQ(map, (std::vector<uint64_t>{LO, LO + 4, LO + 20, LO + 24, LO + 28, LO + 32, LO + 8, LO + 12, LO + 16,
+                                        LO + 36, LO + 40}));
+  EXPECT_EQ(load32(&out[map[5] - LO]), 0x3333u);
+
+  fresh_run();
+  set_text({ADDIU_SP, JR_RA, NOP, 0x3333, ADDIU_SP, JR_RA, NOP});
+  make("a", LO, 12);
+  make("b", LO + 16, 12);
+  attach({});
+  testing::internal::CaptureStderr();
+  verify_proc();
+  reorder_procedures();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(bin.libstub_lo, LO + 12);
+  EXPECT_EQ(map, (std::vector<uint64_t>{LO, LO + 4, LO + 8, LO + 24, LO + 12, LO + 16, LO + 20}));
+}
+
+// A divide ending a page is a fault; so is a branch ending a page whose
+// second word before is a memory access or an MFC1 (the word right before
+// does not matter).
+TEST_F(Planning, R4000PageEndPatterns) {
+  const struct {
+    uint32_t w1021, w1022, w1023, faults;
+  } cases[] = {{ADDIU_SP, ADDIU_SP, DIV, 1}, {ADDIU_SP, ADDIU_SP, JR_RA, 0}, {LW, ADDIU_SP, JR_RA, 1},
+               {MFC1, ADDIU_SP, JR_RA, 1},   {SW, ADDIU_SP, JR_RA, 1},       {ADDIU_SP, LW, beq_zero(5), 0},
+               {LW, LW, beq_zero(5), 1},     {0xbc800000 /* cache */, NOP, JR_RA, 1}};
+  for (const auto &c : cases) {
+    std::vector<uint32_t> w(2048, ADDIU_SP);
+    w[1021] = c.w1021;
+    w[1022] = c.w1022;
+    w[1023] = c.w1023;
+    set_text(w);
+    const uint32_t lo = uint32_t(LO);
+    EXPECT_EQ(check_r4000_bug_per_block(0, lo, lo, 8192), c.faults) << std::hex << c.w1021 << " " << c.w1023;
+    EXPECT_EQ(check_r4000_bug_per_block(0, lo + 4, lo, 8192), 0u); // the word now ends no page
+    EXPECT_EQ(check_r4000_bug_per_block(0, lo, lo, 16), 0u);       // the block ends before the page does
+  }
+}
+
+namespace {
+
+const char *const kHeader = "$magic 269680640\n$version 2\n$start\n";
+
+struct Feedback : Planning {
+  ScratchDir dir{"feedback"};
+  std::vector<std::string> paths;
+  std::vector<const char *> files;
+
+  // Procedures a..e of a.c and a of b.c, then the given feedback files read.
+  void read(const std::vector<std::string> &contents) {
+    fresh_run();
+    option.program = "/some/where/prog";
+    for (const char *n : {"a", "b", "c", "d", "e"})
+      make(n, 0x10000 + 16 * uint64_t(n[0] - 'a'), 16);
+    make("a", 0x20000, 16, "b.c");
+    paths.clear();
+    paths.reserve(contents.size()); // files point into it
+    files.clear();
+    for (const std::string &c : contents) {
+      paths.push_back(dir / ("f" + std::to_string(paths.size()) + ".fb"));
+      write_file(paths.back(), kHeader + c);
+      files.push_back(paths.back().c_str());
+    }
+    files.push_back(nullptr);
+    option.feedback_files = files.data();
+    testing::internal::CaptureStderr();
+    read_reorder_files();
+    testing::internal::GetCapturedStderr();
+  }
+  // The list as "name(file) count".
+  static Order counted() {
+    Order v;
+    for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
+      v.push_back(std::string(p->name) + "(" + p->file_name + ") " + std::to_string(p->freq));
+    return v;
+  }
+};
+
+} // namespace
+
+TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
+  const std::pair<std::vector<std::string>, Order> cases[] = {
+      // Zero counts keep their place in a single file.
+      {{"# comment\nd a.c 9\nb a.c 0\nc a.c 4\n"},
+       {"d(a.c) 9", "b(a.c) 0", "c(a.c) 4", "a(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
+      // Two files: the first one's counted procedures (counts of both
+      // summed), the second one's, the first one's zero counts, the rest.
+      {{"b a.c 5\nd a.c 0\nc a.c 3\n", "c a.c 4\ne a.c 7\na a.c 0\n"},
+       {"b(a.c) 5", "c(a.c) 7", "e(a.c) 7", "d(a.c) 0", "a(a.c) 0", "a(b.c) 0"}},
+      // A name alone takes the file and count before it; a procedure named
+      // twice in one file counts once.
+      {{"c a.c 3\nd\nc a.c 100\na b.c\n"},
+       {"c(a.c) 3", "d(a.c) 3", "a(b.c) 100", "a(a.c) 0", "b(a.c) 0", "e(a.c) 0"}},
+  };
+  for (const auto &[files, expected] : cases) {
+    read(files);
+    EXPECT_EQ(counted(), expected) << files[0];
+  }
+}
