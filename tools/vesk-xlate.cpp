@@ -144,11 +144,12 @@ public:
       dwarf_dealloc(dbg, cu, DW_DLA_DIE);
     }
     dwarf_finish(dbg, &err);
-    // The end of one sequence may share its address with the start of the
-    // next: the end goes first, so that the start is the row found there.
-    std::stable_sort(rows_.begin(), rows_.end(), [](const LineRow &a, const LineRow &b) {
-      return a.addr != b.addr ? a.addr < b.addr : a.end_sequence > b.end_sequence;
-    });
+    for (size_t i = 0, first = 0; i < rows_.size(); ++i)
+      if (rows_[i].end_sequence) {
+        if (i > first && rows_[first].addr <= rows_[i].addr)
+          sequences_.push_back({rows_[first].addr, rows_[i].addr, first, i});
+        first = i + 1;
+      }
   }
 
   // "name+0xoff", or "??".
@@ -168,10 +169,19 @@ public:
     return "??";
   }
 
-  // "file:line" of the row that covers a, or "??:0".
+  // "file:line" of the row that covers a, or "??:0".  A sequence may
+  // span other code (a unit's .text around a function of another section),
+  // so the innermost sequence that holds a answers.
   std::string line_at(uint64_t a) const {
-    auto it = std::upper_bound(rows_.begin(), rows_.end(), a, [](uint64_t x, const LineRow &r) { return x < r.addr; });
-    if (it == rows_.begin() || std::prev(it)->end_sequence)
+    const Sequence *best = nullptr;
+    for (const Sequence &s : sequences_)
+      if (a >= s.lo && a < s.hi && (best == nullptr || s.hi - s.lo < best->hi - best->lo))
+        best = &s;
+    if (best == nullptr)
+      return "??:0";
+    auto first = rows_.begin() + long(best->first), last = rows_.begin() + long(best->end);
+    auto it = std::upper_bound(first, last, a, [](uint64_t x, const LineRow &r) { return x < r.addr; });
+    if (it == first)
       return "??:0";
     const LineRow &r = *std::prev(it);
     return r.file + ":" + std::to_string(r.line);
@@ -182,7 +192,12 @@ private:
   int fd_ = -1;
   Elf *elf_ = nullptr;
   std::vector<Symbol> symbols_;
-  std::vector<LineRow> rows_;
+  std::vector<LineRow> rows_; // in table order: sequences one after another
+  struct Sequence {
+    uint64_t lo, hi;   // addresses
+    size_t first, end; // rows
+  };
+  std::vector<Sequence> sequences_;
 
   void add_row(Dwarf_Debug dbg, Dwarf_Line line) {
     Dwarf_Error err = nullptr;
