@@ -31,28 +31,33 @@ template <class C> Elf_Scn *find_section_by_type(Elf *elf, uint32_t type) {
 }
 
 // Sections without contents take no room in the file: a .bss may reach
-// past its end.
-template <class C> uint64_t end_of_elf(Elf *elf) {
+// past its end.  `except` is left out.
+template <class C> uint64_t end_of_elf(Elf *elf, Elf_Scn *except = nullptr) {
   uint64_t end = 0;
   for (size_t i = 1;; ++i) {
     Elf_Scn *s = elf_getscn(elf, i);
     if (s == nullptr)
       break;
     typename C::Shdr *sh = C::getshdr(s);
-    if (sh != nullptr && sh->sh_type != SHT_NOBITS)
+    if (sh != nullptr && sh->sh_type != SHT_NOBITS && s != except)
       end = std::max<uint64_t>(end, uint64_t(sh->sh_offset) + sh->sh_size);
   }
   elf_errno();
   return end;
 }
 
+// An earlier run's table lies behind every other section, but the sections
+// before it may have grown since (.compact_rel): it goes where the others
+// end now.
 template <class C> XlateSection create_section() {
   XlateSection s;
   if (Elf_Scn *old = find_section_by_type<C>(bin.out_elf, XLATE_SECTION_TYPE)) {
     typename C::Shdr *sh = C::getshdr(old);
     s.scn = old;
     s.old_size = sh->sh_size;
+    s.old_offset = sh->sh_offset;
     sh->sh_size = 0;
+    sh->sh_offset = round_up(end_of_elf<C>(bin.out_elf, old), 8);
     s.reuse = elf_getdata(old, nullptr);
     if (s.reuse != nullptr) {
       s.reuse->d_buf = nullptr;
@@ -73,6 +78,7 @@ template <class C> XlateSection create_section() {
   sh->sh_type = XLATE_SECTION_TYPE;
   sh->sh_offset = offset;
   sh->sh_addralign = C::is_64 ? 8 : 4;
+  s.old_offset = offset;
   return s;
 }
 
@@ -90,10 +96,10 @@ template <class C> void finish(XlateSection &s) {
   }
   uint64_t size = sh->sh_size, end = uint64_t(sh->sh_offset) + size;
   uint64_t shoff = eh->e_shoff;
-  if (shoff < sh->sh_offset)
+  if (shoff < s.old_offset)
     shoff = end;
   else
-    shoff = shoff + size - s.old_size;
+    shoff = shoff + size + sh->sh_offset - s.old_offset - s.old_size;
   if (size != 0 && shoff < end)
     shoff = end;
   eh->e_shoff = round_up(shoff, C::is_64 ? 8 : 4);

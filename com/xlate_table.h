@@ -11,11 +11,13 @@
 namespace vesk {
 
 // The section being written and where its next piece goes.  The output of
-// an earlier run already has one; it is reused (old_size is what it held).
+// an earlier run already has one; it is reused (old_offset and old_size
+// are where it lay and what it held).
 struct XlateSection {
   Elf_Scn *scn = nullptr;
   Elf_Data *reuse = nullptr; // its data descriptor, for the first piece
   uint64_t data_offset = 0;
+  uint64_t old_offset = 0;
   uint64_t old_size = 0;
 };
 
