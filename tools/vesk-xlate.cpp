@@ -9,7 +9,7 @@
 //               new layout to the original one (-r: original to new) and
 //               names the procedure and the source line of the original
 //               code, as addr2line does:
-//                   0x400a10 -> 0x400830 lex_next+0x10 at lexer.c:42
+//                   0x400a10 -> 0x400830 lex_next+0x10 at /src/lexer.c:42
 //   -           rewrites standard input to standard output: a line that
 //               starts with an address gets that address translated, the
 //               rest of the line is kept (a profile of the reordered
