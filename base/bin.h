@@ -73,6 +73,16 @@ struct Bin {
   // A procedure descriptor of the mdebug table lies outside .text (reported
   // at the end with -v).
   bool mdebug_bad_proc_info = false;
+  // The input's own .MIPS.Xlate section (an earlier run's output): its
+  // table leads from the addresses the DWARF describes to where that code
+  // lies in the input.  Null when it is empty or there is none.
+  bool has_xlate = false;
+  const uint8_t *in_xlate = nullptr;
+  size_t in_xlate_size = 0;
+  // The pieces of the new table, built with the layout and added to the
+  // image once every other section has its final size.
+  bool xlate_built = false;
+  std::vector<std::vector<uint8_t>> xlate_pieces;
 };
 
 extern Bin bin;

@@ -28,6 +28,7 @@
 #include "com/dwarf_ranges.h"
 #include "com/dwarf_sections.h"
 #include "com/symtab_procs.h"
+#include "com/xlate_table.h"
 
 namespace vesk {
 
@@ -62,7 +63,9 @@ struct Unit {
 // notes are kept in the procedure table, for the whole run.
 class DwarfWalk {
 public:
-  explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {}
+  explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {
+    reordered = open_input_xlate(&older);
+  }
   void walk_units(Elf *elf);
   void resolve_inline_notes();
 
@@ -71,6 +74,29 @@ private:
   const FunctionSymbols *symbols;
   std::vector<InlineNote> notes;
   int made_up_names = 0;
+  // The input is an earlier run's output: its DWARF still describes the
+  // original build, and its table says where that code lies now.
+  bool reordered = false;
+  xlate::XlateTable older;
+
+  // Where the code of [lo, hi) of the original build lies in the input.
+  // It was laid out in one piece, so one range of the table holds it.
+  void follow_table(const char *text, Dwarf_Addr *lo, Dwarf_Addr *hi) {
+    if (*lo < bin.exec_lo || *lo >= bin.exec_hi)
+      return; // not code of this program (a discarded function's entry)
+    uint64_t now = 0;
+    xlate::XlateRange r;
+    int st = xlate::xlate_address_xtnd(&older, xlate::XLATE_OLD_TO_NEW, *lo, &now, &r);
+    if (st != xlate::XLATE_OK)
+      error("%s: its .MIPS.Xlate table cannot be read (status %d: %s)", option.program, st,
+            xlate::xlate_status_text(st));
+    if (*hi > *lo + 4 && (*lo < r.old_addr || *hi - r.old_addr > r.old_len || r.new_len != r.old_len))
+      error("%s: the code of %s [%#llx, %#llx) of the original build does not lie in one piece in it, as its "
+            ".MIPS.Xlate table tells; vesk cannot find that procedure",
+            option.program, text, (unsigned long long)*lo, (unsigned long long)*hi);
+    *hi = now + (*hi - *lo);
+    *lo = now;
+  }
 
   void new_inline_note(const char *name, const char *linkage_name, uint64_t die_offset, int32_t proc_index,
                        uint8_t pending, int32_t cold_part = 0) {
@@ -158,6 +184,8 @@ private:
   // the function symbol at its start, which tells clones apart; failing
   // that, the inline notes give it its abstract entry's name at the end.
   void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
+    if (reordered)
+      follow_table(s.text, &lo, &hi);
     bool instance = s.have_origin || s.linkage_name != nullptr;
     const char *name = part == 0 ? s.name : nullptr;
     if (name == nullptr && (part > 0 || instance))

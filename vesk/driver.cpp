@@ -20,6 +20,7 @@
 #include "com/rpt.h"
 #include "com/update.h"
 #include "com/update_compact_rel.h"
+#include "com/xlate_table.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
@@ -151,6 +152,7 @@ void reorder_it() {
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();
   update_mdebug();
+  add_xlate_section();
 }
 
 void bin_copy(int in_fd, int out_fd) {

@@ -10,6 +10,7 @@
 #include "base/diag.h"
 #include "base/proc.h"
 #include "base/text_words.h"
+#include "com/xlate_table.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
@@ -153,6 +154,8 @@ void reorder_procedures() {
   page_statistics();
   if (option.debug)
     dump_address_mapping();
+  if (bin.debug_kind == DEBUG_DWARF)
+    build_xlate_table();
 }
 
 } // namespace vesk

@@ -142,6 +142,12 @@ Elf_Scn *ElfFile::scn(const std::string &name) const {
   return nullptr;
 }
 
+GElf_Ehdr ElfFile::ehdr() const {
+  GElf_Ehdr eh{};
+  gelf_getehdr(e, &eh);
+  return eh;
+}
+
 GElf_Shdr ElfFile::shdr(const std::string &name) const {
   GElf_Shdr sh{};
   if (Elf_Scn *s = scn(name))

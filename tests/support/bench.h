@@ -55,6 +55,7 @@ public:
   bool is64 = false;
 
   Elf_Scn *scn(const std::string &name) const; // nullptr when absent
+  GElf_Ehdr ehdr() const;
   GElf_Shdr shdr(const std::string &name) const; // zeroes when absent
   std::vector<uint8_t> contents(const std::string &name) const; // empty when absent
   // File offset of a virtual address through the allocated sections, ~0 when none holds it.

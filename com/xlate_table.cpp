@@ -1,0 +1,314 @@
+#include "com/xlate_table.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "base/bin.h"
+#include "base/diag.h"
+#include "base/elf_class.h"
+#include "base/options.h"
+#include "com/elf.h"
+
+namespace vesk {
+
+using namespace xlate;
+
+namespace {
+
+constexpr uint64_t round_up(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
+
+template <class C> Elf_Scn *find_section_by_type(Elf *elf, uint32_t type) {
+  for (size_t i = 1;; ++i) {
+    Elf_Scn *s = elf_getscn(elf, i);
+    if (s == nullptr) {
+      elf_errno();
+      return nullptr;
+    }
+    if (typename C::Shdr *sh = C::getshdr(s); sh != nullptr && sh->sh_type == type)
+      return s;
+  }
+}
+
+// Sections without contents take no room in the file: a .bss may reach
+// past its end.  `except` is left out.
+template <class C> uint64_t end_of_elf(Elf *elf, Elf_Scn *except = nullptr) {
+  uint64_t end = 0;
+  for (size_t i = 1;; ++i) {
+    Elf_Scn *s = elf_getscn(elf, i);
+    if (s == nullptr)
+      break;
+    typename C::Shdr *sh = C::getshdr(s);
+    if (sh != nullptr && sh->sh_type != SHT_NOBITS && s != except)
+      end = std::max<uint64_t>(end, uint64_t(sh->sh_offset) + sh->sh_size);
+  }
+  elf_errno();
+  return end;
+}
+
+// An earlier run's table lies behind every other section, but the sections
+// before it may have grown since (.compact_rel): it goes where the others
+// end now.
+template <class C> XlateSection create_section() {
+  XlateSection s;
+  if (Elf_Scn *old = find_section_by_type<C>(bin.out_elf, XLATE_SECTION_TYPE)) {
+    typename C::Shdr *sh = C::getshdr(old);
+    s.scn = old;
+    s.old_size = sh->sh_size;
+    s.old_offset = sh->sh_offset;
+    sh->sh_size = 0;
+    sh->sh_offset = round_up(end_of_elf<C>(bin.out_elf, old), 8);
+    s.reuse = elf_getdata(old, nullptr);
+    if (s.reuse != nullptr) {
+      s.reuse->d_buf = nullptr;
+      s.reuse->d_size = 0;
+    }
+    return s;
+  }
+  uint32_t name = add_section_name(bin.out_elf, ".MIPS.Xlate");
+  uint64_t offset = round_up(find_end_of_elf(bin.out_elf), 8);
+  s.scn = elf_newscn(bin.out_elf);
+  typename C::Shdr *sh = s.scn ? C::getshdr(s.scn) : nullptr;
+  if (sh == nullptr) {
+    print_elf_error(option.program);
+    error("cannot add the .MIPS.Xlate section to %s", option.output);
+  }
+  *sh = typename C::Shdr{};
+  sh->sh_name = name;
+  sh->sh_type = XLATE_SECTION_TYPE;
+  sh->sh_offset = offset;
+  sh->sh_addralign = C::is_64 ? 8 : 4;
+  s.old_offset = offset;
+  return s;
+}
+
+// The section takes the place where the section header table stood and
+// the table moves up by the section's size.  A table that lay before the
+// section's offset (amid the contents, or in the padding before it) goes
+// right behind the section instead, where its new entry overwrites
+// nothing.  libelf wants the table aligned for its entries.
+template <class C> void finish(XlateSection &s) {
+  typename C::Ehdr *eh = C::getehdr(bin.out_elf);
+  typename C::Shdr *sh = C::getshdr(s.scn);
+  if (eh == nullptr || sh == nullptr) {
+    print_elf_error(option.program);
+    error("cannot read the output's headers");
+  }
+  uint64_t size = sh->sh_size, end = uint64_t(sh->sh_offset) + size;
+  uint64_t shoff = eh->e_shoff;
+  if (size == 0 && s.old_size == 0)
+    return; // an empty section covers no bytes: the header table can stay
+  if (shoff < s.old_offset)
+    shoff = end;
+  else
+    shoff = shoff + size + sh->sh_offset - s.old_offset - s.old_size;
+  if (size != 0 && shoff < end)
+    shoff = end;
+  eh->e_shoff = round_up(shoff, C::is_64 ? 8 : 4);
+}
+
+// The new text, read backwards: for each word of the new text, the index
+// of the old word it holds.
+struct NewToOld {
+  static constexpr uint32_t none = ~uint32_t(0);
+  std::vector<uint32_t> old_word;
+  NewToOld() : old_word(bin.text_words, none) {
+    for (uint32_t k = 0; k < bin.text_words; ++k) {
+      uint64_t j = (bin.text_map[k] - bin.text_lo) / 4;
+      if (bin.text_map[k] >= bin.text_lo && j < bin.text_words)
+        old_word[j] = k;
+    }
+  }
+  // The old word at new address a, or none outside the new text.
+  uint32_t at(uint64_t a) const {
+    if (a < bin.text_lo || (a - bin.text_lo) / 4 >= bin.text_words)
+      return none;
+    return old_word[(a - bin.text_lo) / 4];
+  }
+};
+
+// Adds the ranges that describe new addresses [from, to): runs of words
+// that lie together in the old text as well, and, outside .text (and for
+// words the layout left where they were), the identity.  Whatever the
+// procedures' bounds say, the table says where every word really went.
+class RangeAdder {
+public:
+  RangeAdder(XlateProducer *h) : h(h) {}
+
+  void fill(uint64_t from, uint64_t to, bool hole) {
+    while (from < to) {
+      uint64_t len;
+      uint64_t old = from;
+      uint32_t k = map.at(from);
+      if (k != NewToOld::none) {
+        old = bin.text_lo + 4 * uint64_t(k);
+        len = 4;
+        while (from + len < to && map.at(from + len) == k + len / 4)
+          len += 4;
+      } else {
+        // Identity up to the next word the text map describes.
+        uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
+        uint64_t stop = from < bin.text_lo ? bin.text_lo : from < text_end ? from + 4 : to;
+        while (stop < to && stop < text_end && stop >= bin.text_lo && map.at(stop) == NewToOld::none)
+          stop += 4;
+        len = std::min(stop, to) - from;
+      }
+      add(from, len, old, hole);
+      from += len;
+    }
+  }
+
+private:
+  XlateProducer *h;
+  NewToOld map;
+
+  void add(uint64_t new_addr, uint64_t len, uint64_t old_addr, bool hole) {
+    int st = xlate_pro_add_range_xtnd(h, new_addr, len, old_addr, len);
+    if (st == XLATE_OK)
+      return;
+    if (hole)
+      error("xlate failure in adding range.... status %d new address 0x%llx length 0x%llx  old address 0x%llx "
+            "length 0x%llx",
+            st, (unsigned long long)new_addr, (unsigned long long)len, (unsigned long long)old_addr,
+            (unsigned long long)len);
+    error("xlate failure");
+  }
+};
+
+struct FinishProducer {
+  void operator()(XlateProducer *h) const { xlate_pro_finish_xtnd(h); }
+};
+
+} // namespace
+
+uint64_t find_end_of_elf(Elf *elf) {
+  return bin.is_elf32 ? end_of_elf<Elf32Class>(elf) : end_of_elf<Elf64Class>(elf);
+}
+
+// The name table grows by a multiple of 8 bytes, so that whatever lies
+// behind it in the file (the sections after it, the section header table)
+// keeps its alignment.
+uint32_t add_section_name(Elf *elf, const char *name) {
+  size_t shstrndx = 0;
+  Elf_Scn *scn = elf_getshdrstrndx(elf, &shstrndx) == 0 ? elf_getscn(elf, shstrndx) : nullptr;
+  Elf_Data *d = scn ? elf_getdata(scn, nullptr) : nullptr;
+  if (d == nullptr) {
+    print_elf_error(option.program);
+    error("cannot read the section name table of %s", option.output);
+  }
+  size_t old_size = d->d_size, grow = round_up(std::strlen(name) + 1, 8);
+  std::vector<uint8_t> &buf = bin.out_buffers.emplace_back(old_size + grow, 0);
+  if (old_size != 0 && d->d_buf != nullptr)
+    std::memcpy(buf.data(), d->d_buf, old_size);
+  std::memcpy(buf.data() + old_size, name, std::strlen(name) + 1);
+  d->d_buf = buf.data();
+  expand_section(scn, uint32_t(grow));
+  return uint32_t(old_size);
+}
+
+XlateSection create_xlate_section() {
+  return bin.is_elf32 ? create_section<Elf32Class>() : create_section<Elf64Class>();
+}
+
+void add_xlate_data(XlateSection &s, std::vector<uint8_t> piece) {
+  std::vector<uint8_t> &buf = bin.out_buffers.emplace_back(std::move(piece));
+  Elf_Data *d = s.reuse ? s.reuse : elf_newdata(s.scn);
+  s.reuse = nullptr;
+  if (d == nullptr) {
+    print_elf_error(option.program);
+    error("cannot add to the .MIPS.Xlate section of %s", option.output);
+  }
+  d->d_buf = buf.data();
+  d->d_type = ELF_T_BYTE;
+  d->d_size = buf.size();
+  d->d_off = int64_t(s.data_offset);
+  d->d_align = 1;
+  d->d_version = EV_CURRENT;
+  s.data_offset += buf.size();
+  if (bin.is_elf32)
+    elf32_getshdr(s.scn)->sh_size += uint32_t(buf.size());
+  else
+    elf64_getshdr(s.scn)->sh_size += buf.size();
+}
+
+void finish_xlate(XlateSection &s) {
+  if (bin.is_elf32)
+    finish<Elf32Class>(s);
+  else
+    finish<Elf64Class>(s);
+}
+
+bool open_input_xlate(XlateTable *t) {
+  if (bin.in_xlate == nullptr)
+    return false;
+  int st = xlate_open_xtnd(bin.in_xlate, bin.in_xlate_size, t);
+  if (st != XLATE_OK)
+    error("%s: its .MIPS.Xlate section is no translation table vesk can read (status %d: %s)", option.program, st,
+          xlate_status_text(st));
+  return true;
+}
+
+void build_xlate_table() {
+  XlateTable input;
+  bool composed = open_input_xlate(&input);
+  XlateProducer *raw = nullptr;
+  if (xlate_pro_init_xtnd(&raw, XLATE_KIND_SAME_SIZE, composed ? &input : nullptr, bin.is_elf32 == 0) != XLATE_OK)
+    error("xlate failure");
+  std::unique_ptr<XlateProducer, FinishProducer> h(raw);
+  RangeAdder ranges(h.get());
+
+  // Code below .text (init code, stubs) stays; the range reaches up to the
+  // first procedure, over the stubs at the start of .text that never move.
+  uint64_t cursor = 0;
+  if (bin.exec_lo < bin.text_lo) {
+    uint64_t end = bin.text_lo;
+    Proc *first = bin.procs.order_head;
+    if (first != nullptr && in_text(first->old_addr) && text_map_of(first->old_addr) > bin.text_lo)
+      end = text_map_of(first->old_addr);
+    ranges.fill(bin.exec_lo, end, false);
+    cursor = end;
+  }
+  // The procedures in new order, each with the hole before it.  A
+  // procedure that shares words with one before it was laid out partly
+  // there: only what lies beyond the cursor is left to describe.
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
+    if (!in_text(p->old_addr) || p->size == 0)
+      continue;
+    uint64_t n = text_map_of(p->old_addr), end = n + p->size;
+    if (cursor != 0 && cursor < n)
+      ranges.fill(cursor, n, true);
+    else if (cursor != 0 && n < cursor)
+      n = cursor;
+    if (n < end)
+      ranges.fill(n, end, false);
+    cursor = std::max(cursor, end);
+  }
+  // The rest: words no procedure covers, which the layout put behind the
+  // procedures, and the code behind .text.
+  uint64_t start = cursor != 0 && cursor < bin.text_hi ? cursor : std::max(cursor, bin.text_hi);
+  if (start < bin.exec_hi)
+    ranges.fill(start, bin.exec_hi, false);
+
+  uint64_t size = 0, count = 0;
+  if (xlate_pro_disk_header_xtnd(h.get(), 1, &size, &count) != XLATE_OK)
+    error("xlate failure");
+  bin.xlate_pieces.clear();
+  for (uint64_t i = 0; i < count; ++i) {
+    uint64_t length = 0;
+    if (xlate_pro_disk_next_block_xtnd(h.get(), &bin.xlate_pieces.emplace_back(), &length) != XLATE_OK)
+      error("xlate failure");
+  }
+  bin.xlate_built = true;
+}
+
+void add_xlate_section() {
+  if (!bin.xlate_built)
+    return;
+  XlateSection section = create_xlate_section();
+  for (std::vector<uint8_t> &piece : bin.xlate_pieces)
+    add_xlate_data(section, std::move(piece));
+  bin.xlate_pieces.clear();
+  finish_xlate(section);
+}
+
+} // namespace vesk
