@@ -27,7 +27,7 @@
 #include "base/bytes.h"
 #include "vesk/driver.h"
 #include "vesk/options.h"
-#include "vesk/reader.h"
+#include "com/reader.h"
 
 using namespace vesk;
 using namespace vesk::test;

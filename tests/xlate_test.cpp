@@ -18,7 +18,7 @@
 #include "support/bench.h"
 #include "support/step.h"
 #include "vesk/driver.h"
-#include "vesk/reader.h"
+#include "com/reader.h"
 #include "xlate/xlate.h"
 
 using namespace vesk::test;

@@ -27,7 +27,7 @@
 #include "vesk/order.h"
 #include "vesk/r4000.h"
 #include "vesk/reach.h"
-#include "vesk/reader.h"
+#include "com/reader.h"
 
 namespace vesk {
 

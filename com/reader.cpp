@@ -1,4 +1,4 @@
-#include "vesk/reader.h"
+#include "com/reader.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 #include "base/elf_class.h"
 #include "com/dwarf.h"
 #include "com/mdebug.h"
-#include "vesk/options.h"
+#include "base/options.h"
 
 namespace vesk {
 
