@@ -231,7 +231,7 @@ template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *
   size_t n = input_got_entries<C>();
   // An entry that the GOT update re-pointed no longer holds its input value
   // at run time, so it cannot serve as a page.
-  Elf_Data *out = find_section_data_by_name(bin.out_elf, ".got");
+  Elf_Data *out = bin.out_elf ? find_section_data_by_name(bin.out_elf, ".got") : nullptr;
   const uint8_t *out_got = out && out->d_buf ? static_cast<const uint8_t *>(out->d_buf) : nullptr;
   size_t out_n = out_got ? out->d_size / C::word_size : 0;
   for (size_t i = 1; i < bin.local_gotno && i < n; ++i) {
@@ -261,7 +261,14 @@ template <class C>
 int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32_t *index) {
   uint64_t new_addr = old_addr;
   map_text_address(old_addr, &new_addr); // an address outside .text stays
-  int32_t new_low = int32_t(uint32_t(low) + uint32_t(new_addr) - uint32_t(old_addr));
+  // The page as the entry holds it at run time: an entry the GOT update
+  // re-pointed (a page that is also a procedure's address) holds its new
+  // value.
+  uint32_t page = uint32_t(old_addr) - uint32_t(low);
+  Elf_Data *out = bin.out_elf ? find_section_data_by_name(bin.out_elf, ".got") : nullptr;
+  if (out != nullptr && out->d_buf != nullptr && got_index < out->d_size / C::word_size)
+    page = uint32_t(address_word<C>(static_cast<const uint8_t *>(out->d_buf), got_index));
+  int32_t new_low = int32_t(uint32_t(new_addr) - page);
   *index = got_index;
   if (new_low < -32768 || new_low > 32767)
     new_low = find_local_got_entry_for_addr_t<C>(new_addr, index);

@@ -34,6 +34,9 @@ struct Description {
   // Words to write into the annotated copy: calls the linker relaxed into
   // branches, given back their jalr/jr form (address, new word).
   std::vector<std::pair<uint64_t, uint32_t>> patches;
+  // GOT entries to set in the copy (index, value): a spare entry that takes
+  // over a page from an entry that also holds a function's address.
+  std::vector<std::pair<uint32_t, uint64_t>> got_entries;
 };
 
 // Describes the image's code-address references.  A reference no entry can

@@ -76,20 +76,33 @@ public:
   Description finish() {
     // A GOT entry that page loads read holds a 64 KB page, which vesk never
     // re-points; one that also serves an exact address would keep it stale.
+    // The linker keeps one local entry per value, so a page that is also
+    // the start of a function is the entry its address is loaded from.
+    // That entry follows the function; a spare entry (one the linker
+    // reserved for a page it did not need) takes over the page, and the
+    // page loads read it instead.
     for (uint32_t i : exact_entries_)
       if (page_entries_.count(i) && im_.in_text(got_value(i)))
-        error("%s: GOT entry %u serves both as a 64 KB page and as the address %#llx, which moves; %s", path(), i,
-              (unsigned long long)got_value(i), NO_EXPLICIT);
+        move_page(i);
     for (const auto &[i, at] : outside_pages_)
       if (!page_entries_.count(i) && im_.in_text(got_value(i)))
         error("%s: the GOT page load at %s, outside .text, reads a page inside .text that no record marks; %s",
               path(), im_.where(at).c_str(), NO_EXPLICIT);
+    for (const PendingOffset &o : offsets_) {
+      std::optional<uint32_t> e = page_entry_holding(o.page);
+      if (!e)
+        refuse(o.at, "GOT offset", o.x, "no GOT page entry holds the page it adds to");
+      int64_t off = int64_t(im_.got_addr + uint64_t(*e) * im_.word_size - im_.gp_value);
+      events_.push_back({EK_GOT_OFST, o.at, uint64_t(off)});
+    }
+    la25_stubs();
     Description d;
     std::sort(events_.begin(), events_.end(), [](const EventRef &a, const EventRef &b) { return a.addr < b.addr; });
     d.events = std::move(events_);
     d.data = group_words();
     d.got_pages.assign(page_entries_.begin(), page_entries_.end());
     d.patches = std::move(patches_);
+    d.got_entries = std::move(got_entries_);
     return d;
   }
 
@@ -101,6 +114,14 @@ private:
   std::set<uint32_t> page_entries_, exact_entries_;
   std::map<uint32_t, uint64_t> outside_pages_; // page entry -> a page load outside .text reading it
   std::vector<std::pair<uint64_t, uint32_t>> patches_;
+  std::vector<std::pair<uint32_t, uint64_t>> got_entries_;
+  std::map<uint32_t, std::vector<uint64_t>> page_loads_; // GOT entry -> the page loads reading it
+  std::set<uint32_t> used_entries_;                      // every entry some instruction reads
+  bool got_pairs_ = false;                               // entries formed by %got_hi/%got_lo pairs
+  struct PendingOffset {
+    uint64_t at, x, page;
+  };
+  std::vector<PendingOffset> offsets_;
 
   const char *path() const { return im_.path.c_str(); }
 
@@ -119,7 +140,11 @@ private:
     return im_.word(t, at);
   }
 
+  // The entry's value in the annotated copy.
   uint64_t got_value(uint32_t index) const {
+    for (const auto &[i, v] : got_entries_)
+      if (i == index)
+        return v;
     return im_.address_word(*im_.got, im_.got_addr + uint64_t(index) * im_.word_size);
   }
 
@@ -131,7 +156,28 @@ private:
     if (e < im_.got_addr || (e - im_.got_addr) % im_.word_size != 0 || im_.section_holding(e, im_.word_size) != im_.got)
       error("%s: the GOT load at %s reads %#llx, which is no entry of .got", path(), im_.where(at).c_str(),
             (unsigned long long)e);
-    return uint32_t((e - im_.got_addr) / im_.word_size);
+    uint32_t index = uint32_t((e - im_.got_addr) / im_.word_size);
+    used_entries_.insert(index);
+    return index;
+  }
+
+  void move_page(uint32_t i) {
+    uint64_t value = got_value(i);
+    std::optional<uint32_t> spare;
+    uint64_t n = std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / im_.word_size);
+    for (uint32_t k = 2; k < n && !spare && !got_pairs_; ++k)
+      if (got_value(k) == 0 && !used_entries_.count(k))
+        spare = k;
+    if (!is_function_start(value) || !spare)
+      error("%s: GOT entry %u serves both as a 64 KB page and as the address %#llx, which moves, and no spare "
+            "entry can take over the page; %s", path(), i, (unsigned long long)value, NO_EXPLICIT);
+    used_entries_.insert(*spare);
+    got_entries_.push_back({*spare, value});
+    page_entries_.erase(i);
+    page_entries_.insert(*spare);
+    uint32_t gp_offset = uint32_t(im_.got_addr + uint64_t(*spare) * im_.word_size - im_.gp_value);
+    for (uint64_t at : page_loads_[i])
+      patches_.push_back({at, mips::with_imm16(im_.word(*im_.text, at), gp_offset)});
   }
 
   uint64_t width(uint64_t v) const { return im_.is_64 ? v : uint64_t(uint32_t(v)); }
@@ -157,6 +203,46 @@ private:
         return f;
     }
     return 0;
+  }
+
+  bool is_function_start(uint64_t a) const {
+    for (const GElf_Sym &s : im_.symbols)
+      if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_value == a && s.st_shndx != SHN_UNDEF)
+        return true;
+    return false;
+  }
+
+  // The stubs the linker puts in front of a PIC function that non-PIC code
+  // calls (".pic.NAME": lui $25 / addiu $25 of the function's address, then
+  // a jump to it or the function itself) have no relocations; their %hi and
+  // %lo must follow the function all the same.
+  void la25_stubs() {
+    const Section *text = im_.text;
+    for (size_t k = 0; k < im_.symbols.size(); ++k) {
+      const GElf_Sym &s = im_.symbols[k];
+      if (im_.symbol_names[k].rfind(".pic.", 0) != 0 || !im_.in_text(s.st_value) || s.st_size > 16 ||
+          s.st_value + s.st_size > im_.text_hi)
+        continue;
+      uint64_t hi_at = 0, lo_at = 0;
+      for (uint64_t a = s.st_value; a < s.st_value + s.st_size; a += 4) {
+        uint32_t w = im_.word(*text, a);
+        if (mips::op(w) == mips::OP_LUI && mips::rt(w) == 25)
+          hi_at = a;
+        else if ((mips::op(w) == mips::OP_ADDIU || mips::op(w) == mips::OP_DADDIU) && mips::rs(w) == 25 &&
+                 mips::rt(w) == 25)
+          lo_at = a;
+      }
+      if (hi_at == 0 || lo_at == 0)
+        error("%s: the stub %s is not the lui/addiu of $25 vesk knows how to repair", path(),
+              im_.symbol_names[k].c_str());
+      uint64_t x = width(uint64_t(sext16(im_.word(*text, hi_at))) * 65536 + uint64_t(mips::simm16(im_.word(*text, lo_at))));
+      if (!im_.in_text(x))
+        continue;
+      if (im_.is_64)
+        refuse(hi_at, "stub", x, "64-bit stubs forming a code address are not described");
+      events_.push_back({EK_HI, hi_at, uint64_t(sext16(x))});
+      events_.push_back({EK_LO, lo_at, uint64_t(sext16(high_half(int64_t(x))))});
+    }
   }
 
   uint64_t function_start(uint64_t at) const {
@@ -208,6 +294,7 @@ private:
         return;
       }
       page_entries_.insert(e);
+      page_loads_[e].push_back(at);
       int64_t low = int64_t(x - got_value(e));
       if (!im_.is_64)
         low = int32_t(uint32_t(low));
@@ -223,11 +310,7 @@ private:
       if (!im_.in_text(x))
         return;
       uint64_t page = width(x - uint64_t(int64_t(mips::simm16(insn(at)))));
-      std::optional<uint32_t> e = page_entry_holding(page);
-      if (!e)
-        refuse(at, "GOT offset", x, "no GOT page entry holds the page it adds to");
-      int64_t off = int64_t(im_.got_addr + uint64_t(*e) * im_.word_size - im_.gp_value);
-      event(EK_GOT_OFST, at, uint64_t(off));
+      offsets_.push_back({at, x, page}); // its page entry is known once every page load has been seen
       return;
     }
     case R_GOT_DISP:
@@ -238,14 +321,16 @@ private:
     case R_JALR:
       unrelax(at);
       return;
-    case R_NONE:
-    case R_26:
-    case R_PC16:
     case R_GOT_HI16:
     case R_GOT_LO16:
     case R_CALL_HI16:
     case R_CALL_LO16:
-      return; // branches and jumps vesk repairs itself; GOT entries it repairs in the GOT
+      got_pairs_ = true; // the entries they read are repaired in the GOT
+      return;
+    case R_NONE:
+    case R_26:
+    case R_PC16:
+      return; // branches and jumps vesk repairs itself
     default:
       if (im_.in_text(x))
         refuse(at, "relocation", x, NO_EXPLICIT);

@@ -83,6 +83,8 @@ void read_tables(Image &im, Elf *elf) {
       for (int i = 0; d != nullptr && gelf_getdyn(d, i, &dyn) != nullptr; ++i)
         if (dyn.d_tag == DT_PLTGOT)
           im.got_addr = dyn.d_un.d_ptr;
+        else if (dyn.d_tag == DT_MIPS_LOCAL_GOTNO)
+          im.local_gotno = dyn.d_un.d_val;
     } else if (s.sh.sh_type == SHT_SYMTAB) {
       Elf_Data *d = elf_getdata(scn, nullptr);
       GElf_Sym sym;

@@ -46,6 +46,7 @@ struct Image {
   uint64_t text_lo = 0, text_hi = 0;
   uint64_t gp_value = 0;
   uint64_t got_addr = 0; // DT_PLTGOT, else the address of .got
+  uint64_t local_gotno = 0; // DT_MIPS_LOCAL_GOTNO
   bool is_64 = false;    // ELFCLASS64 (n64)
   bool is_n32 = false;
   bool pic = false;      // EF_MIPS_PIC: vesk reads no content sections then

@@ -115,6 +115,14 @@ void write_annotated(const Image &im, const Description &d, const std::vector<Ne
       error("%s: no section holds the call at %#llx", im.path.c_str(), (unsigned long long)addr);
     store32(f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
   }
+  for (const auto &[index, value] : d.got_entries) {
+    uint64_t addr = im.got_addr + uint64_t(index) * im.word_size;
+    const Section *s = im.section_holding(addr, im.word_size);
+    if (s == nullptr)
+      error("%s: no section holds GOT entry %u", im.path.c_str(), index);
+    uint8_t *p = f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr);
+    im.is_64 ? store64(p, value) : store32(p, uint32_t(value));
+  }
   const HeaderFields &hf = im.is_64 ? FIELDS64 : FIELDS32;
   uint64_t old_shoff = im.is_64 ? load64(f.data() + hf.shoff) : load32(f.data() + hf.shoff);
   uint16_t shnum = load16(f.data() + hf.shnum);
