@@ -238,8 +238,14 @@ template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *
     uint64_t entry = address_word<C>(bin.got_buf, i);
     if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
       continue;
-    int32_t diff = int32_t(uint32_t(addr) - uint32_t(entry));
-    if (diff >= -32768 && diff <= 32767) {
+    // GNU ld marks entry 1 with the top bit for the loader, which puts its
+    // module pointer there: it holds no address.
+    if (i == 1 && (entry >> (C::word_size * 8 - 1)) != 0)
+      continue;
+    // A 64-bit entry must reach with all its bits, not only the low half.
+    int64_t wide = C::is_64 ? int64_t(addr - entry) : int64_t(int32_t(uint32_t(addr) - uint32_t(entry)));
+    int32_t diff = int32_t(wide);
+    if (wide >= -32768 && wide <= 32767) {
       *index = uint32_t(i);
       *diff_out = diff;
       return true;
