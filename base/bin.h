@@ -32,6 +32,7 @@ struct Bin {
   uint32_t text_words = 0; // 4-byte words in .text
   const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
   uint32_t gp_value = 0;
+  uint64_t gp_full = 0;     // gp in full: an n64 gp lies above 4 GB, gp_value holds its low 32 bits
   uint32_t local_gotno = 0;
   uint32_t local_gotidx = 0;
   uint32_t gotsym = 0;

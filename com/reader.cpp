@@ -112,6 +112,7 @@ void visit_section(Elf_Scn *scn, const Elf64_Shdr &sh, const char *name) {
     bin.debug_kind = DEBUG_DWARF;
   } else if (!std::strcmp(name, ".reginfo")) {
     bin.gp_value = load32(raw_contents(scn, name, 24) + 20);
+    bin.gp_full = bin.gp_value;
   } else if (!std::strcmp(name, ".MIPS.options")) {
     size_t size;
     const uint8_t *p = raw_contents(scn, name, 0, &size);
@@ -121,6 +122,7 @@ void visit_section(Elf_Scn *scn, const Elf64_Shdr &sh, const char *name) {
       if (size < 40)
         error("%s: section .MIPS.options is truncated (%zu bytes, 40 needed)", option.program, size);
       bin.gp_value = load32(p + 36);
+      bin.gp_full = bin.is_elf32 ? bin.gp_value : load64(p + 32);
     }
   } else if (!std::strcmp(name, ".got")) {
     size_t size;
@@ -275,6 +277,7 @@ void read_input() {
   bin.exec_lo = ~uint64_t(0);
   bin.exec_hi = 0;
   bin.gp_value = 0;
+  bin.gp_full = 0;
   bin.text_shift = 0;
   bin.text_grow = 0;
   bin.entry = bin.in_ehdr.e_entry;

@@ -1,5 +1,6 @@
 #include "com/update.h"
 
+#include "com/events.h"
 #include "com/update_compact_rel.h"
 #include "com/update_impl.h"
 
@@ -40,6 +41,8 @@ void update_dynamic() { bin.is_elf32 ? update_dynamic32() : update_dynamic64(); 
 void update_got() {
   if (is_o32())
     read_got_page_marks();
+  else
+    read_event_got_pages();
   bin.is_elf32 ? update_got32() : update_got64();
 }
 void update_reldyn() { bin.is_elf32 ? update_reldyn32() : update_reldyn64(); }

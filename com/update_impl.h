@@ -231,15 +231,21 @@ template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *
   size_t n = input_got_entries<C>();
   // An entry that the GOT update re-pointed no longer holds its input value
   // at run time, so it cannot serve as a page.
-  Elf_Data *out = find_section_data_by_name(bin.out_elf, ".got");
+  Elf_Data *out = bin.out_elf ? find_section_data_by_name(bin.out_elf, ".got") : nullptr;
   const uint8_t *out_got = out && out->d_buf ? static_cast<const uint8_t *>(out->d_buf) : nullptr;
   size_t out_n = out_got ? out->d_size / C::word_size : 0;
   for (size_t i = 1; i < bin.local_gotno && i < n; ++i) {
     uint64_t entry = address_word<C>(bin.got_buf, i);
     if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
       continue;
-    int32_t diff = int32_t(uint32_t(addr) - uint32_t(entry));
-    if (diff >= -32768 && diff <= 32767) {
+    // GNU ld marks entry 1 with the top bit for the loader, which puts its
+    // module pointer there: it holds no address.
+    if (i == 1 && (entry >> (C::word_size * 8 - 1)) != 0)
+      continue;
+    // A 64-bit entry must reach with all its bits, not only the low half.
+    int64_t wide = C::is_64 ? int64_t(addr - entry) : int64_t(int32_t(uint32_t(addr) - uint32_t(entry)));
+    int32_t diff = int32_t(wide);
+    if (wide >= -32768 && wide <= 32767) {
       *index = uint32_t(i);
       *diff_out = diff;
       return true;
@@ -261,7 +267,14 @@ template <class C>
 int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32_t *index) {
   uint64_t new_addr = old_addr;
   map_text_address(old_addr, &new_addr); // an address outside .text stays
-  int32_t new_low = int32_t(uint32_t(low) + uint32_t(new_addr) - uint32_t(old_addr));
+  // The page as the entry holds it at run time: an entry the GOT update
+  // re-pointed (a page that is also a procedure's address) holds its new
+  // value.
+  uint32_t page = uint32_t(old_addr) - uint32_t(low);
+  Elf_Data *out = bin.out_elf ? find_section_data_by_name(bin.out_elf, ".got") : nullptr;
+  if (out != nullptr && out->d_buf != nullptr && got_index < out->d_size / C::word_size)
+    page = uint32_t(address_word<C>(static_cast<const uint8_t *>(out->d_buf), got_index));
+  int32_t new_low = int32_t(uint32_t(new_addr) - page);
   *index = got_index;
   if (new_low < -32768 || new_low > 32767)
     new_low = find_local_got_entry_for_addr_t<C>(new_addr, index);

@@ -82,10 +82,9 @@ template <class C> XlateSection create_section() {
   return s;
 }
 
-// The section takes the place where the section header table stood and
-// the table moves up by the section's size.  A table that lay before the
-// section's offset (amid the contents, or in the padding before it) goes
-// right behind the section instead, where its new entry overwrites
+// The section takes the place where the section header table stood (or,
+// when the table lay amid the contents, the place behind them), and the
+// table goes right behind the section, where its new entry overwrites
 // nothing.  libelf wants the table aligned for its entries.
 template <class C> void finish(XlateSection &s) {
   typename C::Ehdr *eh = C::getehdr(bin.out_elf);
@@ -95,15 +94,10 @@ template <class C> void finish(XlateSection &s) {
     error("cannot read the output's headers");
   }
   uint64_t size = sh->sh_size, end = uint64_t(sh->sh_offset) + size;
-  uint64_t shoff = eh->e_shoff;
   if (size == 0 && s.old_size == 0)
     return; // an empty section covers no bytes: the header table can stay
-  if (shoff < s.old_offset)
-    shoff = end;
-  else
-    shoff = shoff + size + sh->sh_offset - s.old_offset - s.old_size;
-  if (size != 0 && shoff < end)
-    shoff = end;
+  // The section is the last contents of the file; the table follows it.
+  uint64_t shoff = end;
   eh->e_shoff = round_up(shoff, C::is_64 ? 8 : 4);
 }
 

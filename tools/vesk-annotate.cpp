@@ -1,11 +1,12 @@
 // vesk-annotate [-v] IN -o OUT
 //
-// Linux toolchains write no .compact_rel section, so vesk cannot repair the
-// code addresses of their o32 executables.  Given an executable linked with
-// its relocations kept (-Wl,-q), this writes a copy with a .compact_rel
-// section that describes every code-address reference vesk must repair,
-// or refuses, naming the reference it cannot describe.  The input is never
-// modified.  With -v it lists the entries it writes.
+// Linux toolchains write no .compact_rel or .MIPS.events section, so vesk
+// cannot repair the code addresses of their executables.  Given an
+// executable linked with its relocations kept (-Wl,-q), this writes a copy
+// with a .compact_rel section (o32) or .MIPS.events and .MIPS.content
+// sections (n32, n64) that describe every code-address reference vesk must
+// repair, or refuses, naming the reference it cannot describe.  The input
+// is never modified.  With -v it lists the records it writes.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "base/diag.h"
+#include "events/reader.h"
 #include "tools/annotate/describe.h"
 #include "tools/annotate/image.h"
 #include "tools/annotate/write.h"
@@ -52,9 +54,17 @@ int annotate(int argc, char **argv) {
     vesk::error("the output %s would overwrite the input %s; name another output", out.c_str(), in.c_str());
 
   vesk::annotate::Image im = vesk::annotate::read_image(in);
-  vesk::annotate::Description d = vesk::annotate::describe_references(im);
+  vesk::annotate::Description d =
+      im.is_o32() ? vesk::annotate::describe_references(im) : vesk::annotate::describe_events(im);
   const std::vector<vesk::CompactRelEntry> &entries = d.entries;
-  if (verbose) {
+  if (verbose && !im.is_o32()) {
+    for (const auto *list : {&d.events, &d.data})
+      for (const vesk::annotate::EventRef &e : *list)
+        std::printf("%-16s at %s: %#llx\n", vesk::event_kind_string(e.kind).c_str(), im.where(e.addr).c_str(),
+                    (unsigned long long)e.value);
+    std::printf("%zu records, %zu data records, %zu GOT page entries, %zu calls given back their jalr form\n",
+                d.events.size(), d.data.size(), d.got_pages.size(), d.patches.size());
+  } else if (verbose) {
     static const char *const kinds[8] = {"", "", "gp-relative word", "word", "_gp_disp pair", "GOT page", "",
                                          "%hi/%lo"};
     for (const vesk::CompactRelEntry &e : entries)
@@ -63,7 +73,7 @@ int annotate(int argc, char **argv) {
     std::printf("%zu entries, %zu GOT page entries, %zu calls given back their jalr form\n", entries.size(),
                 d.got_pages.size(), d.patches.size());
   }
-  vesk::annotate::write_annotated(im, d, vesk::annotate::compact_rel_section(d), out);
+  vesk::annotate::write_annotated(im, d, vesk::annotate::annotation_sections(im, d), out);
   return 0;
 }
 

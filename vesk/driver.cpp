@@ -16,6 +16,7 @@
 #include "base/proc.h"
 #include "com/branch.h"
 #include "com/elf.h"
+#include "com/events.h"
 #include "com/mdebug.h"
 #include "com/rpt.h"
 #include "com/update.h"
@@ -137,7 +138,10 @@ void reorder_it() {
   if (option.r4000_fix == 1)
     fix_r4000_bug();
   reorder_procedures();
-  refuse_unrepairable_moves(); // n32/n64 until their events can be repaired
+  // n32/n64 code that moves needs the events records to be repaired.
+  bool has_events = !is_o32() && has_event_sections(bin.in_elf);
+  if (!is_o32() && !has_events)
+    refuse_unrepairable_moves();
   update_elf_header();
   update_dynamic();
   update_got();
@@ -148,7 +152,9 @@ void reorder_it() {
     update_rpt();
   update_branch_offset();
   if (is_o32())
-    update_compact_rel(); // n32/n64 code has not moved (refused above)
+    update_compact_rel();
+  else if (has_events)
+    process_update_events(); // without them nothing has moved (refused above)
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();
   update_mdebug();

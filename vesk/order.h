@@ -5,8 +5,9 @@ namespace vesk {
 
 void reorder_procedures();
 
-// Ends the run when the new layout moves code that vesk cannot repair yet:
-// the gp set-ups and address loads of n32 and n64 executables.
+// Ends the run when the new layout moves code of an n32 or n64 executable
+// that carries no events section: nothing describes its gp set-ups and
+// address loads, so they could not be repaired.
 void refuse_unrepairable_moves();
 
 } // namespace vesk

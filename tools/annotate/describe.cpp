@@ -167,7 +167,7 @@ private:
   std::map<size_t, std::vector<size_t>> users_;  // %hi -> the %lo it feeds
   std::set<uint32_t> got_pages_;
   std::unordered_map<uint32_t, uint32_t> call_target_; // jalr $25 -> the function its relocation names
-  std::vector<std::pair<uint32_t, uint32_t>> patches_;
+  std::vector<std::pair<uint64_t, uint32_t>> patches_;
   std::vector<CompactRelEntry> out_;
 
   const char *path() const { return im_.path.c_str(); }
@@ -175,15 +175,15 @@ private:
   void index_functions() {
     std::map<std::string, size_t> groups;
     for (size_t i = 0; i < im_.symbols.size(); ++i) {
-      const Elf32_Sym &s = im_.symbols[i];
-      if (ELF32_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
+      const GElf_Sym &s = im_.symbols[i];
+      if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
         continue;
       std::string name = im_.symbol_name(uint32_t(i));
       size_t cold = name.find(".cold");
       if (cold != std::string::npos)
         name.resize(cold);
       size_t g = groups.emplace(name, groups.size()).first->second;
-      functions_.push_back({s.st_value, s.st_value + s.st_size, g});
+      functions_.push_back({uint32_t(s.st_value), uint32_t(s.st_value + s.st_size), g});
     }
     std::sort(functions_.begin(), functions_.end(),
               [](const Function &a, const Function &b) { return a.lo < b.lo; });
@@ -200,7 +200,7 @@ private:
 
   // A relocated word must lie inside the section the relocations patch.
   uint32_t checked(uint32_t addr) const {
-    const Elf32_Shdr &sh = rs_->target->sh;
+    const GElf_Shdr &sh = rs_->target->sh;
     if (addr < sh.sh_addr || uint64_t(addr) + 4 > uint64_t(sh.sh_addr) + sh.sh_size || (addr & 3) != 0)
       error("%s: a relocation of %s names %#x, which is not a word of %s", path(), rs_->section->name.c_str(), addr,
             rs_->target->name.c_str());

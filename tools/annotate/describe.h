@@ -1,5 +1,6 @@
-// Finding every place of an o32 executable that holds a code address vesk
-// must repair, from the relocations the linker kept.
+// Finding every place of an executable that holds a code address vesk must
+// repair, from the relocations the linker kept: .compact_rel entries for
+// o32, events and content records for n32 and n64.
 #pragma once
 
 #include <cstdint>
@@ -11,19 +12,37 @@
 
 namespace vesk::annotate {
 
+// One events or content record: a kind, the address it describes, and its
+// value (the partner's half, the page entry's gp offset, the whole address,
+// or for data words their count).
+struct EventRef {
+  uint32_t kind;
+  uint64_t addr;
+  uint64_t value;
+};
+
 struct Description {
-  // The .compact_rel entries, in ascending address order.
+  // The .compact_rel entries (o32), in ascending address order.
   std::vector<CompactRelEntry> entries;
+  // n32, n64: the records of instructions in .text, and of data words
+  // holding code addresses, in ascending address order.
+  std::vector<EventRef> events;
+  std::vector<EventRef> data;
   // The GOT entries that page loads read: they hold 64 KB pages, never
   // code addresses, and must not be re-pointed.
   std::vector<uint32_t> got_pages;
   // Words to write into the annotated copy: calls the linker relaxed into
   // branches, given back their jalr/jr form (address, new word).
-  std::vector<std::pair<uint32_t, uint32_t>> patches;
+  std::vector<std::pair<uint64_t, uint32_t>> patches;
+  // GOT entries to set in the copy (index, value): a spare entry that takes
+  // over a page from an entry that also holds a function's address.
+  std::vector<std::pair<uint32_t, uint64_t>> got_entries;
 };
 
 // Describes the image's code-address references.  A reference no entry can
 // describe ends the run with an error that names it.
 Description describe_references(const Image &im);
+// The same for an n32 or n64 executable.
+Description describe_events(const Image &im);
 
 } // namespace vesk::annotate

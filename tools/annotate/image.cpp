@@ -46,18 +46,16 @@ void read_sections(Image &im, Elf *elf) {
   for (Elf_Scn *scn = elf_getscn(elf, 0); scn != nullptr; scn = elf_nextscn(elf, scn)) {
     Section s;
     s.index = elf_ndxscn(scn);
-    const Elf32_Shdr *sh = elf32_getshdr(scn);
-    if (sh == nullptr)
+    if (gelf_getshdr(scn, &s.sh) == nullptr)
       error("%s: cannot read the header of section %zu", im.path.c_str(), s.index);
-    s.sh = *sh;
-    const char *name = elf_strptr(elf, shstrndx, sh->sh_name);
+    const char *name = elf_strptr(elf, shstrndx, s.sh.sh_name);
     if (name == nullptr)
       error("%s: section %zu has no name", im.path.c_str(), s.index);
     s.name = name;
-    if (sh->sh_type != SHT_NOBITS && sh->sh_type != SHT_NULL) {
-      if (uint64_t(sh->sh_offset) + sh->sh_size > im.file.size())
+    if (s.sh.sh_type != SHT_NOBITS && s.sh.sh_type != SHT_NULL) {
+      if (s.sh.sh_offset > im.file.size() || s.sh.sh_size > im.file.size() - s.sh.sh_offset)
         error("%s: section %s lies outside the file", im.path.c_str(), name);
-      s.raw = im.file.data() + sh->sh_offset;
+      s.raw = im.file.data() + s.sh.sh_offset;
     }
     im.sections.push_back(s);
   }
@@ -76,16 +74,22 @@ void read_tables(Image &im, Elf *elf) {
         im.got_addr = s.sh.sh_addr;
     } else if (s.name == ".reginfo" && s.raw != nullptr && s.sh.sh_size >= 24) {
       im.gp_value = load32(s.raw + 20);
-    } else if (s.name == ".compact_rel") {
-      error("%s already has a .compact_rel section", im.path.c_str());
+    } else if (s.name == ".compact_rel" || s.sh.sh_type == SHT_MIPS_EVENTS || s.sh.sh_type == SHT_MIPS_CONTENT) {
+      error("%s already has a %s section", im.path.c_str(), s.name.c_str());
     }
     if (s.sh.sh_type == SHT_DYNAMIC) {
-      for (const Elf32_Dyn &d : typed_contents<Elf32_Dyn>(scn, ELF_T_DYN, im, s))
-        if (d.d_tag == DT_PLTGOT)
-          im.got_addr = d.d_un.d_ptr;
+      Elf_Data *d = elf_getdata(scn, nullptr);
+      GElf_Dyn dyn;
+      for (int i = 0; d != nullptr && gelf_getdyn(d, i, &dyn) != nullptr; ++i)
+        if (dyn.d_tag == DT_PLTGOT)
+          im.got_addr = dyn.d_un.d_ptr;
+        else if (dyn.d_tag == DT_MIPS_LOCAL_GOTNO)
+          im.local_gotno = dyn.d_un.d_val;
     } else if (s.sh.sh_type == SHT_SYMTAB) {
-      im.symbols = typed_contents<Elf32_Sym>(scn, ELF_T_SYM, im, s);
-      for (const Elf32_Sym &sym : im.symbols) {
+      Elf_Data *d = elf_getdata(scn, nullptr);
+      GElf_Sym sym;
+      for (int i = 0; d != nullptr && gelf_getsym(d, i, &sym) != nullptr; ++i) {
+        im.symbols.push_back(sym);
         const char *n = elf_strptr(elf, s.sh.sh_link, sym.st_name);
         im.symbol_names.push_back(n ? n : "");
       }
@@ -97,27 +101,65 @@ void read_tables(Image &im, Elf *elf) {
         im.gp_value = im.symbols[i].st_value;
 }
 
+// n32 and n64 relocation records, read from their big-endian bytes: libelf
+// does not know the three-type layout of the n64 r_info.
+std::vector<Rela> read_relas(const Image &im, const Section &s) {
+  size_t size = im.is_64 ? 24 : 12;
+  if (s.raw == nullptr || s.sh.sh_size % size != 0)
+    error("%s: section %s does not hold whole relocation records", im.path.c_str(), s.name.c_str());
+  std::vector<Rela> out(s.sh.sh_size / size);
+  for (size_t i = 0; i < out.size(); ++i) {
+    const uint8_t *p = s.raw + i * size;
+    Rela &r = out[i];
+    if (im.is_64) {
+      r.offset = load64(p);
+      r.sym = load32(p + 8);
+      r.type3 = p[13];
+      r.type2 = p[14];
+      r.type = p[15];
+      r.addend = int64_t(load64(p + 16));
+    } else {
+      r.offset = load32(p);
+      r.sym = load32(p + 4) >> 8;
+      r.type = p[7];
+      r.addend = int32_t(load32(p + 8));
+    }
+  }
+  return out;
+}
+
 void read_relocations(Image &im, Elf *elf) {
   bool text_has_relocations = false;
   for (const Section &s : im.sections) {
     if (s.sh.sh_type != SHT_REL && s.sh.sh_type != SHT_RELA)
       continue;
-    if (s.sh.sh_info == 0 || s.sh.sh_info >= im.sections.size())
+    if (s.sh.sh_info == 0 || s.sh.sh_info >= im.sections.size() || (s.sh.sh_flags & SHF_ALLOC) != 0)
       continue; // dynamic relocations: the loader's, not the linker's
     const Section &target = im.sections[s.sh.sh_info];
     if ((target.sh.sh_flags & SHF_ALLOC) == 0)
       continue;
-    if (s.sh.sh_type == SHT_RELA)
+    if (s.sh.sh_type == SHT_RELA && im.is_o32())
       error("%s: section %s holds relocations with addends, which o32 executables do not use", im.path.c_str(),
             s.name.c_str());
+    if (s.sh.sh_type == SHT_REL && !im.is_o32())
+      error("%s: section %s holds relocations without addends, which %s executables do not use", im.path.c_str(),
+            s.name.c_str(), im.is_64 ? "n64" : "n32");
     RelSection r;
     r.section = &s;
     r.target = &target;
-    r.rels = typed_contents<Elf32_Rel>(elf_getscn(elf, s.index), ELF_T_REL, im, s);
-    for (const Elf32_Rel &rel : r.rels)
-      if (ELF32_R_SYM(rel.r_info) >= im.symbols.size())
-        error("%s: a relocation of %s names symbol %u, which .symtab does not have", im.path.c_str(),
-              s.name.c_str(), ELF32_R_SYM(rel.r_info));
+    if (im.is_o32()) {
+      r.rels = typed_contents<Elf32_Rel>(elf_getscn(elf, s.index), ELF_T_REL, im, s);
+      for (const Elf32_Rel &rel : r.rels)
+        if (ELF32_R_SYM(rel.r_info) >= im.symbols.size())
+          error("%s: a relocation of %s names symbol %u, which .symtab does not have", im.path.c_str(),
+                s.name.c_str(), ELF32_R_SYM(rel.r_info));
+    } else {
+      r.relas = read_relas(im, s);
+      for (const Rela &rel : r.relas)
+        if (rel.sym >= im.symbols.size())
+          error("%s: a relocation of %s names symbol %u, which .symtab does not have", im.path.c_str(),
+                s.name.c_str(), rel.sym);
+    }
     if (&target == im.text)
       text_has_relocations = true;
     im.rel_sections.push_back(std::move(r));
@@ -128,37 +170,43 @@ void read_relocations(Image &im, Elf *elf) {
 
 } // namespace
 
-const Section *Image::section_holding(uint32_t addr, uint32_t n) const {
+const Section *Image::section_holding(uint64_t addr, uint64_t n) const {
   for (const Section &s : sections)
-    if ((s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && addr >= s.sh.sh_addr &&
-        uint64_t(addr) + n <= uint64_t(s.sh.sh_addr) + s.sh.sh_size)
+    if ((s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && addr >= s.sh.sh_addr && n <= s.sh.sh_size &&
+        addr - s.sh.sh_addr <= s.sh.sh_size - n)
       return &s;
   return nullptr;
 }
 
-uint32_t Image::word(const Section &s, uint32_t addr) const { return load32(s.raw + (addr - s.sh.sh_addr)); }
+uint32_t Image::word(const Section &s, uint64_t addr) const { return load32(s.raw + (addr - s.sh.sh_addr)); }
 
-std::string Image::where(uint32_t addr) const {
-  char buf[64];
-  const Elf32_Sym *best = nullptr;
+uint64_t Image::address_word(const Section &s, uint64_t addr) const {
+  const uint8_t *p = s.raw + (addr - s.sh.sh_addr);
+  return word_size == 8 ? load64(p) : load32(p);
+}
+
+std::string Image::where(uint64_t addr) const {
+  char buf[80];
+  const GElf_Sym *best = nullptr;
   size_t best_i = 0;
   for (size_t i = 0; i < symbols.size(); ++i) {
-    const Elf32_Sym &s = symbols[i];
-    if (ELF32_ST_TYPE(s.st_info) == STT_FUNC && s.st_value <= addr && addr - s.st_value < (s.st_size ? s.st_size : 1) &&
+    const GElf_Sym &s = symbols[i];
+    if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_value <= addr && addr - s.st_value < (s.st_size ? s.st_size : 1) &&
         (best == nullptr || s.st_value > best->st_value)) {
       best = &s;
       best_i = i;
     }
   }
   if (best == nullptr)
-    std::snprintf(buf, sizeof buf, "%#x", addr);
+    std::snprintf(buf, sizeof buf, "%#llx", (unsigned long long)addr);
   else
-    std::snprintf(buf, sizeof buf, "%#x (%.32s+%#x)", addr, symbol_names[best_i].c_str(), addr - best->st_value);
+    std::snprintf(buf, sizeof buf, "%#llx (%.32s+%#llx)", (unsigned long long)addr, symbol_names[best_i].c_str(),
+                  (unsigned long long)(addr - best->st_value));
   return buf;
 }
 
 bool Image::symbol_is_local(uint32_t index) const {
-  return index < symbols.size() && ELF32_ST_BIND(symbols[index].st_info) == STB_LOCAL;
+  return index < symbols.size() && GELF_ST_BIND(symbols[index].st_info) == STB_LOCAL;
 }
 
 const std::string &Image::symbol_name(uint32_t index) const {
@@ -177,14 +225,18 @@ Image read_image(const std::string &path) {
   Elf *elf = elf_begin(fd, ELF_C_READ, nullptr);
   if (elf == nullptr || elf_kind(elf) != ELF_K_ELF)
     error("%s is not an ELF file", path.c_str());
-  const Elf32_Ehdr *eh = elf32_getehdr(elf);
+  GElf_Ehdr ehdr;
+  const GElf_Ehdr *eh = gelf_getehdr(elf, &ehdr);
   if (eh == nullptr || eh->e_ident[EI_DATA] != ELFDATA2MSB || eh->e_machine != EM_MIPS)
-    error("%s is not a 32-bit big-endian MIPS ELF file", path.c_str());
-  if ((eh->e_flags & EF_ABI2) != 0)
-    error("%s is an n32 executable; only o32 executables take a .compact_rel section", path.c_str());
+    error("%s is not a big-endian MIPS ELF file", path.c_str());
+  im.is_64 = eh->e_ident[EI_CLASS] == ELFCLASS64;
+  im.is_n32 = !im.is_64 && (eh->e_flags & EF_ABI2) != 0;
+  im.pic = (eh->e_flags & EF_MIPS_PIC) != 0;
+  im.word_size = im.is_64 ? 8 : 4;
   if (eh->e_type != ET_EXEC && eh->e_type != ET_DYN)
     error("%s is not an executable", path.c_str());
-  if (eh->e_shnum == 0 || eh->e_shstrndx >= SHN_LORESERVE || eh->e_shentsize != sizeof(Elf32_Shdr))
+  if (eh->e_shnum == 0 || eh->e_shstrndx >= SHN_LORESERVE ||
+      eh->e_shentsize != (im.is_64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr)))
     error("%s has an unusual section header table", path.c_str());
   read_sections(im, elf);
   read_tables(im, elf);

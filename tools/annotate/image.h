@@ -1,5 +1,6 @@
-// vesk-annotate's view of its input: an o32 executable linked with its
-// relocations kept (-Wl,-q), read whole and checked before use.
+// vesk-annotate's view of its input: an o32, n32 or n64 executable linked
+// with its relocations kept (-Wl,-q), read whole and checked before use.
+// Headers, symbols and relocations are widened to the 64-bit forms.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +13,25 @@ namespace vesk::annotate {
 struct Section {
   size_t index = 0;
   std::string name;
-  Elf32_Shdr sh{};           // host order
+  GElf_Shdr sh{};            // host order
   const uint8_t *raw = nullptr; // big-endian contents in the file, null for SHT_NOBITS
 };
 
+// A relocation with an addend (n32, n64).  n32 spells a composed
+// relocation as up to three records at one offset; n64 packs the three
+// types into one record (type, then type2 and type3 applied to its result).
+struct Rela {
+  uint64_t offset = 0;
+  uint32_t sym = 0;
+  uint32_t type = 0, type2 = 0, type3 = 0;
+  int64_t addend = 0;
+};
+
 struct RelSection {
-  const Section *section = nullptr; // the SHT_REL section
+  const Section *section = nullptr; // the SHT_REL or SHT_RELA section
   const Section *target = nullptr;  // the section it patches (sh_info)
-  std::vector<Elf32_Rel> rels;      // host order, in table order
+  std::vector<Elf32_Rel> rels;      // o32: host order, in table order
+  std::vector<Rela> relas;          // n32, n64: in table order
 };
 
 struct Image {
@@ -27,27 +39,35 @@ struct Image {
   std::vector<uint8_t> file; // the whole input
   std::vector<Section> sections;
   std::vector<RelSection> rel_sections;
-  std::vector<Elf32_Sym> symbols;        // .symtab, host order
+  std::vector<GElf_Sym> symbols;         // .symtab, host order
   std::vector<std::string> symbol_names;
   const Section *text = nullptr;
   const Section *got = nullptr;
-  uint32_t text_lo = 0, text_hi = 0;
-  uint32_t gp_value = 0;
-  uint32_t got_addr = 0; // DT_PLTGOT, else the address of .got
+  uint64_t text_lo = 0, text_hi = 0;
+  uint64_t gp_value = 0;
+  uint64_t got_addr = 0; // DT_PLTGOT, else the address of .got
+  uint64_t local_gotno = 0; // DT_MIPS_LOCAL_GOTNO
+  bool is_64 = false;    // ELFCLASS64 (n64)
+  bool is_n32 = false;
+  bool pic = false;      // EF_MIPS_PIC: vesk reads no content sections then
+  unsigned word_size = 4; // an address word, a GOT entry
 
-  bool in_text(uint32_t a) const { return a >= text_lo && a < text_hi; }
+  bool is_o32() const { return !is_64 && !is_n32; }
+  bool in_text(uint64_t a) const { return a >= text_lo && a < text_hi; }
   // The section whose addresses hold [addr, addr + n), with contents.
-  const Section *section_holding(uint32_t addr, uint32_t n) const;
+  const Section *section_holding(uint64_t addr, uint64_t n) const;
   // The 32-bit word at addr inside section s (addr checked by the caller).
-  uint32_t word(const Section &s, uint32_t addr) const;
+  uint32_t word(const Section &s, uint64_t addr) const;
+  // The address word (4 or 8 bytes) at addr inside section s.
+  uint64_t address_word(const Section &s, uint64_t addr) const;
   // "0x400123 (main+0x1c)" for messages.
-  std::string where(uint32_t addr) const;
+  std::string where(uint64_t addr) const;
   bool symbol_is_local(uint32_t index) const;
   const std::string &symbol_name(uint32_t index) const;
 };
 
 // Reads and checks path; refuses (with a clear error) anything that is not
-// a big-endian o32 MIPS executable with kept relocations.
+// a big-endian MIPS executable with kept relocations.
 Image read_image(const std::string &path);
 
 } // namespace vesk::annotate

@@ -8,19 +8,51 @@
 
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "com/events.h"
 
 namespace vesk::annotate {
 
 namespace {
 
-// A 32-bit section header as it lies in a big-endian file.
+// Section headers as they lie in a big-endian file.
 struct Shdr32 {
   ub32 sh_name, sh_type, sh_flags, sh_addr, sh_offset, sh_size, sh_link, sh_info, sh_addralign, sh_entsize;
 };
 static_assert(sizeof(Shdr32) == 40);
+struct Shdr64 {
+  ub32 sh_name, sh_type;
+  ub64 sh_flags, sh_addr, sh_offset, sh_size;
+  ub32 sh_link, sh_info;
+  ub64 sh_addralign, sh_entsize;
+};
+static_assert(sizeof(Shdr64) == 64);
 
-// Offsets of the ELF header fields that change.
-constexpr size_t E_SHOFF = 32, E_SHNUM = 48, E_SHSTRNDX = 50;
+// The ELF header fields that change, by class.
+struct HeaderFields {
+  size_t shoff, shnum, shstrndx, shdr_size;
+};
+constexpr HeaderFields FIELDS32{32, 48, 50, sizeof(Shdr32)}, FIELDS64{40, 60, 62, sizeof(Shdr64)};
+
+void set(ub32 &field, uint64_t v) { field = uint32_t(v); }
+void set(ub64 &field, uint64_t v) { field = v; }
+
+template <class Shdr> void set_placement(uint8_t *h, uint64_t offset, uint64_t size) {
+  Shdr *sh = reinterpret_cast<Shdr *>(h); // byte alignment
+  set(sh->sh_offset, offset);
+  set(sh->sh_size, size);
+}
+
+template <class Shdr> std::vector<uint8_t> new_header(uint32_t name, const NewSection &s, uint64_t offset, uint32_t link) {
+  Shdr sh{};
+  sh.sh_name = name;
+  sh.sh_type = s.type;
+  set(sh.sh_offset, offset);
+  set(sh.sh_size, s.bytes.size());
+  sh.sh_link = link;
+  sh.sh_addralign = 4;
+  const auto *b = reinterpret_cast<const uint8_t *>(&sh);
+  return std::vector<uint8_t>(b, b + sizeof sh);
+}
 
 void pad_to(std::vector<uint8_t> &v, size_t align) {
   while (v.size() % align != 0)
@@ -48,54 +80,95 @@ std::vector<uint8_t> compact_rel_section(const Description &d) {
   return std::move(out.bytes());
 }
 
-void write_annotated(const Image &im, const Description &d, const std::vector<uint8_t> &compact_rel,
+std::vector<uint8_t> events_stream(const Image &im, const std::vector<EventRef> &records, bool events) {
+  EventsWriter w;
+  w.reset(im.text->index, im.text_lo);
+  for (const EventRef &r : records)
+    w.keep(r.kind, r.addr, r.value);
+  std::vector<uint8_t> bytes = w.build();
+  // The rebuilt stream visits the same records in another order; a few
+  // more of its location steps may need more than one byte.  EK_NULL
+  // records fill the room, and vesk drops them.
+  if (events)
+    bytes.resize(bytes.size() + bytes.size() / 16 + 16, EK_NULL);
+  return bytes;
+}
+
+std::vector<NewSection> annotation_sections(const Image &im, const Description &d) {
+  if (im.is_o32())
+    return {{".compact_rel", SHT_PROGBITS, false, compact_rel_section(d)}};
+  std::vector<EventRef> events = d.events;
+  if (im.pic)
+    events.insert(events.end(), d.data.begin(), d.data.end());
+  std::vector<NewSection> out{{".MIPS.events", SHT_MIPS_EVENTS, true, events_stream(im, events, true)}};
+  if (!im.pic && !d.data.empty())
+    out.push_back({".MIPS.content", SHT_MIPS_CONTENT, true, events_stream(im, d.data, false)});
+  return out;
+}
+
+void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
                      const std::string &out) {
   std::vector<uint8_t> f = im.file;
   for (const auto &[addr, w] : d.patches) {
     const Section *s = im.section_holding(addr, 4);
     if (s == nullptr)
-      error("%s: no section holds the call at %#x", im.path.c_str(), addr);
+      error("%s: no section holds the call at %#llx", im.path.c_str(), (unsigned long long)addr);
     store32(f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
   }
-  uint32_t old_shoff = load32(f.data() + E_SHOFF);
-  uint16_t shnum = load16(f.data() + E_SHNUM);
-  uint16_t shstrndx = load16(f.data() + E_SHSTRNDX);
-  if (uint64_t(old_shoff) + uint64_t(shnum) * sizeof(Shdr32) > f.size() || shstrndx >= shnum)
+  for (const auto &[index, value] : d.got_entries) {
+    uint64_t addr = im.got_addr + uint64_t(index) * im.word_size;
+    const Section *s = im.section_holding(addr, im.word_size);
+    if (s == nullptr)
+      error("%s: no section holds GOT entry %u", im.path.c_str(), index);
+    uint8_t *p = f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr);
+    im.is_64 ? store64(p, value) : store32(p, uint32_t(value));
+  }
+  const HeaderFields &hf = im.is_64 ? FIELDS64 : FIELDS32;
+  uint64_t old_shoff = im.is_64 ? load64(f.data() + hf.shoff) : load32(f.data() + hf.shoff);
+  uint16_t shnum = load16(f.data() + hf.shnum);
+  uint16_t shstrndx = load16(f.data() + hf.shstrndx);
+  if (old_shoff > f.size() || uint64_t(shnum) * hf.shdr_size > f.size() - old_shoff || shstrndx >= shnum)
     error("%s: the section header table lies outside the file", im.path.c_str());
 
-  // The name table, copied with the new name behind the old ones.
+  // The name table, copied with the new names behind the old ones.
   const Section &names = im.sections[shstrndx];
   pad_to(f, 4);
-  uint32_t names_offset = uint32_t(f.size());
+  uint64_t names_offset = f.size();
   f.insert(f.end(), names.raw, names.raw + names.sh.sh_size);
-  uint32_t new_name = names.sh.sh_size;
-  const char compact_rel_name[] = ".compact_rel";
-  f.insert(f.end(), compact_rel_name, compact_rel_name + sizeof compact_rel_name);
-  uint32_t names_size = uint32_t(f.size()) - names_offset;
+  std::vector<uint32_t> new_names;
+  for (const NewSection &s : added) {
+    new_names.push_back(uint32_t(f.size() - names_offset));
+    f.insert(f.end(), s.name.c_str(), s.name.c_str() + s.name.size() + 1);
+  }
+  uint64_t names_size = f.size() - names_offset;
 
-  // .compact_rel is the last section in the file, so that vesk can grow it
-  // by moving only the section header table behind it.
-  pad_to(f, 4);
-  uint32_t cr_offset = uint32_t(f.size());
-  f.insert(f.end(), compact_rel.begin(), compact_rel.end());
+  // The added sections are the last in the file, so that vesk can grow
+  // .compact_rel by moving only the section header table behind it.
+  std::vector<uint64_t> offsets;
+  for (const NewSection &s : added) {
+    pad_to(f, 8);
+    offsets.push_back(f.size());
+    f.insert(f.end(), s.bytes.begin(), s.bytes.end());
+  }
 
-  pad_to(f, 4);
-  uint32_t shoff = uint32_t(f.size());
-  f.insert(f.end(), im.file.begin() + old_shoff, im.file.begin() + old_shoff + shnum * sizeof(Shdr32));
-  auto *headers = reinterpret_cast<Shdr32 *>(f.data() + shoff); // Shdr32 has byte alignment
-  headers[shstrndx].sh_offset = names_offset;
-  headers[shstrndx].sh_size = names_size;
-  Shdr32 cr{};
-  cr.sh_name = new_name;
-  cr.sh_type = SHT_PROGBITS;
-  cr.sh_offset = cr_offset;
-  cr.sh_size = uint32_t(compact_rel.size());
-  cr.sh_addralign = 4;
-  const auto *cr_bytes = reinterpret_cast<const uint8_t *>(&cr);
-  f.insert(f.end(), cr_bytes, cr_bytes + sizeof cr);
+  pad_to(f, 8);
+  uint64_t shoff = f.size();
+  f.insert(f.end(), im.file.begin() + old_shoff, im.file.begin() + old_shoff + shnum * hf.shdr_size);
+  uint8_t *names_header = f.data() + shoff + shstrndx * hf.shdr_size;
+  im.is_64 ? set_placement<Shdr64>(names_header, names_offset, names_size)
+           : set_placement<Shdr32>(names_header, names_offset, names_size);
+  for (size_t i = 0; i < added.size(); ++i) {
+    uint32_t link = added[i].link_text ? uint32_t(im.text->index) : 0;
+    std::vector<uint8_t> h = im.is_64 ? new_header<Shdr64>(new_names[i], added[i], offsets[i], link)
+                                      : new_header<Shdr32>(new_names[i], added[i], offsets[i], link);
+    f.insert(f.end(), h.begin(), h.end());
+  }
 
-  store32(f.data() + E_SHOFF, shoff);
-  store16(f.data() + E_SHNUM, uint16_t(shnum + 1));
+  if (im.is_64)
+    store64(f.data() + hf.shoff, shoff);
+  else
+    store32(f.data() + hf.shoff, uint32_t(shoff));
+  store16(f.data() + hf.shnum, uint16_t(shnum + added.size()));
 
   struct stat st;
   mode_t mode = 0755;

@@ -15,11 +15,30 @@ namespace vesk::annotate {
 // encoded entries.
 std::vector<uint8_t> compact_rel_section(const Description &d);
 
+// The bytes of an events or content stream holding the records, with
+// addresses relative to .text; an events stream gets room to be rebuilt
+// in (vesk never lets the section grow).
+std::vector<uint8_t> events_stream(const Image &im, const std::vector<EventRef> &records, bool events);
+
+// A section the annotated copy adds, behind everything else in the file.
+struct NewSection {
+  std::string name;
+  uint32_t type;
+  bool link_text; // sh_link names .text (the base of event addresses)
+  std::vector<uint8_t> bytes;
+};
+
+// The sections an annotation adds: .compact_rel for o32; .MIPS.events
+// and, where data words hold code addresses, .MIPS.content for n32 and
+// n64.  vesk reads no content section of a PIC executable, so there the
+// data records go into the events stream.
+std::vector<NewSection> annotation_sections(const Image &im, const Description &d);
+
 // Writes im's bytes, with the description's patches applied, to out,
-// followed by a copy of the section name table that also names
-// .compact_rel, the .compact_rel section and a new section header table.
-// Every byte of the input keeps its offset.
-void write_annotated(const Image &im, const Description &d, const std::vector<uint8_t> &compact_rel,
+// followed by a copy of the section name table that also names the added
+// sections, the added sections and a new section header table.  Every byte
+// of the input keeps its offset.
+void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
                      const std::string &out);
 
 } // namespace vesk::annotate
