@@ -7,12 +7,6 @@
 #include "base/diag.h"
 #include "base/options.h"
 
-// The tool frees what a run allocated only at exit; in-process runs would
-// flood a sanitizer build with leak reports.
-#if defined(__SANITIZE_ADDRESS__)
-extern "C" const char *__lsan_default_options() { return "detect_leaks=0"; }
-#endif
-
 namespace vesk::test {
 
 StepResult run_step(const std::function<void()> &fn) {
