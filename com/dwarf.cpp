@@ -15,6 +15,7 @@
 #include <cstring>
 #include <dwarf.h>
 #include <libdwarf.h>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -78,6 +79,10 @@ private:
   // original build, and its table says where that code lies now.
   bool reordered = false;
   xlate::XlateTable older;
+  // The ranges recorded so far.  A function that several files define
+  // (a C++ inline function or template instance) is kept once by the
+  // linker, and with -q every file's entry then describes that one copy.
+  std::set<std::pair<uint64_t, uint64_t>> recorded;
 
   // Where the code of [lo, hi) of the original build lies in the input.
   // It was laid out in one piece, so one range of the table holds it.
@@ -186,6 +191,8 @@ private:
   void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
     if (reordered)
       follow_table(s.text, &lo, &hi);
+    if (hi > lo && !recorded.insert({lo, hi}).second)
+      return;
     bool instance = s.have_origin || s.linkage_name != nullptr;
     const char *name = part == 0 ? s.name : nullptr;
     if (name == nullptr && (part > 0 || instance))

@@ -14,6 +14,7 @@
 #include "base/diag.h"
 #include "base/mips.h"
 #include "base/text_words.h"
+#include "com/eh_frame.h"
 #include "vesk/noreturn.h"
 #include "vesk/options.h"
 #include "vesk/reach.h"
@@ -332,6 +333,31 @@ void tie_procedures_without_a_return() {
         return true;
       },
       "no jr");
+}
+
+void tie_procedures_sharing_unwind_info() {
+  std::vector<Proc *> by_addr;
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
+    if (p->size != 0 && start_in_text(p))
+      by_addr.push_back(p);
+  std::sort(by_addr.begin(), by_addr.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
+  for (const UnwindSpan &s : unwind_spans()) {
+    // The procedures the span overlaps, in address order; each is tied to
+    // the next when they lie back to back.  Code between them that no
+    // procedure covers cannot be tied: the update refuses the layout if it
+    // tore the span apart.
+    auto it = std::upper_bound(by_addr.begin(), by_addr.end(), s.lo,
+                               [](uint64_t a, const Proc *p) { return a < p->old_addr; });
+    if (it != by_addr.begin() && (*(it - 1))->old_addr + (*(it - 1))->size > s.lo)
+      --it;
+    for (; it != by_addr.end() && it + 1 != by_addr.end() && (*(it + 1))->old_addr < s.hi; ++it) {
+      Proc *p = *it, *q = *(it + 1);
+      if (q->old_addr != p->old_addr + p->size || physically_next(p) != q)
+        continue;
+      if (put_proc_together(p, q) == 1 && option.verbose == 1)
+        note("%s and %s tied, one FDE of %s describes both", name_of(p), name_of(q), s.section);
+    }
+  }
 }
 
 } // namespace vesk

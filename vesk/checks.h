@@ -16,5 +16,9 @@ void tie_procedures_ending_in_a_call();
 // A procedure with no return, no break and no jump away at its end runs on
 // into the next procedure, and is tied to it.
 void tie_procedures_without_a_return();
+// Procedures that one FDE (with its exception table's call sites and
+// landing pads) describes move as one piece: the unwinder finds them
+// through a single initial location.
+void tie_procedures_sharing_unwind_info();
 
 } // namespace vesk

@@ -15,6 +15,7 @@
 #include "base/file_io.h"
 #include "base/proc.h"
 #include "com/branch.h"
+#include "com/eh_frame.h"
 #include "com/elf.h"
 #include "com/events.h"
 #include "com/mdebug.h"
@@ -134,6 +135,7 @@ void reorder_it() {
   check_branch_out_of_procedure();
   tie_procedures_ending_in_a_call();
   tie_procedures_without_a_return();
+  tie_procedures_sharing_unwind_info();
   keep_split_functions_in_reach();
   if (option.r4000_fix == 1)
     fix_r4000_bug();
@@ -155,6 +157,7 @@ void reorder_it() {
     update_compact_rel();
   else if (has_events)
     process_update_events(); // without them nothing has moved (refused above)
+  update_unwind_tables();
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();
   update_mdebug();

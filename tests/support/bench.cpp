@@ -266,9 +266,11 @@ RunResult run_bench(const BenchExe &e, const std::string &exe) {
 }
 
 std::string compile_o32(const ScratchDir &dir, const std::string &stem, const std::string &src,
-                        const std::vector<std::string> &flags) {
-  write_file(dir / (stem + ".c"), src);
-  std::vector<std::string> argv = {"mips-linux-gnu-gcc", "-O2", "-Wl,-q", dir / (stem + ".c"), "-o", dir / stem};
+                        const std::vector<std::string> &flags, bool cxx) {
+  std::string file = dir / (stem + (cxx ? ".cpp" : ".c"));
+  write_file(file, src);
+  std::vector<std::string> argv = {cxx ? "mips-linux-gnu-g++" : "mips-linux-gnu-gcc", "-O2", "-Wl,-q", file, "-o",
+                                   dir / stem};
   argv.insert(argv.end(), flags.begin(), flags.end());
   RunResult r = run_command(argv);
   EXPECT_EQ(r.status, 0) << "compiling " << stem << ": " << r.err;

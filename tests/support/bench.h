@@ -89,9 +89,9 @@ const BenchExe *bench_named(const std::string &name); // in either bench; nullpt
 // is killed after a few seconds.
 RunResult run_bench(const BenchExe &e, const std::string &exe);
 
-// Compiles C source src for o32 with -O2 -Wl,-q and flags into dir/stem.
+// Compiles C (or C++) source src for o32 with -O2 -Wl,-q and flags into dir/stem.
 std::string compile_o32(const ScratchDir &dir, const std::string &stem, const std::string &src,
-                        const std::vector<std::string> &flags);
+                        const std::vector<std::string> &flags, bool cxx = false);
 
 // One body line of a feedback file.
 struct FeedbackLine {

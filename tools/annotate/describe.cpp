@@ -65,6 +65,10 @@ public:
   explicit Describer(const Image &im) : im_(im) { index_functions(); }
 
   void add(const RelSection &rs) {
+    // vesk re-points the unwind tables itself, whatever their pointers'
+    // encoding: an absolute FDE location need not be a whole word there.
+    if (rs.target->name == ".eh_frame" || rs.target->name == ".debug_frame")
+      return;
     rs_ = &rs;
     std::vector<size_t> pending;   // %hi waiting for the %lo behind them in the table
     std::vector<Hi> pending_gp;    // _gp_disp %hi
