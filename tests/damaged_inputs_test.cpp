@@ -266,3 +266,41 @@ TEST(DamagedInputs, RefusedWithOneErrorLineNamingTheFileNothingWrittenInputsUnch
     EXPECT_EQ(hashes(dir.path()), before) << "a file was written, removed or changed";
   }
 }
+
+// Sections no loader reads (.compact_rel, .mdebug, DWARF; events when n32
+// and n64 code moves), damaged at random (the same on every run): vesk
+// refuses the run, or the program it writes prints what the input prints.
+TEST(DamagedInputs, UnloadedSectionsDamagedNeverChangeWhatTheProgramDoes) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir cache("originals");
+  const std::string feedback = read_file(std::string(VESK_SOURCE_DIR) + "/examples/calc.fb");
+  const std::pair<const char *, std::vector<const char *>> targets[] = {
+      {"o32m", {".compact_rel", ".mdebug"}},
+      {"o32d", {".compact_rel", ".debug_info", ".debug_abbrev", ".debug_rnglists", ".debug_str", ".debug_line"}}};
+  std::mt19937 rng(14);
+  int ran = 0;
+  for (const auto &[exe, sections] : targets)
+    for (const char *sec : sections)
+      for (int k = 0; k < 5; ++k) {
+        ScratchDir dir("unloaded");
+        write_file(dir / "prog", original(exe, cache));
+        write_file(dir / "prog.fb", feedback);
+        Victim v(dir);
+        uint64_t off = rng() % (v.elf.shdr(sec).sh_size & ~uint64_t(3)), value = rng();
+        SCOPED_TRACE(std::string(exe) + " " + sec + " at " + std::to_string(off) + " " + std::to_string(value));
+        k % 2 ? v.put(v.at(sec, off), 4, value) : v.put(v.at(sec, off), 1, value);
+        write_file(dir / "prog", v.bytes);
+        RunResult r = run_vesk({"prog", "-o", "out"}, dir.path());
+        if (r.status != 0) {
+          EXPECT_EQ(r.status, 1) << r.err;
+          EXPECT_NE(r.err.find("Error: prog"), std::string::npos) << r.err;
+          continue;
+        }
+        const BenchExe &e = *bench_named(bench_of(exe));
+        RunResult run = run_bench(e, dir / "out");
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(run.out, e.expected);
+        ++ran;
+      }
+  EXPECT_GT(ran, 10) << "too few outputs to run";
+}
