@@ -179,6 +179,7 @@ const Recipe kRecipes[] = {
   {"feedback header line too long", "n64", [](Victim &v) { v.feedback("$magic 1\n$name " + std::string(600, 'x') + "\n"); }, "line too long"},
   {"feedback magic out of range", "o32m", [](Victim &v) { v.feedback("$magic 99999999999\n$version 2\n$start\n"); }, "value 99999999999 of $magic"},
   {"feedback timestamp out of range", "n64", [](Victim &v) { v.feedback("$magic 1\n$version 2\n$timestamp 1ffffffff\n$start\n"); }, "value 1ffffffff of $timestamp"},
+  {"feedback header line without $", "o32m", [](Victim &v) { v.feedback("$magic 1\n$version 2\nmain calc.c 1\n"); }, "syntax error"},
   {"feedback directive after $start", "o32d", [](Victim &v) { v.feedback(std::string(kFb) + "$version 2\n"); }, "directive after $start"},
   {"feedback is a directory", "n64", [](Victim &v) { v.args.push_back("fbdir"), mkdir((v.dir / "fbdir").c_str(), 0755), v.named = "fbdir"; }, "is not a regular file"},
   {"feedback is a FIFO", "n64", [](Victim &v) { v.args.push_back("fifo"), mkfifo((v.dir / "fifo").c_str(), 0644), v.named = "fifo"; }, "is not a regular file"},

@@ -101,7 +101,8 @@ void read_header_line(const char *path, const char *line, HeaderState &h) {
   if (line[0] != '$') {
     if (h.magic == 0)
       error("%s is not a feedback file", path);
-    error("syntax error in feedback file %s\n%s", path, line);
+    error("%s: syntax error in the header line \"%.*s\"; header lines start with $, up to $start", path,
+          int(std::strcspn(line, "\n")), line);
   }
   char directive[DIRECTIVE_BUF];
   const char *s = line;
