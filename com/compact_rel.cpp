@@ -12,6 +12,7 @@
 
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "base/options.h"
 
 namespace vesk {
 
@@ -34,7 +35,8 @@ constexpr uint32_t CR_DELTA_MASK = 0x7ffff;
 // The next word of the entry stream; the entry must not run past the data.
 uint32_t next_word(CompactRelCursor *cm) {
   if (cm->end == nullptr || cm->cur_rlc_ptr > cm->end || size_t(cm->end - cm->cur_rlc_ptr) < 4)
-    error(".compact_rel entry %u of %u runs past the end of the section", cm->cur_rlc_no + 1, cm->rlc_no);
+    error("%s: .compact_rel entry %u of %u runs past the end of the section", option.program, cm->cur_rlc_no + 1,
+          cm->rlc_no);
   uint32_t w = load32(cm->cur_rlc_ptr);
   cm->cur_rlc_ptr += 4;
   return w;

@@ -67,6 +67,14 @@ public:
   explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {
     reordered = open_input_xlate(&older);
   }
+  // A refused input ends the walk with its libdwarf handle open; a run in
+  // process (the tests, the fuzz targets) would keep it for good.
+  ~DwarfWalk() {
+    if (dbg != nullptr)
+      dwarf_finish(dbg, nullptr);
+  }
+  DwarfWalk(const DwarfWalk &) = delete;
+  DwarfWalk &operator=(const DwarfWalk &) = delete;
   void walk_units(Elf *elf);
   void resolve_inline_notes();
 

@@ -29,7 +29,7 @@ void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
 
   const char *name = mdebug_file_name(h, f);
   if (name == nullptr)
-    error("Stripped binary? File[%d] has no name", int(f));
+    error("%s: stripped binary? mdebug file %d has no name", h->name.c_str(), int(f));
   // One copy of the file name, shared by the procedure records of the file.
   const char *file_name = bin.procs.keep(name);
 
@@ -47,10 +47,12 @@ void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
     MdebugSymbol sym;
     if (uint32_t(pd.isym) == MDEBUG_NIL || int32_t(uint32_t(fd.csym)) < 1 ||
         !mdebug_read_symbol(h, uint64_t(uint32_t(fd.isymBase)) + uint32_t(pd.isym), &sym))
-      error("stripped binary");
+      error("%s: stripped binary? procedure descriptor %llu of mdebug file %u (%s) has no symbol", h->name.c_str(),
+            (unsigned long long)i, f, file_name);
     const char *proc_name = mdebug_symbol_name(h, sym);
     if (proc_name == nullptr)
-      error("stripped binary");
+      error("%s: stripped binary? procedure descriptor %llu of mdebug file %u (%s) has no name", h->name.c_str(),
+            (unsigned long long)i, f, file_name);
     proc_name = bin.procs.keep(proc_name); // the table is closed after discovery
     Proc *p = new_proc();
     p->name = proc_name;

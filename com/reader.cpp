@@ -12,6 +12,7 @@
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "com/dwarf.h"
+#include "com/elf.h"
 #include "com/mdebug.h"
 #include "base/options.h"
 
@@ -65,7 +66,7 @@ template <class C> void read_dynamic(Elf_Scn *scn) {
     case DT_MIPS_LOCAL_GOTNO: bin.local_gotno = v; break;
     case DT_MIPS_GOTSYM: bin.gotsym = v; break;
     case 0x70000026: bin.local_gotidx = v; break; // DT_MIPS_LOCAL_GOTIDX
-    case DT_MIPS_AUX_DYNAMIC_TAG: error("this version does not support multi-got binary");
+    case DT_MIPS_AUX_DYNAMIC_TAG: error("%s: a multi-GOT executable is not supported", option.program);
     default: break;
     }
   }
@@ -95,6 +96,10 @@ void visit_section(Elf_Scn *scn, const Elf64_Shdr &sh, const char *name) {
       bin.exec_hi = sh.sh_addr + sh.sh_size;
   }
   if (!std::strcmp(name, ".text")) {
+    // Instructions are words: text_map and the branch fix-up count them from text_lo.
+    if (sh.sh_addr % 4 != 0)
+      error("%s: section .text starts at %#llx, not on a word boundary", option.program,
+            (unsigned long long)sh.sh_addr);
     bin.text_lo = sh.sh_addr;
     bin.text_hi = sh.sh_addr + sh.sh_size;
     bin.text_words = (uint32_t(bin.text_hi) - uint32_t(bin.text_lo)) >> 2;
@@ -118,7 +123,7 @@ void visit_section(Elf_Scn *scn, const Elf64_Shdr &sh, const char *name) {
     const uint8_t *p = raw_contents(scn, name, 0, &size);
     if (size > 0 && p[0] == 1 /* ODK_REGINFO */) {
       if (bin.gp_value != 0)
-        error("gp_value set twice");
+        error("%s: gp_value set twice", option.program);
       if (size < 40)
         error("%s: section .MIPS.options is truncated (%zu bytes, 40 needed)", option.program, size);
       bin.gp_value = load32(p + 36);
@@ -206,6 +211,29 @@ void check_section_place(const Elf64_Shdr &sh, const char *name, uint64_t file_s
           option.program, n, (unsigned long long)sh.sh_size, (unsigned long long)sh.sh_offset);
 }
 
+// The loader finds the GOT and its parts through .dynamic alone; the
+// repair reads them through the sections.  Where the two disagree, one of
+// them would read past the other's table.
+void check_dynamic_against_sections() {
+  GElf_Shdr sh;
+  Elf_Scn *got = find_section_by_name(bin.in_elf, ".got");
+  if (got != nullptr && gelf_getshdr(got, &sh) != nullptr) {
+    uint32_t entries = bin.got_count / (bin.is_elf32 ? 1 : 2);
+    if (bin.pltgot != 0 && bin.pltgot != uint32_t(sh.sh_addr))
+      error("%s: .dynamic puts the GOT at %#x, but .got lies at %#llx", option.program, bin.pltgot,
+            (unsigned long long)sh.sh_addr);
+    if (bin.local_gotno > entries)
+      error("%s: .dynamic gives %u local GOT entries, but .got holds %u", option.program, bin.local_gotno, entries);
+  }
+  Elf_Scn *dynsym = find_section_by_name(bin.in_elf, ".dynsym");
+  if (dynsym != nullptr && gelf_getshdr(dynsym, &sh) != nullptr) {
+    uint64_t symbols = sh.sh_size / (bin.is_elf32 ? sizeof(Elf32_Sym) : sizeof(Elf64_Sym));
+    if (bin.gotsym > symbols)
+      error("%s: .dynamic gives %u as the first GOT symbol, but .dynsym holds %llu", option.program, bin.gotsym,
+            (unsigned long long)symbols);
+  }
+}
+
 } // namespace
 
 void read_input() {
@@ -237,9 +265,25 @@ void read_input() {
     bin.is_elf32 = 1;
     bin.in_ehdr = copy_elf_header_to64(h32);
   } else {
-    error("unknown binary");
+    error("%s: unknown binary", option.program);
   }
   elf_errno(); // forget the failed class probe
+
+  // libelf reads any machine, type and entry sizes; what it would then
+  // hand out is no MIPS executable, or reads the headers with the wrong
+  // stride.
+  const Elf64_Ehdr &eh = bin.in_ehdr;
+  if (eh.e_machine != EM_MIPS)
+    error("%s is not a MIPS executable (ELF machine %u)", option.program, unsigned(eh.e_machine));
+  if (eh.e_type != ET_EXEC && eh.e_type != ET_DYN)
+    error("%s is not an executable (ELF type %u)", option.program, unsigned(eh.e_type));
+  if (eh.e_version != EV_CURRENT)
+    error("%s: ELF version %u, not %u", option.program, unsigned(eh.e_version), unsigned(EV_CURRENT));
+  size_t shdr_size = bin.is_elf32 ? sizeof(Elf32_Shdr) : sizeof(Elf64_Shdr);
+  size_t phdr_size = bin.is_elf32 ? sizeof(Elf32_Phdr) : sizeof(Elf64_Phdr);
+  if ((eh.e_shoff != 0 && eh.e_shentsize != shdr_size) || (eh.e_phoff != 0 && eh.e_phentsize != phdr_size))
+    error("%s: header table entries of %u and %u bytes, not %zu and %zu", option.program, unsigned(eh.e_phentsize),
+          unsigned(eh.e_shentsize), phdr_size, shdr_size);
 
   bin.is_n32 = (bin.in_ehdr.e_flags & EF_MIPS_ABI2) ? 1 : 0;
   bin.pic_kind = (bin.in_ehdr.e_flags & EF_MIPS_PIC) ? 0 : (bin.in_ehdr.e_flags & EF_MIPS_CPIC) ? 1 : 2;
@@ -291,11 +335,13 @@ void read_input() {
     visit_section(scn, sh, names.name(sh.sh_name));
   }
 
+  check_dynamic_against_sections();
+
   // An earlier run's DWARF output is read through its table, and the new
   // table is composed with it.  Nothing else can be: vesk writes no table
   // for mdebug, and a table it did not write may describe anything.
   if (bin.has_xlate && bin.debug_kind != DEBUG_DWARF)
-    error("Binary generated by tamsu/vesk is not supported");
+    error("%s: binary generated by vesk is not supported", option.program);
 
   if (option.debug) {
     dump(".text[%#llx - %#llx] text[%#llx - %#llx]", (unsigned long long)bin.text_lo,

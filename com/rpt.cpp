@@ -53,7 +53,7 @@ uint32_t hash_word(const Elf_Data *d, size_t i) {
 // True when the string at strtab + off is name, read within avail bytes.
 bool name_matches(const char *strtab, size_t avail, uint32_t off, const char *name) {
   if (off >= avail)
-    error("a dynamic symbol name lies outside the dynamic string table");
+    error("%s: a dynamic symbol name lies outside the dynamic string table", option.program);
   size_t len = std::strlen(name);
   size_t room = avail - off;
   return len < room && std::memcmp(strtab + off, name, len + 1) == 0;
@@ -80,11 +80,12 @@ uint64_t dynsym_get_value(Elf *elf, const char *name) {
     return 0;
   size_t hash_words = hash->d_size / 4;
   if (hash_words < 2)
-    error("the .hash section is too short");
+    error("%s: the .hash section is too short", option.program);
   uint32_t nbucket = hash_word(hash, 0);
   uint32_t nchain = hash_word(hash, 1);
   if (2 + uint64_t(nbucket) + nchain > hash_words)
-    error("the .hash section is truncated (%u buckets, %u chains, %zu words)", nbucket, nchain, hash_words);
+    error("%s: the .hash section is truncated (%u buckets, %u chains, %zu words)", option.program, nbucket, nchain,
+          hash_words);
   if (nbucket == 0)
     return 0;
   size_t nsyms = syms->d_size / sizeof(Elf32_Sym);
@@ -100,7 +101,8 @@ uint64_t dynsym_get_value(Elf *elf, const char *name) {
   // A chain visits each symbol at most once; more steps mean a loop.
   for (uint32_t steps = 0; index != 0; ++steps) {
     if (index >= nchain || index >= nsyms || steps >= nchain)
-      error("the .hash section is corrupt (symbol index %u, %u chains, %zu symbols)", index, nchain, nsyms);
+      error("%s: the .hash section is corrupt (symbol index %u, %u chains, %zu symbols)", option.program, index,
+            nchain, nsyms);
     Elf32_Sym sym;
     std::memcpy(&sym, static_cast<const uint8_t *>(syms->d_buf) + index * sizeof(Elf32_Sym), sizeof sym);
     if (name_matches(strtab, str_avail, sym.st_name, name))
@@ -114,7 +116,7 @@ void update_rpt() {
   uint32_t addr = uint32_t(dynsym_get_value(bin.out_elf, "_procedure_table"));
   uint32_t count = uint32_t(dynsym_get_value(bin.out_elf, "_procedure_table_size"));
   if (count > UINT32_MAX / RPT_ENTRY_SIZE)
-    error("_procedure_table_size %u is too large", count);
+    error("%s: _procedure_table_size %u is too large", option.program, count);
   if (addr == 0) {
     // Without the symbol the table is found through its program header
     // and repaired in the written file.

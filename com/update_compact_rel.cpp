@@ -34,8 +34,8 @@ uint32_t new_addr(uint32_t old) { return uint32_t(text_map_of(old)); }
 // An address the entry needs in .text (its partner instruction).
 void require_in_text(const CompactRelEntry &e, uint32_t a) {
   if (!in_text(a))
-    error(".compact_rel entry of type %u at %#x: its partner instruction %#x lies outside .text", e.type,
-          e.vaddr, a);
+    error("%s: .compact_rel entry of type %u at %#x: its partner instruction %#x lies outside .text", option.program,
+          e.type, e.vaddr, a);
 }
 
 // The instruction word that lay at old text address a in the input.
@@ -45,7 +45,8 @@ uint32_t old_insn(uint32_t a) { return word_at(bin.text_buf, (a - bin.text_lo) >
 uint8_t *new_insn(uint64_t a) {
   if (bin.new_text == nullptr || a < bin.text_lo || a >= bin.text_lo + uint64_t(bin.text_words) * 4 ||
       (a & 3) != 0)
-    error("the new address %#llx of a compact relocation lies outside the new .text", (unsigned long long)a);
+    error("%s: the new address %#llx of a compact relocation lies outside the new .text", option.program,
+          (unsigned long long)a);
   return bin.new_text + (a - bin.text_lo);
 }
 
@@ -76,7 +77,8 @@ void set_data_word(const CompactRelEntry &e, uint32_t value) {
       std::memcpy(p, &value, 4);
     return;
   }
-  error(".compact_rel entry of type %u: no section of the output holds the word at %#x", e.type, e.vaddr);
+  error("%s: .compact_rel entry of type %u: no section of the output holds the word at %#x", option.program, e.type,
+        e.vaddr);
 }
 
 // Rewrites a gp set-up pair (lui at lui_new, addiu at addiu_new) for the
@@ -137,7 +139,7 @@ void update_data_word(CompactRelEntry &e, bool gp_relative, const char *kind) {
 // %hi/%lo pair: the entry names the LO, the HI lies dist2to bytes before it.
 void update_hi_lo(CompactRelEntry &e) {
   if (!in_text(e.vaddr))
-    error("CM_R_TYPE_HI_LO not in text");
+    error("%s: .compact_rel %%hi/%%lo entry at %#x lies outside .text", option.program, e.vaddr);
   uint32_t hi_old = e.vaddr - e.dist2to;
   require_in_text(e, hi_old);
   uint32_t value = (mips::imm16(old_insn(hi_old)) << 16) + uint32_t(mips::simm16(old_insn(e.vaddr)));
@@ -230,7 +232,7 @@ void update_got_single(CompactRelEntry &e, const GotPages &pages) {
 // One instruction of a %hi/%lo pair, described alone.
 void update_hi_lo_single(CompactRelEntry &e) {
   if (!in_text(e.vaddr))
-    error("CM_R_TYPE_HI_LO not in text");
+    error("%s: .compact_rel %%hi/%%lo entry at %#x lies outside .text", option.program, e.vaddr);
   uint32_t insn = old_insn(e.vaddr);
   bool hi = mips::op(insn) == mips::OP_LUI;
   require_match(e, insn, mips::imm16(insn) == (hi ? mips::hi16_adjusted(e.konst) : e.konst & 0xffff));
@@ -270,7 +272,7 @@ void update_entry(CompactRelEntry &e, const GotPages &pages) {
   case CR_GOT_PAIR: e.dist2to == 0 ? update_got_single(e, pages) : update_got_pair(e); break;
   case CR_GP_DISP_NOKONST: update_gprel_pair_nokonst(e); break;
   case CR_HI_LO: e.dist2to == 0 ? update_hi_lo_single(e) : update_hi_lo(e); break;
-  default: error("unknown compact relocation type %d", int(e.type));
+  default: error("%s: unknown compact relocation type %d at %#x", option.program, int(e.type), e.vaddr);
   }
 }
 
@@ -285,7 +287,7 @@ size_t read_header(const uint8_t *buf, size_t size, uint32_t *count) {
     if (tag == 1)
       *count = load32(buf + off + 4);
   }
-  error("the %s header has no terminating pair inside the section", COMPACT_REL);
+  error("%s: the %s header has no terminating pair inside the section", option.program, COMPACT_REL);
 }
 
 } // namespace
@@ -316,10 +318,10 @@ void read_got_page_marks() {
 void update_compact_rel() {
   Elf_Scn *scn = find_section_by_name(bin.out_elf, COMPACT_REL);
   if (scn == nullptr)
-    error("no %s section", COMPACT_REL);
+    error("%s: no %s section", option.program, COMPACT_REL);
   Elf_Data *d = elf_getdata(scn, nullptr);
   if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0))
-    error("cannot read the %s section", COMPACT_REL);
+    error("%s: cannot read the %s section", option.program, COMPACT_REL);
   const uint8_t *buf = static_cast<const uint8_t *>(d->d_buf);
   size_t size = d->d_size;
 

@@ -63,7 +63,7 @@ template <class C> void update_elf_header_t() {
   else if (in_text(entry) || (entry >= bin.exec_lo && entry < bin.exec_hi))
     ; // code outside .text stays where it is
   else
-    error("e_entry not in .text");
+    error("%s: the entry point %#llx lies in no code section", option.program, (unsigned long long)entry);
 }
 
 template <class C> void update_dynamic_t() {

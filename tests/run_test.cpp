@@ -1,6 +1,7 @@
 // What a user is told when vesk or vesk-annotate refuses a run: one
 // "Error: ..." line, status 1, no output left behind and the input
-// untouched.  Each case starts from the calc program of the bench (n64
+// untouched (damaged sections and headers: damaged_inputs_test.cpp).
+// Each case starts from the calc program of the bench (n64
 // with DWARF, or o32) copied as "prog" with an empty feedback file
 // "prog.fb" beside it.
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include "support/bench.h"
-#include "base/bytes.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -54,23 +54,7 @@ const Refusal kRefusals[] = {
     {"empty input", [](auto &d) { return write_file(d / "prog", ""), kRun; }, "unknown object format in prog"},
     {"input cut in half", [](auto &d) { return damaged(d, [](auto &b, auto &) { b.resize(b.size() / 2); }); },
      "the section header table lies outside the file"},
-    {".text beyond the file",
-     [](auto &d) {
-       return damaged(d, [](std::string &b, ElfFile &f) {
-         GElf_Ehdr eh; // sh_offset of .text, 24 bytes into its 64-bit section header
-         gelf_getehdr(f.e, &eh);
-         store64(reinterpret_cast<uint8_t *>(&b[eh.e_shoff + elf_ndxscn(f.scn(".text")) * eh.e_shentsize + 24]),
-                 b.size() + 16);
-       });
-     },
-     "section .text ("},
     {"o32 not annotated", [](auto &) { return kRun; }, "no .compact_rel section", true},
-    {".compact_rel shorter than its count",
-     [](auto &d) {
-       annotated(d, kRun); // the header leads the section: tag 1, then the count
-       return damaged(d, [](auto &b, auto &f) { b[f.shdr(".compact_rel").sh_offset + 6] += 1; });
-     },
-     "runs past the end of the section", true},
     {"annotation over its input", [](auto &) { return Args{kAnnotate, "prog", "-o", "./prog"}; },
      "would overwrite the input", true},
     {"annotation of an annotated input", [](auto &d) { return annotated(d, {kAnnotate, "prog", "-o", "out"}); },

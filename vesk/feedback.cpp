@@ -101,7 +101,8 @@ void read_header_line(const char *path, const char *line, HeaderState &h) {
   if (line[0] != '$') {
     if (h.magic == 0)
       error("%s is not a feedback file", path);
-    error("syntax error in feedback file %s\n%s", path, line);
+    error("%s: syntax error in the header line \"%.*s\"; header lines start with $, up to $start", path,
+          int(std::strcspn(line, "\n")), line);
   }
   char directive[DIRECTIVE_BUF];
   const char *s = line;
@@ -170,13 +171,13 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
   HeaderState header;
   while (!header.started && std::fgets(line, sizeof line, f) != nullptr) {
     if (std::strlen(line) >= size_t(LONGEST_HEADER_LINE) && line[LONGEST_HEADER_LINE - 1] != '\n')
-      error("reorder file line too long, shouldn't exceed %d", LONGEST_HEADER_LINE);
+      error("%s: reorder file line too long, shouldn't exceed %d", path, LONGEST_HEADER_LINE);
     if (line[0] == '#')
       continue;
     read_header_line(path, line, header);
   }
   if (header.version != 2)
-    error("invalid version");
+    error("%s: invalid version; a feedback file has $version 2", path);
 
   // Each record is listed at most once per file: a found record is marked
   // listed, and listed records are not found again.
