@@ -14,7 +14,8 @@
 #
 # BUILD is the build directory (default build: it needs vesk, vesk-annotate,
 # vesk-profile and BUILD/real-programs); VARIANT the build of each program
-# (default o32-dwarf-pie).  Work files go to BUILD/profile-figures.
+# (default o32-dwarf-pie); PROGRAMS, if set, the programs to run.  Work
+# files go to BUILD/profile-figures.
 set -eu
 cd "$(dirname "$0")/.."
 build=$(cd "${1:-build}" && pwd)
@@ -57,7 +58,7 @@ field() { grep "^$2" "$1" | awk -v c="$3" '{ print $(NF - 3 + c) }'; }
 
 printf '| program | text | pages: original | hot | c3 | ideal | TLB 16x4K: original | hot | c3 | TLB 48x8K: original | hot | c3 | I-cache 8K: original | hot | c3 |\n'
 printf '|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n'
-for prog in bzip2 jimtcl duktape sqlite3; do
+for prog in ${PROGRAMS:-bzip2 jimtcl duktape sqlite3}; do
   exe=$real/$prog-$variant
   [ -f "$exe" ] || continue
   "$build/vesk-annotate" "$exe" -o "$prog"

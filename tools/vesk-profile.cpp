@@ -60,8 +60,9 @@ constexpr const char USAGE[] =
 struct Args {
   std::string output, heatmap, trace, qemu, sysroot;
   std::vector<std::string> compare; // original, reordered
-  // Hottest first gave fewer TLB misses than call-chain clusters on every
-  // real program of the bench (bench/profile_figures.sh).
+  // Hottest first gave fewer TLB and I-cache misses than call-chain
+  // clusters over the real programs of the bench (geometric mean; see
+  // bench/profile_figures.sh and README).
   Order order = Order::hot;
   uint64_t cluster_size = 4096;
   bool figures = false;
