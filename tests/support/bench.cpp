@@ -87,6 +87,11 @@ std::string annotate_binary() {
   return v.substr(0, v.rfind('/') + 1) + "vesk-annotate";
 }
 
+std::string profile_binary() {
+  std::string v = VESK_BINARY;
+  return v.substr(0, v.rfind('/') + 1) + "vesk-profile";
+}
+
 std::string read_file(const std::string &path) {
   std::ifstream f(path, std::ios::binary);
   std::stringstream ss;
@@ -407,40 +412,18 @@ std::vector<FeedbackLine> random_order(const AnnotatedBench &b, const std::strin
   return order_of(b, v);
 }
 
-std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchExe &e, const std::string &exe,
+std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchExe &, const std::string &exe,
                                           const std::vector<std::string> &args, RunResult *run) {
-  // -d exec logs "Trace N: host [cs_base/pc/flags/cflags]" for every block
-  // run, nochain keeps blocks from jumping straight into each other
-  // unlogged, and -d page logs start_code, the load address of a PIE.
-  std::vector<std::string> argv = e.qemu;
-  argv.insert(argv.end(), {"-d", "page,exec,nochain", "-D", b.path("trace.log"), exe});
+  // vesk-profile finds the emulator of exe's ABI itself; its lines that
+  // ran come first, with their entry counts.
+  std::vector<std::string> argv{profile_binary(), "--order", "hot", "-o", b.path("hot.fb"), "--", exe};
   argv.insert(argv.end(), args.begin(), args.end());
-  *run = run_command(argv, "", 60);
-  std::map<uint64_t, uint64_t> entered; // start address -> blocks run from there
-  uint64_t start_code = 0;
-  std::istringstream in(read_file(b.path("trace.log")));
-  for (std::string line; std::getline(in, line);) {
-    unsigned long long v;
-    size_t slash = line.find('/', line.find('['));
-    if (line.rfind("Trace ", 0) == 0 && slash != std::string::npos && std::sscanf(&line[slash + 1], "%llx", &v) == 1)
-      ++entered[v];
-    else if (std::sscanf(line.c_str(), "start_code %llx", &v) == 1)
-      start_code = v;
-  }
-  ElfFile f(exe);
-  GElf_Ehdr eh;
-  const uint64_t bias = gelf_getehdr(f.e, &eh)->e_type == ET_DYN ? start_code : 0; // a PIE is loaded at start_code
-  std::vector<std::pair<uint64_t, size_t>> hot; // entries, index
-  for (size_t i = 0; i < b.procs().size(); ++i) {
-    auto p = entered.find(b.procs()[i].old_addr + bias);
-    if (b.procs()[i].new_hi != b.procs()[i].new_lo && p != entered.end())
-      hot.push_back({p->second, i});
-  }
-  std::stable_sort(hot.begin(), hot.end(), [](auto &x, auto &y) { return x.first > y.first; });
-  std::vector<size_t> v;
-  for (auto [count, i] : hot)
-    v.push_back(i);
-  return order_of(b, v);
+  *run = run_command(argv, "", 120);
+  std::vector<FeedbackLine> hot;
+  for (const FeedbackLine &l : feedback_lines(b.path("hot.fb")))
+    if (l.count != 0)
+      hot.push_back(l);
+  return hot;
 }
 
 } // namespace vesk::test

@@ -21,6 +21,7 @@ RunResult run_command(const std::vector<std::string> &argv, const std::string &c
 // The vesk and vesk-annotate executables of this build.
 RunResult run_vesk(const std::vector<std::string> &args, const std::string &cwd = "");
 std::string annotate_binary();
+std::string profile_binary();
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &contents);
@@ -136,8 +137,8 @@ private:
 
 // Orders of the procedures a feedback file can name, with falling counts:
 // reversed, shuffled (the same on every run for one seed text), and those
-// that ran hottest first by the entry counts that a run of exe (with b's
-// text) under qemu, traced block by block, gives; that run goes to *run.
+// that ran hottest first by the entry counts that vesk-profile takes from a
+// run of exe (with b's text); that run goes to *run.
 std::vector<FeedbackLine> reversed_order(const AnnotatedBench &b);
 std::vector<FeedbackLine> random_order(const AnnotatedBench &b, const std::string &seed_text);
 std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchExe &e, const std::string &exe,

@@ -1,0 +1,122 @@
+// vesk-profile: the counts it writes against counts known from the source,
+// the program's input, output and exit status passed through, and traces
+// it must refuse.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <unistd.h>
+
+#include "support/bench.h"
+
+using namespace vesk::test;
+
+namespace {
+
+// Each 'x' on standard input calls mid once and leaf 100 times; never
+// does not run; the exit status is 7.
+const char kCounted[] = R"(#include <stdio.h>
+__attribute__((noipa)) int leaf(int x) { return x * 3 + 1; }
+__attribute__((noipa)) int mid(int n) { int s = 0; for (int i = 0; i < n; ++i) s += leaf(i); return s; }
+__attribute__((noipa)) int never(int x) { return x - 1; }
+int main(void) {
+  int n = 0, c, total = 0;
+  while ((c = getchar()) != EOF)
+    if (c == 'x') { total += mid(100); ++n; }
+  printf("%d %d\n", n, total);
+  return n == 1000 ? never(0) : 7;
+}
+)";
+
+int position(const std::vector<FeedbackLine> &fb, const std::string &name) {
+  auto it = std::find_if(fb.begin(), fb.end(), [&](const FeedbackLine &l) { return l.name == name; });
+  return it == fb.end() ? -1 : int(it - fb.begin());
+}
+
+} // namespace
+
+TEST(Profile, CountsAgreeWithTheSourceAndTheProgramsStreamsAndStatusPassThrough) {
+  ScratchDir dir("profile");
+  struct Case {
+    const char *debug, *order;
+  } cases[] = {{"-g", "hot"}, {"-g", "c3"}, {"-gdwarf-4", "c3"}};
+  std::string input(37, 'x');
+  input += "yyy\n";
+  write_file(dir / "input", input);
+  std::string exe = compile_o32(dir, "counted", kCounted, {cases[0].debug});
+  std::string ann = dir / "counted.ann";
+  ASSERT_EQ(run_command({annotate_binary(), exe, "-o", ann}).status, 0);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.debug) + " " + c.order);
+    if (std::string(c.debug) != "-g") {
+      exe = compile_o32(dir, "counted", kCounted, {c.debug});
+      ASSERT_EQ(run_command({annotate_binary(), exe, "-o", ann}).status, 0);
+    }
+    std::string fb = dir / (std::string("counted.") + c.order + ".fb");
+    RunResult r = run_command({"sh", "-c", "\"$0\" --order $1 -o $2 -- $3 <$4", profile_binary(), c.order, fb, ann,
+                               dir / "input"});
+    EXPECT_EQ(r.status, 7) << r.err;
+    EXPECT_EQ(r.out, "37 " + std::to_string(37 * (3 * 4950 + 100)) + "\n");
+    std::vector<FeedbackLine> lines = feedback_lines(fb);
+    auto count = [&](const std::string &name) {
+      int i = position(lines, name);
+      return i < 0 ? ~uint64_t(0) : lines[size_t(i)].count;
+    };
+    EXPECT_EQ(count("leaf"), 3700u);
+    EXPECT_EQ(count("mid"), 37u);
+    EXPECT_EQ(count("main"), 1u);
+    EXPECT_EQ(count("never"), 0u);
+    if (std::string(c.order) == "hot")
+      EXPECT_LT(position(lines, "leaf"), position(lines, "mid"));
+    else // leaf's cluster goes behind its caller's
+      EXPECT_EQ(position(lines, "leaf"), position(lines, "mid") + 1);
+    r = run_vesk({"-v", ann, fb, "-o", dir / "counted.vesk"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.find("Procedure not found"), std::string::npos) << r.err;
+  }
+}
+
+// Traces read from a file: one that gives main's entry five times, and
+// damaged ones, refused with one error and no feedback file written.
+TEST(Profile, SavedTracesAreReadOrRefused) {
+  const BenchExe *e = bench_named("calc-o32-dwarf-pie");
+  if (e == nullptr)
+    GTEST_SKIP() << "bench of MIPS executables missing";
+  ElfFile f(e->path);
+  char main_at[32];
+  std::snprintf(main_at, sizeof main_at, "%08llx", (unsigned long long)(0x40000000 + f.symbol_value("main")));
+  std::string in_main = std::string("IN: main\n0x") + main_at + ":  nop\n\n";
+  std::string ran = std::string("Trace 0: 0x7f00 [00000000/") + main_at + "/000000e2/00000200] main\n";
+  struct Case {
+    const char *what;
+    std::string trace, error; // error "": read, main counted 5 times
+  } cases[] = {
+      {"good", "start_code  0x40000000\n" + in_main + ran + ran + ran + ran + ran, ""},
+      {"a line without an address", "start_code  0x40000000\nTrace 0: 0x7f00 [zz/]\n", "line 2 of the trace"},
+      {"an address of 17 digits",
+       "start_code  0x40000000\nTrace 0: 0x7f00 [00000000/10000000000000000/0/0]\n", "line 2 of the trace"},
+      {"instructions out of sequence", "start_code  0x40000000\nIN:\n0x00400000:  nop\n0x00400010:  nop\n",
+       "line 4 of the trace"},
+      {"no load address for a PIE", in_main + ran, "does not say where"},
+      {"binary noise", "start_code  0x40000000\nTrace 0: [" + std::string("\xff\0\x01/", 4) + "\n", "line 2"},
+  };
+  ScratchDir dir("trace");
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    write_file(dir / "trace", c.trace);
+    std::string fb = dir / "calc.fb";
+    unlink(fb.c_str());
+    RunResult r = run_command({profile_binary(), "--trace", dir / "trace", "-o", fb, "--", e->path});
+    if (c.error.empty()) {
+      ASSERT_EQ(r.status, 0) << r.err;
+      std::vector<FeedbackLine> lines = feedback_lines(fb);
+      ASSERT_FALSE(lines.empty());
+      EXPECT_EQ(lines[0].name, "main");
+      EXPECT_EQ(lines[0].count, 5u);
+    } else {
+      EXPECT_EQ(r.status, 1);
+      EXPECT_EQ(r.err.rfind("Error: ", 0), 0u) << r.err;
+      EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
+      EXPECT_NE(access(fb.c_str(), F_OK), 0) << "no feedback file after a refusal";
+    }
+  }
+}
