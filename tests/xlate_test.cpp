@@ -241,8 +241,10 @@ void check_table(const std::string &input, const std::string &out) {
     old_side.push_back({r.old_addr, r.old_len});
     for (uint64_t k = 0; k + 4 <= r.new_len; k += 4, ++words) {
       uint64_t at_in = in.offset_of(r.old_addr + k), at_out = o.offset_of(r.new_addr + k);
-      ASSERT_LE(at_in + 4, in.bytes.size()) << std::hex << r.old_addr + k;
-      ASSERT_LE(at_out + 4, o.bytes.size()) << std::hex << r.new_addr + k;
+      if (at_in == ~0ull && at_out == ~0ull)
+        continue; // padding between two executable sections: no word of the file
+      ASSERT_TRUE(at_in != ~0ull && at_in + 4 <= in.bytes.size()) << std::hex << r.old_addr + k;
+      ASSERT_TRUE(at_out != ~0ull && at_out + 4 <= o.bytes.size()) << std::hex << r.new_addr + k;
       uint32_t was = vesk::load32(&in.bytes[at_in]);
       uint32_t now = vesk::load32(&o.bytes[at_out]);
       ASSERT_EQ(was >> 26, now >> 26) << std::hex << r.old_addr + k << " at " << r.new_addr + k;
