@@ -1,7 +1,9 @@
 #include "base/file_io.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "base/diag.h"
 
@@ -32,6 +34,40 @@ void read_at(int fd, uint64_t offset, void *buf, size_t size, const char *what, 
 
 void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char *what, const char *file) {
   transfer(pwrite, fd, offset, static_cast<const uint8_t *>(buf), size, "writing", what, file);
+}
+
+void write_file_atomically(const std::string &path, const void *data, size_t size, mode_t mode) {
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+    error("%s is not a regular file; name another output", path.c_str());
+  size_t slash = path.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::string tmpl = dir + "/." + base + ".tmp-XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  if (fd < 0)
+    sysfatal("cannot write %s", path.c_str());
+  mode_t mask = umask(0);
+  umask(mask);
+  bool ok = fchmod(fd, mode & ~mask) == 0;
+  const char *bytes = static_cast<const char *>(data);
+  for (size_t done = 0; ok && done < size;) {
+    ssize_t n = write(fd, bytes + done, size - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    ok = n > 0;
+    done += n > 0 ? size_t(n) : 0;
+  }
+  int e = errno;
+  ok = close(fd) == 0 && ok;
+  if (!ok || rename(name.data(), path.c_str()) != 0) {
+    e = ok ? errno : e;
+    unlink(name.data());
+    errno = e;
+    sysfatal("cannot write %s", path.c_str());
+  }
 }
 
 } // namespace vesk

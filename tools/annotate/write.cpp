@@ -8,6 +8,7 @@
 
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "base/file_io.h"
 #include "com/events.h"
 
 namespace vesk::annotate {
@@ -174,21 +175,7 @@ void write_annotated(const Image &im, const Description &d, const std::vector<Ne
   mode_t mode = 0755;
   if (stat(im.path.c_str(), &st) == 0)
     mode = st.st_mode & 0777;
-  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
-  if (fd < 0)
-    sysfatal("cannot open %s", out.c_str());
-  size_t done = 0;
-  while (done < f.size()) {
-    ssize_t n = write(fd, f.data() + done, f.size() - done);
-    if (n <= 0) {
-      if (n == 0)
-        errno = -1;
-      sysfatal("writing %s", out.c_str());
-    }
-    done += size_t(n);
-  }
-  if (close(fd) != 0)
-    sysfatal("writing %s", out.c_str());
+  write_file_atomically(out, f.data(), f.size(), mode);
 }
 
 } // namespace vesk::annotate

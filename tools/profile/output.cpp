@@ -12,40 +12,12 @@
 #include <unistd.h>
 
 #include "base/diag.h"
+#include "base/file_io.h"
 
 namespace vesk::profile {
 
 void write_file_atomically(const std::string &path, const std::string &contents) {
-  struct stat st;
-  if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
-    error("%s is not a regular file; name another output", path.c_str());
-  size_t slash = path.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string tmpl = dir + "/." + base + ".tmp-XXXXXX";
-  std::vector<char> name(tmpl.begin(), tmpl.end());
-  name.push_back('\0');
-  int fd = mkstemp(name.data());
-  if (fd < 0)
-    sysfatal("cannot write %s", path.c_str());
-  mode_t mask = umask(0);
-  umask(mask);
-  bool ok = fchmod(fd, 0644 & ~mask) == 0;
-  for (size_t done = 0; ok && done < contents.size();) {
-    ssize_t n = write(fd, contents.data() + done, contents.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    ok = n > 0;
-    done += n > 0 ? size_t(n) : 0;
-  }
-  int e = errno;
-  ok = close(fd) == 0 && ok;
-  if (!ok || rename(name.data(), path.c_str()) != 0) {
-    e = ok ? errno : e;
-    unlink(name.data());
-    errno = e;
-    sysfatal("cannot write %s", path.c_str());
-  }
+  vesk::write_file_atomically(path, contents.data(), contents.size(), 0644);
 }
 
 std::string feedback_text(const Program &p, const std::vector<ProcCount> &counts, const std::vector<int> &order,
