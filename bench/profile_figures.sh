@@ -1,6 +1,6 @@
 #!/bin/sh
 # What reordering buys on the real programs: for each o32 build of the
-# bench (tests/real/build.sh), annotate it, profile one workload with
+# bench (bench/real/build.sh), annotate it, profile one workload with
 # vesk-profile in both orders (hot: hottest first by entry count; c3:
 # call-chain clusters), lay it out with vesk, and run the original and the
 # reordered executables on the same workload under vesk-profile --compare.

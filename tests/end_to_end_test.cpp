@@ -24,20 +24,14 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   const BenchExe *e = &bench_executables()[GetParam()];
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
-  const long index = long(GetParam());
-  const long order = (index + index / 3) % 3; // the bench lists three models in a row
-  std::vector<FeedbackLine> fb;
-  if (order == 0) {
-    fb = reversed_order(b);
-  } else if (order == 1) {
-    fb = random_order(b, e->name);
-  } else {
-    RunResult traced;
-    fb = hot_first_order(b, *e, e->path, {}, &traced);
+  const LayoutOrder order = order_of(GetParam());
+  SCOPED_TRACE(order_name(order));
+  RunResult traced;
+  std::vector<FeedbackLine> fb = ordered(order, b, *e, e->path, {}, &traced);
+  if (order == HOT_FIRST) {
     ASSERT_EQ(traced.out, e->expected) << traced.err;
     ASSERT_GT(fb.size(), 2u);
   }
-  SCOPED_TRACE(order == 0 ? "reversed" : order == 1 ? "shuffled" : "hot first");
 
   const std::string out = b.path("reordered"), merged = b.path("merged.fb");
   RunResult r = b.vesk(b.annotated(), fb, out, {"-debug", "-merge", merged});

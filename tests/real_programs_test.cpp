@@ -1,6 +1,6 @@
-// Real programs from Debian source packages (tests/real/build.sh), built as
+// Real programs from Debian source packages (bench/real/build.sh), built as
 // their users build them, reordered by vesk and checked with their own
-// tests (tests/real/check.sh).  Every build, o32, n32 and n64, is annotated
+// tests (bench/real/check.sh).  Every build, o32, n32 and n64, is annotated
 // and laid out in a reversed, a shuffled or a hot-first order (one order per
 // build, taken in turn; VESK_REAL_ALL_ORDERS=1 runs all three).
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ using namespace vesk::test;
 namespace {
 
 RunResult check(const BenchExe &e, const std::string &exe) {
-  return run_command({"env", "VESK_REAL_DIR=" VESK_REAL_DIR, VESK_SOURCE_DIR "/tests/real/check.sh", e.program, e.abi,
+  return run_command({"env", "VESK_REAL_DIR=" VESK_REAL_DIR, VESK_SOURCE_DIR "/bench/real/check.sh", e.program, e.abi,
                       exe},
                      "", 600);
 }
@@ -43,20 +43,14 @@ TEST_P(RealBuild, ReorderedProgramPassesItsOwnTests) {
   const BenchExe *e = &real_executables()[GetParam()];
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << "vesk-annotate refused " << e->name << ": " << b.refusal();
-  const char *kind[] = {"reversed", "shuffled", "hot-first"};
-  std::vector<int> orders{int((GetParam() + GetParam() / 3) % 3)}; // the manifest lists three models in a row
+  std::vector<LayoutOrder> orders{order_of(GetParam())};
   if (std::getenv("VESK_REAL_ALL_ORDERS") != nullptr)
-    orders = {0, 1, 2};
-  for (int order : orders) {
-    SCOPED_TRACE(kind[order]);
-    std::vector<FeedbackLine> fb;
-    if (order == 0) {
-      fb = reversed_order(b);
-    } else if (order == 1) {
-      fb = random_order(b, e->name);
-    } else {
-      RunResult traced;
-      fb = hot_first_order(b, *e, b.annotated(), profile_args(*e), &traced);
+    orders = {REVERSED, SHUFFLED, HOT_FIRST};
+  for (LayoutOrder order : orders) {
+    SCOPED_TRACE(order_name(order));
+    RunResult traced;
+    std::vector<FeedbackLine> fb = ordered(order, b, *e, b.annotated(), profile_args(*e), &traced);
+    if (order == HOT_FIRST) {
       ASSERT_EQ(traced.status, 0) << traced.err;
       ASSERT_FALSE(fb.empty());
     }
@@ -68,7 +62,7 @@ TEST_P(RealBuild, ReorderedProgramPassesItsOwnTests) {
       total += m.name != ".libstub";
       moved += m.name != ".libstub" && m.new_lo != m.old_addr;
     }
-    EXPECT_TRUE(order != 1 || double(moved) > 0.95 * double(total));
+    EXPECT_TRUE(order != SHUFFLED || double(moved) > 0.95 * double(total));
     RunResult c = check(*e, out);
     EXPECT_EQ(c.status, 0) << c.err;
   }

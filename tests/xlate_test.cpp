@@ -299,7 +299,7 @@ RunResult runs(const BenchExe &e, const std::string &exe) {
     return r;
   }
   return run_command({"env", std::string("VESK_REAL_DIR=") + VESK_REAL_DIR,
-                      std::string(VESK_SOURCE_DIR) + "/tests/real/check.sh", e.program, e.abi, exe},
+                      std::string(VESK_SOURCE_DIR) + "/bench/real/check.sh", e.program, e.abi, exe},
                      "", 600);
 }
 

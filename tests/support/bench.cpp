@@ -426,4 +426,15 @@ std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchEx
   return hot;
 }
 
+const char *order_name(LayoutOrder o) { return o == REVERSED ? "reversed" : o == SHUFFLED ? "shuffled" : "hot first"; }
+
+std::vector<FeedbackLine> ordered(LayoutOrder o, const AnnotatedBench &b, const BenchExe &e, const std::string &exe,
+                                  const std::vector<std::string> &args, RunResult *run) {
+  if (o == REVERSED)
+    return reversed_order(b);
+  if (o == SHUFFLED)
+    return random_order(b, e.name);
+  return hot_first_order(b, e, exe, args, run);
+}
+
 } // namespace vesk::test

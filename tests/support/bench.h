@@ -1,6 +1,6 @@
 // Running programs as a user would, the benches of MIPS executables (the
-// small programs tests/programs/build.sh builds for every ABI, debug format
-// and code model, and the real programs of tests/real/build.sh), whole runs
+// small programs bench/programs/build.sh builds for every ABI, debug format
+// and code model, and the real programs of bench/real/build.sh), whole runs
 // of vesk and vesk-annotate on them, and executables read back with libelf.
 #pragma once
 
@@ -143,11 +143,20 @@ std::vector<FeedbackLine> reversed_order(const AnnotatedBench &b);
 std::vector<FeedbackLine> random_order(const AnnotatedBench &b, const std::string &seed_text);
 std::vector<FeedbackLine> hot_first_order(const AnnotatedBench &b, const BenchExe &e, const std::string &exe,
                                           const std::vector<std::string> &args, RunResult *run);
+// The orders by number: 0 reversed, 1 shuffled (seeded by e's name), 2 hot
+// first from a run of exe with args.  order_of gives the i-th executable of
+// a bench its order, taken in turn so that each order meets every code
+// model (a bench lists three models in a row).
+enum LayoutOrder { REVERSED, SHUFFLED, HOT_FIRST };
+const char *order_name(LayoutOrder o);
+inline LayoutOrder order_of(size_t i) { return LayoutOrder((i + i / 3) % 3); }
+std::vector<FeedbackLine> ordered(LayoutOrder o, const AnnotatedBench &b, const BenchExe &e, const std::string &exe,
+                                  const std::vector<std::string> &args, RunResult *run);
 
 } // namespace vesk::test
 
 #define VESK_REQUIRE_BENCH()                                                                                 \
   do {                                                                                                       \
     if (::vesk::test::bench_executables().empty())                                                           \
-      GTEST_SKIP() << "bench of MIPS executables missing (build it with tests/programs/build.sh)";           \
+      GTEST_SKIP() << "bench of MIPS executables missing (build it with bench/programs/build.sh)";           \
   } while (0)

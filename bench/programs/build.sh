@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the bench of real MIPS executables that the tests run vesk on.
 #
-#   tests/programs/build.sh OUTDIR
+#   bench/programs/build.sh OUTDIR
 #
 # Every program (one directory of C sources here) is compiled for o32, n32
 # and n64, with mdebug (-Wa,-mdebug, no -g; not n64, see below) and with DWARF (-g) debug

@@ -3,14 +3,14 @@
 # that the tests reorder with vesk and then check with the programs' own
 # tests (check.sh).
 #
-#   tests/real/build.sh OUTDIR
+#   bench/real/build.sh OUTDIR
 #
 # bzip2, jimtcl's jimsh and duktape's duk are each compiled for o32, n32 and
 # n64, sqlite3's shell for o32 only (its compile time), with mdebug
 # (-Wa,-mdebug, no -g; not n64, whose mdebug form vesk refuses) and with
 # DWARF (-g), in three code models: pie (the compiler's default), no-pie
 # (-no-pie) and fno-pie (-fno-pie -no-pie).  Unlike
-# tests/programs, these are built as their users build them: -O2 and gcc's
+# bench/programs, these are built as their users build them: -O2 and gcc's
 # defaults otherwise (hot/cold splitting, clones, jump tables, relaxed PIC
 # calls, .text.startup), plus -Wl,-q to keep the relocations.
 #
@@ -243,7 +243,7 @@ fetch() {
 
 # jimtcl's build generates C files from Tcl sources with its own scripts,
 # run by a bootstrap jimsh compiled for the host, and takes its
-# configuration headers from configure; ours are fixed (tests/real/jimtcl).
+# configuration headers from configure; ours are fixed (bench/real/jimtcl).
 prepare_jimtcl() {
   d=$(srcdir jimtcl)
   if [ ! -x "$d/autosetup/jimsh0" ]; then

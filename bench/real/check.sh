@@ -3,7 +3,7 @@
 # under qemu and compares the result with the reference that build.sh
 # recorded from the original builds.
 #
-#   tests/real/check.sh PROGRAM ABI EXE
+#   bench/real/check.sh PROGRAM ABI EXE
 #
 # PROGRAM is bzip2, jimtcl, duktape or sqlite3; ABI o32, n32 or n64.  The
 # test data and the reference are in the OUTDIR of build.sh: $VESK_REAL_DIR,
@@ -25,9 +25,9 @@
 #   duktape: mandel.js, the guide's fib.js, prime.js (on a smaller range:
 #            the full one takes a minute under qemu) and process.js, a
 #            compile to bytecode and a run of it, and our scripts in
-#            tests/real/duktape (regexps, JSON, the language core,
+#            bench/real/duktape (regexps, JSON, the language core,
 #            Date/Math, strings).
-#   sqlite3: the SQL scripts in tests/real/sqlite3, each fed to the shell
+#   sqlite3: the SQL scripts in bench/real/sqlite3, each fed to the shell
 #            on a new database file (and no ~/.sqliterc): tables filled by
 #            recursive CTEs, joins, grouping, window, date and printf
 #            functions, triggers, a transaction rolled back, query plans
