@@ -88,6 +88,10 @@ struct Bin {
 
 extern Bin bin;
 
+// Ends what a run left open or half-written (the input and output images and
+// descriptors, an unfinished output) and starts fresh run records.
+void end_run();
+
 // A .text whose size is not a multiple of 4 ends in a partial word that
 // has no text_map entry; it counts as outside.
 inline bool in_text(uint64_t a) {

@@ -3,6 +3,9 @@
 #include "base/bin.h"
 #include "base/options.h"
 
+#include <libelf.h>
+#include <unistd.h>
+
 #if defined(__SANITIZE_ADDRESS__)
 // The tools leave what a run allocated to process exit (libelf's and
 // libdwarf's handles among it), so a leak report at exit says nothing;
@@ -15,5 +18,20 @@ namespace vesk {
 
 Bin bin;
 Options option;
+
+void end_run() {
+  if (bin.in_elf != nullptr)
+    elf_end(bin.in_elf);
+  if (bin.out_elf != nullptr)
+    elf_end(bin.out_elf);
+  if (bin.in_fd >= 0)
+    close(bin.in_fd);
+  if (bin.out_fd >= 0)
+    close(bin.out_fd);
+  if (!bin.output_temp.empty())
+    unlink(bin.output_temp.c_str());
+  bin = Bin{};
+  option = Options{};
+}
 
 } // namespace vesk

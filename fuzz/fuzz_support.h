@@ -51,12 +51,7 @@ inline void in_fresh_run(const std::function<void()> &fn) {
     fn();
   } catch (const Fatal &) {
   }
-  if (bin.in_elf != nullptr)
-    elf_end(bin.in_elf);
-  if (bin.in_fd >= 0)
-    close(bin.in_fd);
-  bin = Bin{};
-  option = Options{};
+  end_run();
 }
 
 } // namespace vesk::fuzz

@@ -35,24 +35,6 @@ namespace vesk {
 
 namespace {
 
-// Whatever the run leaves open or half-written when it ends early: the
-// input and output images and descriptors, and the unfinished output.
-void end_run() {
-  if (bin.in_elf != nullptr)
-    elf_end(bin.in_elf);
-  if (bin.out_elf != nullptr)
-    elf_end(bin.out_elf);
-  bin.in_elf = bin.out_elf = nullptr;
-  if (bin.in_fd >= 0)
-    close(bin.in_fd);
-  if (bin.out_fd >= 0)
-    close(bin.out_fd);
-  bin.in_fd = bin.out_fd = -1;
-  if (!bin.output_temp.empty())
-    unlink(bin.output_temp.c_str());
-  bin.output_temp.clear();
-}
-
 void run(int argc, char **argv) {
   // The platform's fix-up of misaligned accesses has no Linux equivalent;
   // every read and write of section contents goes through base/bytes.h.

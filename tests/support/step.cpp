@@ -24,17 +24,6 @@ StepResult run_step(const std::function<void()> &fn) {
   return r;
 }
 
-void fresh_run() {
-  if (bin.in_elf)
-    elf_end(bin.in_elf);
-  if (bin.out_elf)
-    elf_end(bin.out_elf);
-  if (bin.in_fd >= 0)
-    close(bin.in_fd);
-  if (bin.out_fd >= 0)
-    close(bin.out_fd);
-  bin = Bin{};
-  option = Options{};
-}
+void fresh_run() { end_run(); }
 
 } // namespace vesk::test

@@ -31,14 +31,7 @@ struct ReaderRun {
     option = Options{};
     option.program = path;
   }
-  ~ReaderRun() {
-    if (bin.in_elf != nullptr)
-      elf_end(bin.in_elf);
-    if (bin.in_fd >= 0)
-      close(bin.in_fd);
-    bin = Bin{};
-    option = Options{};
-  }
+  ~ReaderRun() { end_run(); }
   ReaderRun(const ReaderRun &) = delete;
   ReaderRun &operator=(const ReaderRun &) = delete;
 };
