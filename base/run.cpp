@@ -22,7 +22,7 @@ Options option;
 void end_run() {
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
-  if (bin.out_elf != nullptr)
+  if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)
     elf_end(bin.out_elf);
   if (bin.in_fd >= 0)
     close(bin.in_fd);

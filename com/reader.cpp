@@ -179,12 +179,14 @@ void copy_section_header_to64(const Elf32_Shdr *h, Elf64_Shdr *w) {
   w->sh_entsize = h->sh_entsize;
 }
 
-// The input reader runs two steps: read_input (the file into bin: ELF
-// header, sections, text, GOT, dynamic values) and debug_interface (the
-// procedures, from DWARF or mdebug, completed from the symbol table).
 void read_orig_binary() {
   read_input();
   debug_interface();
+}
+
+void read_input() {
+  open_input();
+  parse_input();
 }
 
 namespace {
@@ -236,7 +238,7 @@ void check_dynamic_against_sections() {
 
 } // namespace
 
-void read_input() {
+void open_input() {
   // Without O_NONBLOCK a FIFO would wait for a writer before it could be
   // refused.
   bin.in_fd = open(option.program, O_RDONLY | O_NONBLOCK);
@@ -247,7 +249,9 @@ void read_input() {
     sysfatal("cannot read %s", option.program);
   if (!S_ISREG(in_st.st_mode))
     error("%s is not a regular file", option.program);
+}
 
+void parse_input() {
   elf_version(EV_CURRENT);
   bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
   if (bin.in_elf == nullptr)

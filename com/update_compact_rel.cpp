@@ -318,7 +318,8 @@ void read_got_page_marks() {
 void update_compact_rel() {
   Elf_Scn *scn = find_section_by_name(bin.out_elf, COMPACT_REL);
   if (scn == nullptr)
-    error("%s: no %s section", option.program, COMPACT_REL);
+    error("%s: no %s section and no relocations of .text to describe its code addresses with; link it with -Wl,-q",
+          option.program, COMPACT_REL);
   Elf_Data *d = elf_getdata(scn, nullptr);
   if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0))
     error("%s: cannot read the %s section", option.program, COMPACT_REL);

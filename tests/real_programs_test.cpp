@@ -1,8 +1,10 @@
 // Real programs from Debian source packages (bench/real/build.sh), built as
 // their users build them, reordered by vesk and checked with their own
-// tests (bench/real/check.sh).  Every build, o32, n32 and n64, is annotated
-// and laid out in a reversed, a shuffled or a hot-first order (one order per
-// build, taken in turn; VESK_REAL_ALL_ORDERS=1 runs all three).
+// tests (bench/real/check.sh).  Every build, o32, n32 and n64, is laid out
+// by vesk directly (it describes the code addresses itself) in a reversed, a
+// shuffled or a hot-first order (one order per build, taken in turn;
+// VESK_REAL_ALL_ORDERS=1 runs all three), and vesk-annotate then vesk must
+// write the same file.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -49,14 +51,16 @@ TEST_P(RealBuild, ReorderedProgramPassesItsOwnTests) {
   for (LayoutOrder order : orders) {
     SCOPED_TRACE(order_name(order));
     RunResult traced;
-    std::vector<FeedbackLine> fb = ordered(order, b, *e, b.annotated(), profile_args(*e), &traced);
+    std::vector<FeedbackLine> fb = ordered(order, b, *e, e->path, profile_args(*e), &traced);
     if (order == HOT_FIRST) {
       ASSERT_EQ(traced.status, 0) << traced.err;
       ASSERT_FALSE(fb.empty());
     }
-    std::string out = b.path("reordered");
-    RunResult r = b.vesk(b.annotated(), fb, out, {"-debug"});
+    std::string out = b.path("reordered"), via_annotate = b.path("via-annotate");
+    RunResult r = b.vesk(e->path, fb, out, {"-debug"});
     ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(b.vesk(b.annotated(), fb, via_annotate).status, 0);
+    EXPECT_TRUE(read_file(out) == read_file(via_annotate)) << "vesk-annotate then vesk wrote another file";
     size_t moved = 0, total = 0;
     for (const DebugProc &m : address_mapping(r.out)) {
       total += m.name != ".libstub";
@@ -97,14 +101,14 @@ TEST_P(RealBuild, ProfiledLayoutPacksTheExecutedCode) {
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << b.refusal();
   std::vector<std::string> args = profile_args(*e);
-  std::vector<std::string> argv{profile_binary(), "-o", b.path("run.fb"), "--", b.annotated()};
+  std::vector<std::string> argv{profile_binary(), "-o", b.path("run.fb"), "--", e->path};
   argv.insert(argv.end(), args.begin(), args.end());
   RunResult r = run_command(argv, "", 300);
   ASSERT_EQ(r.status, 0) << r.err;
-  r = run_vesk({"-v", b.annotated(), b.path("run.fb"), "-o", b.path("profiled")});
+  r = run_vesk({"-v", e->path, b.path("run.fb"), "-o", b.path("profiled")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err.find("Procedure not found"), std::string::npos) << r.err;
-  argv = {profile_binary(), "--compare", b.annotated(), b.path("profiled"), "--"};
+  argv = {profile_binary(), "--compare", e->path, b.path("profiled"), "--"};
   argv.insert(argv.end(), args.begin(), args.end());
   r = run_command(argv, "", 300);
   ASSERT_EQ(r.status, 0) << r.out << r.err;

@@ -35,6 +35,11 @@ Args annotated(const ScratchDir &dir, const Args &then) {
   return then;
 }
 
+void without_relocations(const ScratchDir &dir) {
+  write_file(dir / "noq.c", "int main(void) { return 0; }\n");
+  run_command({"mips-linux-gnu-gcc", "-O2", "-g", dir / "noq.c", "-o", dir / "prog"});
+}
+
 struct Refusal {
   const char *what;
   std::function<Args(const ScratchDir &)> setup; // prepares dir, gives the command line
@@ -54,18 +59,16 @@ const Refusal kRefusals[] = {
     {"empty input", [](auto &d) { return write_file(d / "prog", ""), kRun; }, "unknown object format in prog"},
     {"input cut in half", [](auto &d) { return damaged(d, [](auto &b, auto &) { b.resize(b.size() / 2); }); },
      "the section header table lies outside the file"},
-    {"o32 not annotated", [](auto &) { return kRun; }, "no .compact_rel section", true},
     {"annotation over its input", [](auto &) { return Args{kAnnotate, "prog", "-o", "./prog"}; },
      "would overwrite the input", true},
     {"annotation of an annotated input", [](auto &d) { return annotated(d, {kAnnotate, "prog", "-o", "out"}); },
      "already has a .compact_rel section", true},
     {"annotation without the link's relocations",
-     [](auto &d) {
-       write_file(d / "noq.c", "int main(void) { return 0; }\n");
-       run_command({"mips-linux-gnu-gcc", "-O2", d / "noq.c", "-o", d / "prog"});
-       return Args{kAnnotate, "prog", "-o", "out"};
-     },
+     [](auto &d) { return without_relocations(d), Args{kAnnotate, "prog", "-o", "out"}; },
      "keeps no relocations of .text; link it with -Wl,-q", true},
+    {"o32 without the link's relocations", [](auto &d) { return without_relocations(d), kRun; },
+     "no .compact_rel section and no relocations of .text to describe its code addresses with; link it with -Wl,-q",
+     true},
     {"annotation of a %hi shared by two code addresses",
      [](auto &d) {
        compile_o32(d, "prog",
@@ -73,7 +76,7 @@ const Refusal kRefusals[] = {
                    " lui $3,%hi(h)\\n addiu $2,$3,%lo(h)\\n addiu $4,$3,%lo(h+4)\\n jr $31\\n nop\\n.end g\\n"
                    " .globl h\\n .ent h\\nh: jr $31\\n nop\\n .end h\\n\");\n",
                    {"-fno-pie", "-no-pie"});
-       return Args{kAnnotate, "prog", "-o", "out"};
+       return kRun; // vesk describes the code addresses itself
      },
      "is shared by references to different addresses", true},
 };

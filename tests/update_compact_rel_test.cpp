@@ -88,6 +88,8 @@ struct Image {
   }
 
   ~Image() {
+    if (bin.out_elf == elf)
+      bin.out_elf = nullptr;
     elf_end(elf);
     close(fd);
   }

@@ -15,9 +15,9 @@
 
 #include "base/diag.h"
 #include "events/reader.h"
-#include "tools/annotate/describe.h"
-#include "tools/annotate/image.h"
-#include "tools/annotate/write.h"
+#include "com/annotate/describe.h"
+#include "com/annotate/image.h"
+#include "com/annotate/write.h"
 
 namespace {
 

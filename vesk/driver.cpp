@@ -14,6 +14,7 @@
 #include "base/diag.h"
 #include "base/file_io.h"
 #include "base/proc.h"
+#include "com/annotate/in_memory.h"
 #include "com/branch.h"
 #include "com/eh_frame.h"
 #include "com/elf.h"
@@ -39,7 +40,10 @@ void run(int argc, char **argv) {
   // The platform's fix-up of misaligned accesses has no Linux equivalent;
   // every read and write of section contents goes through base/bytes.h.
   parse_command_line(argc, argv);
-  read_orig_binary();
+  open_input();
+  describe_code_addresses_in_memory();
+  parse_input();
+  debug_interface();
   read_reorder_files();
   if (option.debug)
     dump_procs();
@@ -165,7 +169,7 @@ void check_output_is_not_input() {
   };
   std::vector<Named> inputs;
   Named in{option.program, {}};
-  if (fstat(bin.in_fd, &in.st) == 0)
+  if (stat(option.program, &in.st) == 0) // bin.in_fd may be the input described in memory
     inputs.push_back(in);
   for (const char **f = option.feedback_files; f != nullptr && *f != nullptr; ++f) {
     Named fb{*f, {}};

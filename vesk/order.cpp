@@ -174,7 +174,7 @@ void refuse_unrepairable_moves() {
   Proc *p = get_proc_by_addr(first);
   error("%s is an %s executable: the new layout moves %llu instruction words (the first at %#llx, in %s), and "
         "without a .MIPS.events section vesk cannot repair the gp set-ups and address loads of moved %s code; "
-        "annotate it with vesk-annotate first; no output is written",
+        "link it with -Wl,-q so that vesk can describe them; no output is written",
         option.program, bin.is_elf32 ? "n32" : "n64", (unsigned long long)moved, (unsigned long long)first,
         p && p->name ? p->name : "no named procedure", bin.is_elf32 ? "n32" : "n64");
 }

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "com/compact_rel.h"
-#include "tools/annotate/describe.h"
-#include "tools/annotate/image.h"
+#include "com/annotate/describe.h"
+#include "com/annotate/image.h"
 
 namespace vesk::annotate {
 
@@ -34,10 +34,11 @@ struct NewSection {
 // data records go into the events stream.
 std::vector<NewSection> annotation_sections(const Image &im, const Description &d);
 
-// Writes im's bytes, with the description's patches applied, to out,
-// followed by a copy of the section name table that also names the added
+// im's bytes, with the description's patches applied, followed by a copy of the section name table that also names the added
 // sections, the added sections and a new section header table.  Every byte
 // of the input keeps its offset.
+std::vector<uint8_t> annotated_file(const Image &im, const Description &d, const std::vector<NewSection> &added);
+// The same, written to out through a temporary file renamed on success.
 void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
                      const std::string &out);
 

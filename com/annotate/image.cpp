@@ -1,9 +1,10 @@
-#include "tools/annotate/image.h"
+#include "com/annotate/image.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 #include "base/bytes.h"
@@ -215,18 +216,29 @@ const std::string &Image::symbol_name(uint32_t index) const {
 }
 
 Image read_image(const std::string &path) {
-  Image im;
-  im.path = path;
   int fd = open(path.c_str(), O_RDONLY);
   if (fd < 0)
     sysfatal("cannot open %s", path.c_str());
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
+  return read_image(path, fd);
+}
+
+Image read_image(const std::string &path, int fd) {
+  Image im;
+  im.path = path;
+  if (lseek(fd, 0, SEEK_SET) != 0)
+    sysfatal("reading %s", path.c_str());
   im.file = read_whole(path, fd);
   elf_version(EV_CURRENT);
-  Elf *elf = elf_begin(fd, ELF_C_READ, nullptr);
-  if (elf == nullptr || elf_kind(elf) != ELF_K_ELF)
+  // Ended however the reading ends: a refusal throws.
+  std::unique_ptr<Elf, int (*)(Elf *)> elf(elf_begin(fd, ELF_C_READ, nullptr), elf_end);
+  if (elf == nullptr || elf_kind(elf.get()) != ELF_K_ELF)
     error("%s is not an ELF file", path.c_str());
   GElf_Ehdr ehdr;
-  const GElf_Ehdr *eh = gelf_getehdr(elf, &ehdr);
+  const GElf_Ehdr *eh = gelf_getehdr(elf.get(), &ehdr);
   if (eh == nullptr || eh->e_ident[EI_DATA] != ELFDATA2MSB || eh->e_machine != EM_MIPS)
     error("%s is not a big-endian MIPS ELF file", path.c_str());
   im.is_64 = eh->e_ident[EI_CLASS] == ELFCLASS64;
@@ -238,13 +250,11 @@ Image read_image(const std::string &path) {
   if (eh->e_shnum == 0 || eh->e_shstrndx >= SHN_LORESERVE ||
       eh->e_shentsize != (im.is_64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr)))
     error("%s has an unusual section header table", path.c_str());
-  read_sections(im, elf);
-  read_tables(im, elf);
+  read_sections(im, elf.get());
+  read_tables(im, elf.get());
   if (im.text == nullptr || im.text->raw == nullptr)
     error("%s has no .text section", path.c_str());
-  read_relocations(im, elf);
-  elf_end(elf);
-  close(fd);
+  read_relocations(im, elf.get());
   return im;
 }
 

@@ -1,4 +1,4 @@
-#include "tools/annotate/write.h"
+#include "com/annotate/write.h"
 
 #include <cerrno>
 #include <cstring>
@@ -107,8 +107,7 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
   return out;
 }
 
-void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
-                     const std::string &out) {
+std::vector<uint8_t> annotated_file(const Image &im, const Description &d, const std::vector<NewSection> &added) {
   std::vector<uint8_t> f = im.file;
   for (const auto &[addr, w] : d.patches) {
     const Section *s = im.section_holding(addr, 4);
@@ -170,7 +169,12 @@ void write_annotated(const Image &im, const Description &d, const std::vector<Ne
   else
     store32(f.data() + hf.shoff, uint32_t(shoff));
   store16(f.data() + hf.shnum, uint16_t(shnum + added.size()));
+  return f;
+}
 
+void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
+                     const std::string &out) {
+  std::vector<uint8_t> f = annotated_file(im, d, added);
   struct stat st;
   mode_t mode = 0755;
   if (stat(im.path.c_str(), &st) == 0)

@@ -8,7 +8,7 @@
 // linker wrote: the addends that ld -q leaves are not always the ones the
 // linker computed with (gp-relative ones are shifted by gp), and a record
 // that does not match what is there would break the program when it moves.
-#include "tools/annotate/describe.h"
+#include "com/annotate/describe.h"
 
 #include <algorithm>
 #include <map>
@@ -261,11 +261,12 @@ private:
       bool hi = s.t[2] == R_HI16;
       uint32_t w = insn(at);
       uint64_t f = gp_setup_function(s, hi, w);
-      if (f == 0) {
-        if (!in_text_code)
-          return; // a set-up outside .text serves code that does not move
+      // A set-up lies in the function whose address it starts from: outside
+      // .text, that code does not move.
+      if (!in_text_code)
+        return;
+      if (f == 0)
         refuse(at, "gp set-up", mips::imm16(w), "its function could not be told from its relocation");
-      }
       int64_t v = int64_t(width(im_.gp_value - f));
       if (!im_.is_64)
         v = int32_t(uint32_t(v));

@@ -69,5 +69,7 @@ struct Image {
 // Reads and checks path; refuses (with a clear error) anything that is not
 // a big-endian MIPS executable with kept relocations.
 Image read_image(const std::string &path);
+// The same, from a descriptor open on it (read from its start).
+Image read_image(const std::string &path, int fd);
 
 } // namespace vesk::annotate

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "com/compact_rel.h"
-#include "tools/annotate/image.h"
+#include "com/annotate/image.h"
 
 namespace vesk::annotate {
 
