@@ -19,14 +19,10 @@ ProcTable &table() { return bin.procs; }
 
 bool holds(const Proc *p, uint64_t addr) { return p->old_addr <= addr && addr < p->old_addr + p->size; }
 
-std::string name_key(const char *name, const char *file_name) {
-  std::string k(name);
-  k.push_back('\0');
-  k.append(file_name);
-  return k;
-}
+ProcTable::NameKey name_key(const char *name, const char *file_name) { return {name, file_name}; }
 
 void invalidate_indexes() {
+  table().last_unique = nullptr;
   table().addr_index_valid = false;
   table().name_index_valid = false;
 }
@@ -58,6 +54,7 @@ void build_addr_index() {
     ix.max_end[i] = max_end;
   }
   ix.addr_index_valid = true;
+  ix.last_unique = nullptr;
 }
 
 // The walk itself: from last_hit to the end of the list, then the whole list.
@@ -154,6 +151,12 @@ Proc *get_proc_by_addr(uint64_t addr) {
   ProcTable &ix = table();
   if (!ix.addr_index_valid)
     build_addr_index();
+  // Scans of the text ask about one procedure many times in a row; a
+  // record that overlaps no other is the only one that holds its words.
+  if (ix.last_unique != nullptr && holds(ix.last_unique, addr)) {
+    ix.last_hit = ix.last_unique;
+    return ix.last_unique;
+  }
   // The last record that starts at or below addr.
   auto it = std::upper_bound(ix.by_start.begin(), ix.by_start.end(), addr,
                              [](uint64_t a, const Proc *p) { return a < p->old_addr; });
@@ -161,7 +164,7 @@ Proc *get_proc_by_addr(uint64_t addr) {
   if (it != ix.by_start.begin()) {
     size_t r = size_t(it - ix.by_start.begin()) - 1;
     if (holds(ix.by_start[r], addr) && !ix.overlaps[r])
-      found = ix.by_start[r];
+      found = ix.last_unique = ix.by_start[r];
     else if (ix.max_end[r] > addr)
       found = walk_for_addr(addr); // several records may hold it: the walk decides
   }

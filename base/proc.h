@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -71,6 +72,7 @@ struct ProcTable {
   // answer cannot depend on the walk's order: when exactly one record holds
   // the address, or none does.  Overlapping records fall back to the walk.
   Proc *last_hit = nullptr;
+  Proc *last_unique = nullptr;   // the last answer that no other record shares
   bool addr_index_valid = false;
   std::vector<Proc *> by_start;  // records of the list with size > 0
   std::vector<uint64_t> max_end; // prefix maximum of the ends
@@ -78,8 +80,18 @@ struct ProcTable {
 
   // Lookups by name: every record's index under its (name, file name); a
   // search goes on from the record found last.
+  // The keys view the records' own strings, which live as long as the run.
+  struct NameKey {
+    std::string_view name, file;
+    bool operator==(const NameKey &) const = default;
+  };
+  struct NameKeyHash {
+    size_t operator()(const NameKey &k) const {
+      return std::hash<std::string_view>()(k.name) * 31 + std::hash<std::string_view>()(k.file);
+    }
+  };
   bool name_index_valid = false;
-  std::unordered_map<std::string, std::vector<int>> by_name;
+  std::unordered_map<NameKey, std::vector<int>, NameKeyHash> by_name;
   int name_search_start = 0;
 
   ChainEnds chain_ends;

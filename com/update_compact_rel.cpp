@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 #include "base/bin.h"
 #include "base/bytes.h"
@@ -57,17 +58,32 @@ void patch_imm16(uint8_t *insn, uint32_t imm) { store32(insn, mips::with_imm16(l
 // sections over converted to host order (.init_array, .fini_array and the
 // other typed ones): their words are written in host order, the raw ones
 // big-endian.
-void set_data_word(const CompactRelEntry &e, uint32_t value) {
+// The allocated sections of the output, in section order, read once: an
+// executable has tens of thousands of data words to repair.
+struct DataSections {
+  struct Placed {
+    Elf_Scn *scn;
+    uint32_t addr, size;
+  };
+  std::vector<Placed> sections;
+
+  DataSections() {
+    for (Elf_Scn *scn = elf_nextscn(bin.out_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.out_elf, scn))
+      if (const Elf32_Shdr *sh = elf32_getshdr(scn); sh != nullptr && (sh->sh_flags & SHF_ALLOC) != 0)
+        sections.push_back({scn, sh->sh_addr, sh->sh_size});
+  }
+};
+
+void set_data_word(const CompactRelEntry &e, uint32_t value, const DataSections &data) {
   if (in_text(e.vaddr)) {
     store32(new_insn(new_addr(e.vaddr)), value);
     return;
   }
-  for (Elf_Scn *scn = elf_nextscn(bin.out_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.out_elf, scn)) {
-    const Elf32_Shdr *sh = elf32_getshdr(scn);
-    if (sh == nullptr || (sh->sh_flags & SHF_ALLOC) == 0 || e.vaddr < sh->sh_addr || e.vaddr - sh->sh_addr >= sh->sh_size)
+  for (const DataSections::Placed &s : data.sections) {
+    if (e.vaddr < s.addr || e.vaddr - s.addr >= s.size)
       continue;
-    Elf_Data *d = elf_getdata(scn, nullptr);
-    uint32_t off = e.vaddr - sh->sh_addr;
+    Elf_Data *d = elf_getdata(s.scn, nullptr);
+    uint32_t off = e.vaddr - s.addr;
     if (d == nullptr || d->d_buf == nullptr || d->d_size < 4 || off > d->d_size - 4)
       break;
     uint8_t *p = static_cast<uint8_t *>(d->d_buf) + off;
@@ -123,11 +139,11 @@ void update_gprel_pair_nokonst(CompactRelEntry &e) {
 // A data word holding a code address: relative to gp (REL32) or absolute
 // (WORD).  kind names the entry in the warning when the word itself lies in
 // the text and moves with it.
-void update_data_word(CompactRelEntry &e, bool gp_relative, const char *kind) {
+void update_data_word(CompactRelEntry &e, bool gp_relative, const char *kind, const DataSections &data) {
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  set_data_word(e, gp_relative ? target - bin.gp_value : target);
+  set_data_word(e, gp_relative ? target - bin.gp_value : target, data);
   if (in_text(e.vaddr)) {
     uint32_t moved = new_addr(e.vaddr);
     warning("%s %#x updated to %#x", kind, e.vaddr, moved);
@@ -264,10 +280,10 @@ void update_got_pair(CompactRelEntry &e) {
   e.konst = new_addr(e.konst);
 }
 
-void update_entry(CompactRelEntry &e, const GotPages &pages) {
+void update_entry(CompactRelEntry &e, const GotPages &pages, const DataSections &data) {
   switch (e.type) {
-  case CR_REL32: update_data_word(e, true, "REL32"); break;
-  case CR_WORD: update_data_word(e, false, "WORD"); break;
+  case CR_REL32: update_data_word(e, true, "REL32", data); break;
+  case CR_WORD: update_data_word(e, false, "WORD", data); break;
   case CR_GP_DISP: update_gprel_pair(e); break;
   case CR_GOT_PAIR: e.dist2to == 0 ? update_got_single(e, pages) : update_got_pair(e); break;
   case CR_GP_DISP_NOKONST: update_gprel_pair_nokonst(e); break;
@@ -334,9 +350,10 @@ void update_compact_rel() {
   cm_rlc_reset(&cm);
 
   GotPages pages;
+  DataSections data;
   CompactRelEntry e;
   while (cm_rlc_get(&cm, &e)) {
-    update_entry(e, pages);
+    update_entry(e, pages, data);
     out.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
   }
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <gelf.h>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -34,9 +35,19 @@ struct NoReturn::State {
   std::vector<const char *> global_got_names;
   std::vector<uint64_t> global_got_values;
   // Procedures by name, for the parts of one function (foo, foo.cold).
-  std::unordered_map<std::string, std::vector<const Proc *>> parts;
+  std::unordered_map<std::string_view, std::vector<const Proc *>> parts; // views of the records' names
   std::unordered_map<const Proc *, int> memo; // 0 in progress, 1 returns, 2 never returns
 };
+
+namespace {
+
+// foo for foo and foo.cold.
+std::string_view function_name(const char *name) {
+  std::string_view base = name;
+  return base.substr(0, base.find(".cold"));
+}
+
+} // namespace
 
 NoReturn::NoReturn() : s_(std::make_unique<State>()) {
   for (const char *n : kLibraryNoReturn)
@@ -62,13 +73,8 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
   }
   elf_errno();
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
-    if (p->name != nullptr) {
-      std::string base = p->name;
-      size_t cold = base.find(".cold");
-      if (cold != std::string::npos)
-        base.resize(cold);
-      s_->parts[base].push_back(p);
-    }
+    if (p->name != nullptr)
+      s_->parts[function_name(p->name)].push_back(p);
 }
 
 NoReturn::~NoReturn() = default;
@@ -167,11 +173,7 @@ bool NoReturn::never_returns(const Proc *q) {
   s_->memo[q] = 0;
   std::vector<const Proc *> parts{q};
   if (q->name != nullptr) {
-    std::string base = q->name;
-    size_t cold = base.find(".cold");
-    if (cold != std::string::npos)
-      base.resize(cold);
-    auto it = s_->parts.find(base);
+    auto it = s_->parts.find(function_name(q->name));
     if (it != s_->parts.end())
       parts = it->second;
   }
