@@ -294,7 +294,8 @@ private:
     int32_t low = mips::simm16(word(lo_sec, lo_addr));
     if (!h.got)
       return (mips::imm16(word(*h.sec, h.offset)) << 16) + uint32_t(low);
-    return im_.word(*im_.got, got_entry_address(h)) + uint32_t(low);
+    uint32_t entry = got_entry_address(h); // checks that .got holds it
+    return im_.word(*im_.got, entry) + uint32_t(low);
   }
 
   uint32_t got_entry_address(const Hi &h) const {
@@ -329,7 +330,7 @@ private:
   // page the text spans that no entry holds takes one of those spares, so
   // that a code address finds its page wherever a layout puts it.
   void hold_every_text_page(Description &d) {
-    if (unknown_got_reads_ || im_.got == nullptr)
+    if (unknown_got_reads_ || im_.got == nullptr || im_.got->raw == nullptr)
       return;
     uint32_t n = uint32_t(std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / 4));
     std::set<uint32_t> held;

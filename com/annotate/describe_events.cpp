@@ -369,7 +369,7 @@ private:
     for (uint32_t i : page_entries_)
       if (got_value(i) == page)
         return i;
-    if (im_.got == nullptr)
+    if (im_.got == nullptr || im_.got->raw == nullptr)
       return std::nullopt;
     uint64_t n = im_.got->sh.sh_size / im_.word_size;
     for (uint32_t i = 1; i < n; ++i)
