@@ -333,12 +333,21 @@ private:
     if (unknown_got_reads_ || im_.got == nullptr || im_.got->raw == nullptr)
       return;
     uint32_t n = uint32_t(std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / 4));
+    // DT_PLTGOT need not be where .got starts: an entry .got does not hold
+    // is no spare.
+    auto entry = [&](uint32_t i) -> std::optional<uint32_t> {
+      uint64_t a = im_.got_addr + 4 * uint64_t(i);
+      if (im_.section_holding(a, 4) != im_.got)
+        return std::nullopt;
+      return im_.word(*im_.got, a);
+    };
     std::set<uint32_t> held;
     for (uint32_t i : got_pages_)
-      held.insert(im_.word(*im_.got, im_.got_addr + 4 * i));
+      if (auto v = entry(i))
+        held.insert(*v);
     std::vector<uint32_t> spares;
     for (uint32_t k = 2; k < n; ++k)
-      if (im_.word(*im_.got, im_.got_addr + 4 * k) == 0 && !read_entries_.count(k))
+      if (entry(k) == 0u && !read_entries_.count(k))
         spares.push_back(k);
     auto page = [](uint64_t a) { return uint32_t((a + 0x8000) & ~uint64_t(0xffff)); };
     size_t next = 0;

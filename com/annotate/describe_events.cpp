@@ -145,7 +145,12 @@ private:
     for (const auto &[i, v] : got_entries_)
       if (i == index)
         return v;
-    return im_.address_word(*im_.got, im_.got_addr + uint64_t(index) * im_.word_size);
+    // DT_PLTGOT need not be where .got starts; an entry outside .got holds
+    // no value a page or a spare could have.
+    uint64_t a = im_.got_addr + uint64_t(index) * im_.word_size;
+    if (im_.got == nullptr || im_.section_holding(a, im_.word_size) != im_.got)
+      return ~uint64_t(0);
+    return im_.address_word(*im_.got, a);
   }
 
   // The GOT entry that a gp-relative load at `at` reads.
