@@ -223,7 +223,8 @@ private:
   // A relocated word must lie inside the section the relocations patch.
   uint32_t checked(uint32_t addr) const {
     const GElf_Shdr &sh = rs_->target->sh;
-    if (addr < sh.sh_addr || uint64_t(addr) + 4 > uint64_t(sh.sh_addr) + sh.sh_size || (addr & 3) != 0)
+    if (rs_->target->raw == nullptr || addr < sh.sh_addr || uint64_t(addr) + 4 > uint64_t(sh.sh_addr) + sh.sh_size ||
+        (addr & 3) != 0)
       error("%s: a relocation of %s names %#x, which is not a word of %s", path(), rs_->section->name.c_str(), addr,
             rs_->target->name.c_str());
     return addr;
