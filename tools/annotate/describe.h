@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -35,9 +36,24 @@ struct Description {
   // branches, given back their jalr/jr form (address, new word).
   std::vector<std::pair<uint64_t, uint32_t>> patches;
   // GOT entries to set in the copy (index, value): a spare entry that takes
-  // over a page from an entry that also holds a function's address.
+  // over a page from an entry that also holds a function's address, or the
+  // page of a stretch of .text that no page entry reaches.
   std::vector<std::pair<uint32_t, uint64_t>> got_entries;
+  // The spare entries given such a page (also in got_pages): n32 and n64
+  // list them in a section of their own, as no page load reads them.
+  std::vector<uint32_t> page_spares;
 };
+
+// The local GOT entries that the linker reserved and left unused: they
+// hold 0 and no load from gp in the executable code, nor any entry of
+// used, reads them.  None when the code reads the GOT through %hi/%lo
+// pairs of gp offsets.
+std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t> &used);
+// Spare entries (taken in order) and the 64 KB pages they get so that every
+// address of .text lies within 32 KB of one of values or of a page given;
+// fewer when the spares run out.
+std::vector<std::pair<uint32_t, uint64_t>> cover_text_with_pages(const Image &im, const std::vector<uint32_t> &spares,
+                                                                 std::vector<uint64_t> values);
 
 // Describes the image's code-address references.  A reference no entry can
 // describe ends the run with an error that names it.
