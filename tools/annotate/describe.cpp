@@ -178,19 +178,10 @@ private:
   const char *path() const { return im_.path.c_str(); }
 
   // Spare GOT entries take the pages of the stretches of .text that no
-  // entry whose value stays reaches: the page entries, and the local
-  // entries that hold no code address (vesk re-points those that do).
+  // page entry reaches.
   void give_spares_pages(Description &d) {
-    if (im_.got == nullptr || im_.got->raw == nullptr)
-      return;
-    std::vector<uint64_t> values;
-    uint64_t n = std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / 4);
-    for (uint32_t k = 2; k < n; ++k) {
-      uint64_t v = im_.word(*im_.got, im_.got_addr + k * 4);
-      if (got_pages_.count(k) || !im_.in_text(v))
-        values.push_back(v);
-    }
-    for (const auto &[index, page] : cover_text_with_pages(im_, spare_got_entries(im_, got_pages_), values)) {
+    auto value = [this](uint32_t k) { return uint64_t(im_.word(*im_.got, im_.got_addr + k * 4)); };
+    for (const auto &[index, page] : pages_for_spares(im_, got_pages_, got_pages_, value)) {
       d.got_entries.push_back({index, page});
       d.page_spares.push_back(index);
       got_pages_.insert(index);

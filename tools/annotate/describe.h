@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -44,16 +45,16 @@ struct Description {
   std::vector<uint32_t> page_spares;
 };
 
-// The local GOT entries that the linker reserved and left unused: they
-// hold 0 and no load from gp in the executable code, nor any entry of
-// used, reads them.  None when the code reads the GOT through %hi/%lo
-// pairs of gp offsets.
-std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t> &used);
-// Spare entries (taken in order) and the 64 KB pages they get so that every
-// address of .text lies within 32 KB of one of values or of a page given;
-// fewer when the spares run out.
-std::vector<std::pair<uint32_t, uint64_t>> cover_text_with_pages(const Image &im, const std::vector<uint32_t> &spares,
-                                                                 std::vector<uint64_t> values);
+// The pages that spare GOT entries (local ones that the linker reserved
+// and left 0, which no load from gp in the executable code, nor any entry
+// of used, reads) take so that every address of .text lies within 32 KB of
+// an entry whose value stays: a page entry, or a local entry that holds no
+// code address (vesk re-points those that do).  value(k) is entry k's
+// value in the copy.  Fewer than needed when the spares run out; none when
+// the code reads the GOT through %hi/%lo pairs of gp offsets.
+std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, const std::set<uint32_t> &page_entries,
+                                                            const std::set<uint32_t> &used,
+                                                            const std::function<uint64_t(uint32_t)> &value);
 
 // Describes the image's code-address references.  A reference no entry can
 // describe ends the run with an error that names it.

@@ -163,17 +163,10 @@ private:
   }
 
   // Spare GOT entries take the pages of the stretches of .text that no
-  // entry whose value stays reaches: the page entries, and the local
-  // entries that hold no code address (vesk re-points those that do).
+  // page entry reaches.
   void give_spares_pages(Description &d) {
-    if (im_.got == nullptr || im_.got->raw == nullptr)
-      return;
-    std::vector<uint64_t> values;
-    uint64_t n = std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / im_.word_size);
-    for (uint32_t k = 2; k < n; ++k)
-      if (page_entries_.count(k) || !im_.in_text(got_value(k)))
-        values.push_back(got_value(k));
-    for (const auto &[index, page] : cover_text_with_pages(im_, spare_got_entries(im_, used_entries_), values)) {
+    auto value = [this](uint32_t k) { return got_value(k); };
+    for (const auto &[index, page] : pages_for_spares(im_, page_entries_, used_entries_, value)) {
       got_entries_.push_back({index, page});
       d.page_spares.push_back(index);
       page_entries_.insert(index);

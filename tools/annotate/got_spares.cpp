@@ -25,8 +25,8 @@ namespace {
 // instruction.
 bool reads_got_in_pairs(uint32_t type) { return type == 22 || type == 23 || type == 30 || type == 31; }
 
-} // namespace
-
+// The local entries that hold 0 and that nothing reads: no load from gp
+// in the executable code, nor any entry of used.
 std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t> &used) {
   if (im.got == nullptr || im.got->raw == nullptr || im.gp_value == 0)
     return {};
@@ -70,6 +70,8 @@ std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t
   return out;
 }
 
+// Spare entries (taken in order) and the 64 KB pages they get so that every
+// address of .text lies within 32 KB of one of values or of a page given.
 std::vector<std::pair<uint32_t, uint64_t>> cover_text_with_pages(const Image &im, const std::vector<uint32_t> &spares,
                                                                  std::vector<uint64_t> values) {
   std::vector<std::pair<uint32_t, uint64_t>> given;
@@ -92,6 +94,21 @@ std::vector<std::pair<uint32_t, uint64_t>> cover_text_with_pages(const Image &im
     a = *end;
   }
   return given;
+}
+
+} // namespace
+
+std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, const std::set<uint32_t> &page_entries,
+                                                            const std::set<uint32_t> &used,
+                                                            const std::function<uint64_t(uint32_t)> &value) {
+  if (im.got == nullptr || im.got->raw == nullptr)
+    return {};
+  std::vector<uint64_t> values;
+  uint64_t n = std::min<uint64_t>(im.local_gotno, im.got->sh.sh_size / im.word_size);
+  for (uint32_t k = 2; k < n; ++k)
+    if (page_entries.count(k) || !im.in_text(value(k)))
+      values.push_back(value(k));
+  return cover_text_with_pages(im, spare_got_entries(im, used), values);
 }
 
 } // namespace vesk::annotate
