@@ -38,6 +38,12 @@ constexpr bool is_jr(uint32_t w) { return op(w) == OP_SPECIAL && funct(w) == FN_
 constexpr bool is_jalr(uint32_t w) { return op(w) == OP_SPECIAL && funct(w) == FN_JALR; }
 constexpr bool is_jal(uint32_t w) { return op(w) == OP_JAL; }
 constexpr bool is_break0(uint32_t w) { return w == 0x0000000d; }
+// A load from memory at rs + simm16 (integer, coprocessor, linked, unaligned).
+constexpr bool is_load(uint32_t w) {
+  uint32_t o = op(w);
+  return (o >= 0x20 && o <= 0x27) || o == 0x1a || o == 0x1b || o == 0x30 || o == 0x31 || o == 0x32 ||
+         (o >= 0x34 && o <= 0x37);
+}
 
 // Target of a PC-relative branch at pc (64-bit arithmetic).
 constexpr uint64_t branch_target(uint64_t pc, uint32_t w) {

@@ -189,6 +189,7 @@ private:
     const char *linkage_name; // may be null
     Dwarf_Off offset;
     const char *file_name;
+    bool specification; // a C++ member's definition: its name is on the declaration
   };
 
   // The record of one range of a subprogram's code; `part` is 0 for the
@@ -196,14 +197,31 @@ private:
   // own (an out-of-line copy, or a clone such as foo.part.0) takes that of
   // the function symbol at its start, which tells clones apart; failing
   // that, the inline notes give it its abstract entry's name at the end.
+  // So does the definition of a C++ member, whose entry has no name either
+  // (it is on the declaration).  A C++ function's own name is no better:
+  // overloads and the members of other classes share it, and feedback
+  // could not tell them apart; the symbol's (mangled) name can.  So when a
+  // function symbol starts here and none has the entry's name, the
+  // symbol's names the record (a C function keeps its name).
   void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
+    // The entry of a function that the linker discarded (a C++ inline
+    // function or template instance that another file's copy stands for)
+    // kept the address its relocation resolved to: no code of this program.
+    if (lo < bin.exec_lo || lo >= bin.exec_hi) {
+      if (option.debug & 1)
+        dump("  Subprogram: %s(%#llx-%#llx) discarded", s.text, (unsigned long long)lo, (unsigned long long)hi);
+      return;
+    }
     if (reordered)
       follow_table(s.text, &lo, &hi);
     if (hi > lo && !recorded.insert({lo, hi}).second)
       return;
     bool instance = s.have_origin || s.linkage_name != nullptr;
     const char *name = part == 0 ? s.name : nullptr;
-    if (name == nullptr && (part > 0 || instance))
+    if (name != nullptr && !symbols->named_at(lo, name))
+      if (const char *symbol = symbols->name_at(lo))
+        name = symbol;
+    if (name == nullptr && (part > 0 || instance || s.specification))
       name = symbols->name_at(lo);
     if (name == nullptr && part > 0 && s.name != nullptr)
       name = cold_name(s.name, part);
@@ -293,7 +311,8 @@ private:
     if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
       error("Unable to get dieoffset for %s\n", text.c_str());
 
-    Subprogram s{name, text.c_str(), have_origin, origin, linkage_name, offset, unit.file_name};
+    Subprogram s{name,   text.c_str(), have_origin,    origin, linkage_name,
+                 offset, unit.file_name, has_attr(die, DW_AT_specification)};
     if (pc.have_high || have_ranges) {
       if (pc.have_high && !pc.have_low)
         error("Have highpc but no lowpc on %s\n", text.c_str());

@@ -453,6 +453,20 @@ void read_event_got_pages() {
     if (index < bin.got_page.size())
       bin.got_page[index] = 1;
   });
+  Elf_Data *d = find_section_data_by_name(bin.in_elf, GOT_PAGES_SECTION);
+  if (d == nullptr)
+    return;
+  const auto *p = static_cast<const uint8_t *>(d->d_buf);
+  if ((p == nullptr && d->d_size != 0) || d->d_size % 4 != 0)
+    error("%s: section %s is damaged: its size is not a whole number of entries", option.program,
+          GOT_PAGES_SECTION);
+  for (size_t off = 0; off < d->d_size; off += 4) {
+    uint32_t index = load32(p + off);
+    if (index < 2 || index >= bin.local_gotno || index >= bin.got_page.size())
+      error("%s: section %s names GOT entry %u, which is not a local entry of .got", option.program,
+            GOT_PAGES_SECTION, index);
+    bin.got_page[index] = 1;
+  }
 }
 
 } // namespace vesk

@@ -66,7 +66,14 @@ bool has_event_sections(Elf *elf);
 void process_update_events();
 
 // Marks the GOT entries that EK_GOT_PAGE records read as pages
-// (bin.got_page), from the input, before the GOT is updated.
+// (bin.got_page), from the input, before the GOT is updated, and those
+// that the GOT_PAGES_SECTION lists.
 void read_event_got_pages();
+
+// The section in which vesk-annotate lists, as big-endian 32-bit indices,
+// the GOT entries of an n32 or n64 executable that it gave a 64 KB page
+// and that no page load reads yet: spare entries that the linker left 0,
+// which make pages reach every stretch of .text.
+constexpr const char *GOT_PAGES_SECTION = ".vesk.got_pages";
 
 } // namespace vesk

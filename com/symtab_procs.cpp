@@ -125,6 +125,15 @@ const char *FunctionSymbols::name_at(uint64_t addr) const {
   return it != by_addr.end() && it->addr == addr ? it->name : nullptr;
 }
 
+bool FunctionSymbols::named_at(uint64_t addr, const char *name) const {
+  auto it = std::lower_bound(by_addr.begin(), by_addr.end(), addr,
+                             [](const FunctionSymbol &s, uint64_t a) { return s.addr < a; });
+  for (; it != by_addr.end() && it->addr == addr; ++it)
+    if (std::strcmp(it->name, name) == 0)
+      return true;
+  return false;
+}
+
 FunctionSymbols read_function_symbols(Elf *elf) {
   FunctionSymbols out;
   SymtabSections secs = find_sections(elf);

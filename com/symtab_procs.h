@@ -28,6 +28,8 @@ struct FunctionSymbols {
 
   // The name of the first symbol that starts at addr, or null.
   const char *name_at(uint64_t addr) const;
+  // Whether a symbol of that name starts at addr.
+  bool named_at(uint64_t addr, const char *name) const;
   bool has_sized(const char *name) const { return sized_names.count(name) != 0; }
 };
 

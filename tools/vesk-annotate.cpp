@@ -62,16 +62,18 @@ int annotate(int argc, char **argv) {
       for (const vesk::annotate::EventRef &e : *list)
         std::printf("%-16s at %s: %#llx\n", vesk::event_kind_string(e.kind).c_str(), im.where(e.addr).c_str(),
                     (unsigned long long)e.value);
-    std::printf("%zu records, %zu data records, %zu GOT page entries, %zu calls given back their jalr form\n",
-                d.events.size(), d.data.size(), d.got_pages.size(), d.patches.size());
+    std::printf("%zu records, %zu data records, %zu GOT page entries (%zu spare entries given a page), %zu calls "
+                "given back their jalr form\n",
+                d.events.size(), d.data.size(), d.got_pages.size(), d.page_spares.size(), d.patches.size());
   } else if (verbose) {
     static const char *const kinds[8] = {"", "", "gp-relative word", "word", "_gp_disp pair", "GOT page", "",
                                          "%hi/%lo"};
     for (const vesk::CompactRelEntry &e : entries)
       std::printf("%-16s at %s: partner %+d bytes, address %#x\n", kinds[e.type & 7], im.where(e.vaddr).c_str(),
                   e.type == vesk::CR_GP_DISP ? int(e.dist2to) : -int(e.dist2to), e.konst);
-    std::printf("%zu entries, %zu GOT page entries, %zu calls given back their jalr form\n", entries.size(),
-                d.got_pages.size(), d.patches.size());
+    std::printf("%zu entries, %zu GOT page entries (%zu spare entries given a page), %zu calls given back their "
+                "jalr form\n",
+                entries.size(), d.got_pages.size(), d.page_spares.size(), d.patches.size());
   }
   vesk::annotate::write_annotated(im, d, vesk::annotate::annotation_sections(im, d), out);
   return 0;

@@ -1,5 +1,6 @@
 #include "vesk/noreturn.h"
 
+#include <cctype>
 #include <cstring>
 #include <gelf.h>
 #include <string>
@@ -22,7 +23,20 @@ const char *const kLibraryNoReturn[] = {
     "abort", "exit", "_exit", "_Exit", "quick_exit", "longjmp", "_longjmp", "siglongjmp", "__longjmp_chk",
     "__assert_fail", "__assert_perror_fail", "__assert", "__stack_chk_fail", "__chk_fail", "__fortify_fail",
     "pthread_exit", "err", "errx", "verr", "verrx", "__libc_fatal", "__cxa_throw", "__cxa_rethrow",
-    "_Unwind_Resume", "__builtin_unreachable"};
+    "_Unwind_Resume", "__builtin_unreachable", "__cxa_bad_cast", "__cxa_bad_typeid", "__cxa_pure_virtual",
+    "__cxa_deleted_virtual", "__cxa_throw_bad_array_new_length", "__cxa_call_terminate", "_ZSt9terminatev"};
+
+// libstdc++'s std::__throw_length_error, std::__throw_logic_error and the
+// like (mangled _ZSt<length>__throw_...) throw and never return; C++ code
+// calls them at the end of many functions.
+bool is_std_thrower(const std::string &name) {
+  size_t i = 4;
+  if (name.compare(0, 4, "_ZSt") != 0 || i >= name.size() || !std::isdigit(static_cast<unsigned char>(name[i])))
+    return false;
+  while (i < name.size() && std::isdigit(static_cast<unsigned char>(name[i])))
+    ++i;
+  return name.compare(i, 8, "__throw_") == 0;
+}
 
 constexpr uint32_t GP = 28, T9 = 25;
 
@@ -151,14 +165,14 @@ bool NoReturn::ends_in_call_that_never_returns(const Proc *p) {
   }
   if (!known)
     return false;
-  if (!name.empty() && s_->library.count(name) != 0)
+  if (!name.empty() && (s_->library.count(name) != 0 || is_std_thrower(name)))
     return true;
   if (target == 0)
     return false;
   Proc *callee = get_proc_by_addr(target);
   if (callee == nullptr || callee->old_addr != target)
     return false;
-  if (callee->name != nullptr && s_->library.count(callee->name))
+  if (callee->name != nullptr && (s_->library.count(callee->name) || is_std_thrower(callee->name)))
     return true;
   return never_returns(callee);
 }

@@ -5,8 +5,10 @@
 #
 #   bench/real/build.sh OUTDIR
 #
-# bzip2, jimtcl's jimsh and duktape's duk are each compiled for o32, n32 and
-# n64, sqlite3's shell for o32 only (its compile time), with mdebug
+# bzip2, jimtcl's jimsh, duktape's duk and jsoncpp's two test programs
+# (C++: jsoncpp_test, its unit tests, and jsontestrunner, which its data
+# tests run) are each compiled for o32, n32 and n64, sqlite3's shell for
+# o32 only (its compile time), with mdebug
 # (-Wa,-mdebug, no -g; not n64, whose mdebug form vesk refuses) and with
 # DWARF (-g), in three code models: pie (the compiler's default), no-pie
 # (-no-pie) and fno-pie (-fno-pie -no-pie).  Unlike
@@ -16,7 +18,7 @@
 #
 # Sources are fetched once with apt-get source into
 # ${VESK_CACHE:-$HOME/.cache/vesk}/src/<package>_<version>.  Executables
-# and their check results are kept in .../real/, keyed by package version,
+# and their check results are kept in .../real/, keyed by program, package version,
 # ABI, debug kind, model and a hash of this script (which holds the flags),
 # the jimtcl headers and the compilers' versions (check results: also of
 # check.sh and the duktape and sqlite3 scripts).
@@ -37,8 +39,23 @@ bzip2 1.0.8-5
 jimtcl 0.81+dfsg0-2
 duktape 2.7.0-2
 sqlite3 3.40.1-2+deb12u2
+libjsoncpp 1.9.5-4
 "
 
+# The source package of a program, and the programs built from a package,
+# which share their objects: a package is compiled as one job.
+package_of() {
+  case $1 in
+    jsoncpp_test | jsontestrunner) echo libjsoncpp ;;
+    *) echo "$1" ;;
+  esac
+}
+programs_of() {
+  case $1 in
+    libjsoncpp) echo "jsoncpp_test jsontestrunner" ;;
+    *) echo "$1" ;;
+  esac
+}
 version() { echo "$packages" | awk -v p="$1" '$1 == p { print $2 }'; }
 # apt-get source unpacks into <package>-<upstream version>.
 srcdir() { v=$(version "$1"); echo "$cache/src/$1_$v/$1-${v%-*}"; }
@@ -49,9 +66,12 @@ srcdir() { v=$(version "$1"); echo "$cache/src/$1_$v/$1-${v%-*}"; }
 jim_tcl_exts="binary glob jsonencode nshelper oo stdlib tclcompat tree"
 jim_c_exts="aio array clock eventloop exec file history interp json load namespace pack package posix readdir regexp signal syslog tclprefix"
 
-# recipe PROGRAM: sets what it compiles (paths relative to its source
-# directory), the flags it needs beyond -O2 and its libraries.
+# recipe PACKAGE: sets what it compiles (paths relative to its source
+# directory), the flags it needs beyond -O2 and its libraries; a package
+# of several programs also sets sources_<program>, what each links (all of
+# sources otherwise).
 recipe() {
+  lang=c
   case $1 in
     bzip2)
       sources="blocksort.c huffman.c crctable.c randtable.c compress.c decompress.c bzlib.c bzip2.c"
@@ -90,6 +110,30 @@ recipe() {
       cflags="-DSQLITE_ENABLE_MATH_FUNCTIONS -DSQLITE_ENABLE_FTS4"
       libs="-lm"
       ;;
+    libjsoncpp)
+      # The library's sources linked into each of its test programs, as its
+      # CMake build links them with the static library; its CMakeLists
+      # asks for C++11 with GNU extensions.
+      lang=cxx
+      lib="src/lib_json/json_reader.cpp src/lib_json/json_value.cpp src/lib_json/json_writer.cpp"
+      # shellcheck disable=SC2034 # read through eval
+      sources_jsoncpp_test="$lib src/test_lib_json/jsontest.cpp src/test_lib_json/fuzz.cpp src/test_lib_json/main.cpp"
+      # shellcheck disable=SC2034
+      sources_jsontestrunner="$lib src/jsontestrunner/main.cpp"
+      sources="$lib src/test_lib_json/jsontest.cpp src/test_lib_json/fuzz.cpp src/test_lib_json/main.cpp src/jsontestrunner/main.cpp"
+      cflags="-std=gnu++11 -Iinclude"
+      libs=""
+      ;;
+  esac
+}
+
+# The object a source compiles to: named after the source, less its
+# directory unless two sources of the package share a name.
+object_of() {
+  case $1 in
+    src/test_lib_json/main.cpp) echo test_main ;;
+    src/jsontestrunner/main.cpp) echo runner_main ;;
+    *) basename "$1" | sed 's/\.c$//; s/\.cpp$//' ;;
   esac
 }
 
@@ -102,11 +146,14 @@ abis_of() {
   esac
 }
 
+# compiler ABI LANG
 compiler() {
+  d=gcc
+  [ "$2" = cxx ] && d=g++
   case $1 in
-    o32) echo "mips-linux-gnu-gcc" ;;
-    n32) echo "mips64-linux-gnuabi64-gcc -mabi=n32" ;;
-    n64) echo "mips64-linux-gnuabi64-gcc" ;;
+    o32) echo "mips-linux-gnu-$d" ;;
+    n32) echo "mips64-linux-gnuabi64-$d -mabi=n32" ;;
+    n64) echo "mips64-linux-gnuabi64-$d" ;;
   esac
 }
 
@@ -123,27 +170,31 @@ models_of() {
 # check result.
 hashes() {
   hb=$({ cat "$here/build.sh" "$here"/jimtcl/*.h
-         mips-linux-gnu-gcc --version | head -n1
-         mips64-linux-gnuabi64-gcc --version | head -n1
+         for c in gcc g++; do
+           mips-linux-gnu-$c --version | head -n1
+           mips64-linux-gnuabi64-$c --version | head -n1
+         done
          mips-linux-gnu-ld --version | head -n1; } | sha256sum | cut -c1-16)
   hc=$({ echo "$hb"; cat "$here/check.sh" "$here"/duktape/*.js "$here"/sqlite3/*.sql; } | sha256sum | cut -c1-16)
 }
 
-# Internal entry point, called through xargs: compile one program for one
-# ABI, debug kind and code generation (pic/nopic), link its models, and put
-# the executables in the cache.
+# Internal entry point, called through xargs: compile one package for one
+# ABI, debug kind and code generation (pic/nopic), link the models of its
+# programs, and put the executables in the cache.
 if [ "${1:-}" = "--compile" ]; then
-  prog=$2 abi=$3 debug=$4 cg=$5 hb=$6 tmp=$7
-  ver=$(version "$prog")
-  cc=$(compiler "$abi")
-  recipe "$prog"
+  pkg=$2 abi=$3 debug=$4 cg=$5 hb=$6 tmp=$7
+  ver=$(version "$pkg")
+  recipe "$pkg"
+  cc=$(compiler "$abi" "$lang")
   names=""
-  for model in $(models_of "$cg"); do names="$names $prog-$abi-$debug-$model"; done
+  for prog in $(programs_of "$pkg"); do
+    for model in $(models_of "$cg"); do names="$names $prog-$abi-$debug-$model"; done
+  done
   case $cg in
     pic) cgflags="" ;;
     nopic) cgflags="-fno-pie" ;;
   esac
-  work=$tmp/$prog-$abi-$debug-$cg
+  work=$tmp/$pkg-$abi-$debug-$cg
   rm -rf "$work"
   mkdir -p "$work"
   # The programs' own warnings would drown everything else: they go to a
@@ -154,9 +205,9 @@ if [ "${1:-}" = "--compile" ]; then
     echo "build.sh: cannot build$names: $1" >&2
     exit 255 # stops xargs
   }
-  cd "$(srcdir "$prog")"
+  cd "$(srcdir "$pkg")"
   for src in $sources; do
-    obj=$work/$(basename "$src" .c)
+    obj=$work/$(object_of "$src")
     if [ "$debug" = dwarf ]; then
       # shellcheck disable=SC2086
       $cc -O2 $cgflags $cflags -g -c -o "$obj.o" "$src" 2>>"$log" || fail "compiling $src"
@@ -172,18 +223,26 @@ if [ "${1:-}" = "--compile" ]; then
     fi
   done
   mkdir -p "$cache/real/exe"
-  for model in $(models_of "$cg"); do
-    case $model in
-      pie) mflags="" ;;
-      no-pie) mflags="-no-pie" ;;
-      fno-pie) mflags="-fno-pie -no-pie" ;;
-    esac
-    name=$prog-$abi-$debug-$model
-    # shellcheck disable=SC2086
-    $cc -O2 $mflags -Wl,-q -o "$work/$name" "$work"/*.o $libs 2>>"$log" || fail "linking $name"
-    # Drop what older versions of the script or package left.
-    rm -f "$cache/real/exe/$prog-"*"-$abi-$debug-$model-"*
-    mv "$work/$name" "$cache/real/exe/$prog-$ver-$abi-$debug-$model-$hb"
+  for prog in $(programs_of "$pkg"); do
+    # A program of a package of several links its own sources' objects, in
+    # their order; a package's one program every object.
+    eval "own=\${sources_$prog:-}"
+    set --
+    for src in $own; do set -- "$@" "$work/$(object_of "$src").o"; done
+    [ -n "$own" ] || set -- "$work"/*.o
+    for model in $(models_of "$cg"); do
+      case $model in
+        pie) mflags="" ;;
+        no-pie) mflags="-no-pie" ;;
+        fno-pie) mflags="-fno-pie -no-pie" ;;
+      esac
+      name=$prog-$abi-$debug-$model
+      # shellcheck disable=SC2086
+      $cc -O2 $mflags -Wl,-q -o "$work/$name" "$@" $libs 2>>"$log" || fail "linking $name"
+      # Drop what older versions of the script or package left.
+      rm -f "$cache/real/exe/$prog-"*"-$abi-$debug-$model-"*
+      mv "$work/$name" "$cache/real/exe/$prog-$ver-$abi-$debug-$model-$hb"
+    done
   done
   rm -rf "$work"
   exit 0
@@ -224,17 +283,17 @@ up_to_date && exit 0
 rm -f "$out/.stamp" "$out/manifest.tsv"
 
 fetch() {
-  prog=$1
-  ver=$(version "$prog")
-  [ -d "$(srcdir "$prog")" ] && return 0
-  dir=$cache/src/${prog}_$ver
-  echo "build.sh: fetching the source of $prog $ver"
+  pkg=$1
+  ver=$(version "$pkg")
+  [ -d "$(srcdir "$pkg")" ] && return 0
+  dir=$cache/src/${pkg}_$ver
+  echo "build.sh: fetching the source of $pkg $ver"
   rm -rf "$dir.tmp"
   mkdir -p "$dir.tmp"
-  if ! (cd "$dir.tmp" && apt-get source -q "$prog=$ver" >apt.log 2>&1) ||
-     [ ! -d "$dir.tmp/$prog-${ver%-*}" ]; then
+  if ! (cd "$dir.tmp" && apt-get source -q "$pkg=$ver" >apt.log 2>&1) ||
+     [ ! -d "$dir.tmp/$pkg-${ver%-*}" ]; then
     cat "$dir.tmp/apt.log" >&2 || true
-    echo "build.sh: cannot fetch the source of $prog $ver (are deb-src lines enabled? see scripts/setup)" >&2
+    echo "build.sh: cannot fetch the source of $pkg $ver (are deb-src lines enabled? see scripts/setup)" >&2
     exit 1
   fi
   rm -rf "$dir"
@@ -286,8 +345,9 @@ prepare_sqlite3() {
 }
 
 # In the manifest's order (the tests take turns along it); the compile
-# jobs run in this order too, but sqlite3's first: the longest builds first.
-programs="duktape jimtcl bzip2 sqlite3"
+# jobs run in this order too, but sqlite3's first, then jsoncpp's: the
+# longest builds first.
+programs="duktape jimtcl bzip2 sqlite3 jsoncpp_test jsontestrunner"
 
 # Every executable: name program abi debug model codegen
 list() {
@@ -308,12 +368,16 @@ list() {
 tmp=$out/.work
 rm -rf "$tmp"
 mkdir -p "$tmp"
+# One job per package, ABI, debug kind and code generation.
 list | while read -r name prog abi debug model cg; do
-  [ -f "$cache/real/exe/$prog-$(version "$prog")-$abi-$debug-$model-$hb" ] ||
-    echo "$prog $abi $debug $cg $hb $tmp"
-done | uniq | awk '$1 == "sqlite3" { print; next } { rest = rest $0 "\n" } END { printf "%s", rest }' >"$tmp/jobs"
+  pkg=$(package_of "$prog")
+  [ -f "$cache/real/exe/$prog-$(version "$pkg")-$abi-$debug-$model-$hb" ] ||
+    echo "$pkg $abi $debug $cg $hb $tmp"
+done | awk '!seen[$0]++' >"$tmp/all-jobs"
+{ grep '^sqlite3 ' "$tmp/all-jobs"; grep '^libjsoncpp ' "$tmp/all-jobs"
+  grep -v '^sqlite3 \|^libjsoncpp ' "$tmp/all-jobs"; } >"$tmp/jobs" || true
 
-for prog in $programs; do fetch "$prog"; done
+for pkg in $(for prog in $programs; do package_of "$prog"; done | awk '!seen[$0]++'); do fetch "$pkg"; done
 if grep -q '^jimtcl ' "$tmp/jobs"; then prepare_jimtcl; fi
 if grep -q '^sqlite3 ' "$tmp/jobs"; then prepare_sqlite3; fi
 
@@ -324,15 +388,16 @@ xargs -r -P2 -L1 sh -c '"$0" --compile "$@"' "$here/build.sh" <"$tmp/jobs" 9>&-
 
 # The test data check.sh runs on.
 rm -rf "$out/data"
-mkdir -p "$out/data/bzip2" "$out/data/jimtcl" "$out/data/duktape" "$out/data/sqlite3"
+for prog in $programs; do mkdir -p "$out/data/$prog"; done
 (cd "$(srcdir bzip2)" && cp sample1.ref sample2.ref sample3.ref sample1.bz2 sample2.bz2 sample3.bz2 "$out/data/bzip2/")
 (cd "$(srcdir jimtcl)" && cp -R tests tcltest.tcl "$out/data/jimtcl/")
 (cd "$(srcdir duktape)" && cp mandel.js examples/guide/fib.js examples/guide/prime.js examples/guide/process.js "$out/data/duktape/")
 cp "$here"/duktape/*.js "$out/data/duktape/"
 cp "$here"/sqlite3/*.sql "$out/data/sqlite3/"
+(cd "$(srcdir libjsoncpp)" && cp test/data/*.json test/data/*.expected "$out/data/jsontestrunner/")
 
 list | while read -r name prog abi debug model cg; do
-  ver=$(version "$prog")
+  ver=$(version "$(package_of "$prog")")
   cp "$cache/real/exe/$prog-$ver-$abi-$debug-$model-$hb" "$out/$name"
   key=$prog-$ver-$abi-$debug-$model-$hc
   [ -f "$cache/real/result/$key" ] || echo "$out $prog $abi $name $key"
@@ -343,7 +408,7 @@ xargs -r -P2 -L1 sh -c '"$0" --check "$@"' "$here/build.sh" <"$tmp/checks" 9>&-
 # Every build of a program must give the same result; it is the reference
 # check.sh compares with.
 for prog in $programs; do
-  ver=$(version "$prog")
+  ver=$(version "$(package_of "$prog")")
   ref=""
   list | while read -r name p abi debug model cg; do
     [ "$p" = "$prog" ] || continue

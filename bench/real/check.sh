@@ -5,7 +5,8 @@
 #
 #   bench/real/check.sh PROGRAM ABI EXE
 #
-# PROGRAM is bzip2, jimtcl, duktape or sqlite3; ABI o32, n32 or n64.  The
+# PROGRAM is bzip2, jimtcl, duktape, sqlite3, jsoncpp_test or
+# jsontestrunner; ABI o32, n32 or n64.  The
 # test data and the reference are in the OUTDIR of build.sh: $VESK_REAL_DIR,
 # or else the directory of EXE.  Exits 0 when the result is the reference's,
 # 1 (with a diff on stderr) otherwise; a crash or a hang (20 s per qemu run,
@@ -34,6 +35,12 @@
 #            (core.sql), JSON (json.sql), full-text search (fts.sql), and
 #            the shell's output modes, dot commands and built-in extensions
 #            (shell.sql).
+#   jsoncpp_test: jsoncpp's unit tests (119, some throwing and catching
+#            C++ exceptions), all of them; the result is its report.
+#   jsontestrunner: jsoncpp's reader and writer tests, what its
+#            test/runjsontests.py does: each file of test/data read, written
+#            and read back, the value trees printed compared with the
+#            .expected file; the fail_* files must be refused in strict mode.
 set -eu
 
 mode=compare
@@ -169,12 +176,56 @@ result_sqlite3() {
   cat "$tmp/status"
 }
 
+result_jsoncpp_test() {
+  cd "$tmp"
+  run "jsoncpp_test" 2>&1
+  cat "$tmp/status"
+}
+
+# As runjsontests.py compares: line by line, leading and trailing blanks
+# and blank lines at either end left out.
+trimmed() { sed 's/\r//g; s/^[[:space:]]*//; s/[[:space:]]*$//' "$1" | awk 'NF { for (; blank > 0; blank--) print ""; print; started = 1; next } started { blank++ }'; }
+# runjsontests.py runs each file with three writers in turn, one qemu
+# start-up each; here each file gets one of them, in turn (the unit tests
+# cover every writer too).
+result_jsontestrunner() {
+  cp "$data"/*.json "$tmp/"
+  cd "$tmp"
+  i=0
+  for f in *.json; do
+    b=${f%.json}
+    case $f in
+      fail_*)
+        run "$f --json-checker" --json-checker "$f" 2>/dev/null
+        ;;
+      *)
+        set -- StyledWriter StyledStreamWriter BuiltStyledStreamWriter
+        shift $((i % 3))
+        i=$((i + 1))
+        run "$f $1" --json-writer "$1" "$f" 2>&1
+        trimmed "$data/$b.expected" >"$b.want"
+        for out in actual actual-rewrite; do
+          if [ -f "$b.$out" ] && trimmed "$b.$out" | cmp -s - "$b.want"; then
+            echo "$b.$out: same"
+          else
+            echo "$b.$out: differs"
+          fi
+        done
+        cksum <"$b.rewrite"
+        ;;
+    esac
+  done
+  cat "$tmp/status"
+}
+
 result() {
   case $prog in
     bzip2) result_bzip2 >"$tmp/result" ;;
     duktape) result_duktape >"$tmp/result" ;;
     jimtcl) result_jimtcl >"$tmp/result" ;;
     sqlite3) result_sqlite3 >"$tmp/result" ;;
+    jsoncpp_test) result_jsoncpp_test >"$tmp/result" ;;
+    jsontestrunner) result_jsontestrunner >"$tmp/result" ;;
     *) echo "check.sh: unknown program $prog" >&2; exit 2 ;;
   esac
 }

@@ -96,16 +96,6 @@ public:
         if (code)
           lo(checked(r.r_offset), sym, pending, pending_gp);
         break;
-      case R_MIPS_CALL16:
-      case R_MIPS_GOT_DISP:
-      case R_MIPS_GOT_PAGE:
-      case R_MIPS_GOT_LO16:
-      case R_MIPS_CALL_LO16:
-      case R_MIPS_GOT_HI16:
-      case R_MIPS_CALL_HI16:
-        if (code)
-          note_got_read(type, checked(r.r_offset));
-        break;
       case R_MIPS_JALR:
         if (code) {
           unrelax(checked(r.r_offset));
@@ -137,13 +127,9 @@ public:
     }
     check_shared_his(lo_formed);
 
-    bool code_through_pages = false;
     for (const Hi &h : his_) {
-      if (h.got) {
+      if (h.got)
         got_pages_.insert(got_index(h));
-        read_entries_.insert(got_index(h));
-        code_through_pages |= h.formed && im_.in_text(*h.formed);
-      }
       if (!h.formed || !im_.in_text(*h.formed))
         continue;
       if (!im_.in_text(h.offset))
@@ -167,9 +153,8 @@ public:
     };
     out_.erase(std::unique(out_.begin(), out_.end(), same), out_.end());
     Description d;
-    if (code_through_pages)
-      hold_every_text_page(d);
     d.entries = std::move(out_);
+    give_spares_pages(d);
     d.got_pages.assign(got_pages_.begin(), got_pages_.end());
     d.patches = std::move(patches_);
     return d;
@@ -186,13 +171,22 @@ private:
   std::vector<bool> got_lo_;                     // the %lo adds to a GOT page
   std::map<size_t, std::vector<size_t>> users_;  // %hi -> the %lo it feeds
   std::set<uint32_t> got_pages_;
-  std::set<uint32_t> read_entries_; // GOT entries some instruction loads
-  bool unknown_got_reads_ = false;  // a large-GOT access, whose entry is computed
   std::unordered_map<uint32_t, uint32_t> call_target_; // jalr $25 -> the function its relocation names
   std::vector<std::pair<uint64_t, uint32_t>> patches_;
   std::vector<CompactRelEntry> out_;
 
   const char *path() const { return im_.path.c_str(); }
+
+  // Spare GOT entries take the pages of the stretches of .text that no
+  // page entry reaches.
+  void give_spares_pages(Description &d) {
+    auto value = [this](uint32_t k) { return got_word(im_, k); };
+    for (const auto &[index, page] : pages_for_spares(im_, got_pages_, got_pages_, value)) {
+      d.got_entries.push_back({index, page});
+      d.page_spares.push_back(index);
+      got_pages_.insert(index);
+    }
+  }
 
   void index_functions() {
     std::map<std::string, size_t> groups;
@@ -310,55 +304,6 @@ private:
   }
 
   uint32_t got_index(const Hi &h) const { return (got_entry_address(h) - im_.got_addr) / 4; }
-
-  // An instruction that reads a GOT entry without forming a code address
-  // (calls, global addresses): its entry is in use.
-  void note_got_read(uint32_t type, uint32_t at) {
-    uint32_t insn = word(*rs_->target, at);
-    if (type == R_MIPS_GOT_HI16 || type == R_MIPS_CALL_HI16 || mips::rs(insn) != GP || im_.got == nullptr) {
-      unknown_got_reads_ = true;
-      return;
-    }
-    uint32_t entry = im_.gp_value + uint32_t(mips::simm16(insn));
-    if (entry >= im_.got_addr && (entry - im_.got_addr) / 4 < im_.got->sh.sh_size / 4)
-      read_entries_.insert((entry - im_.got_addr) / 4);
-  }
-
-  // A page load reaches 32 KB either side of the page its entry holds, and
-  // vesk can send a moved code address only to a page that some entry
-  // holds and keeps.  The linker holds just the pages the code used where
-  // it lay, but it reserves a few more local entries than it fills: each
-  // page the text spans that no entry holds takes one of those spares, so
-  // that a code address finds its page wherever a layout puts it.
-  void hold_every_text_page(Description &d) {
-    if (unknown_got_reads_ || im_.got == nullptr || im_.got->raw == nullptr)
-      return;
-    uint32_t n = uint32_t(std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / 4));
-    // DT_PLTGOT need not be where .got starts: an entry .got does not hold
-    // is no spare.
-    auto entry = [&](uint32_t i) -> std::optional<uint32_t> {
-      uint64_t a = im_.got_addr + 4 * uint64_t(i);
-      if (im_.section_holding(a, 4) != im_.got)
-        return std::nullopt;
-      return im_.word(*im_.got, a);
-    };
-    std::set<uint32_t> held;
-    for (uint32_t i : got_pages_)
-      if (auto v = entry(i))
-        held.insert(*v);
-    std::vector<uint32_t> spares;
-    for (uint32_t k = 2; k < n; ++k)
-      if (entry(k) == 0u && !read_entries_.count(k))
-        spares.push_back(k);
-    auto page = [](uint64_t a) { return uint32_t((a + 0x8000) & ~uint64_t(0xffff)); };
-    size_t next = 0;
-    for (uint64_t p = page(im_.text_lo); p <= page(im_.text_hi - 1) && next < spares.size(); p += 0x10000) {
-      if (held.count(uint32_t(p)))
-        continue;
-      d.got_entries.push_back({spares[next], p});
-      got_pages_.insert(spares[next++]);
-    }
-  }
 
   // lui/addiu of _gp_disp: gp minus the address the set-up runs at.  Only a
   // set-up inside .text moves.

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -35,9 +37,27 @@ struct Description {
   // branches, given back their jalr/jr form (address, new word).
   std::vector<std::pair<uint64_t, uint32_t>> patches;
   // GOT entries to set in the copy (index, value): a spare entry that takes
-  // over a page from an entry that also holds a function's address.
+  // over a page from an entry that also holds a function's address, or the
+  // page of a stretch of .text that no page entry reaches.
   std::vector<std::pair<uint32_t, uint64_t>> got_entries;
+  // The spare entries given such a page (also in got_pages): n32 and n64
+  // list them in a section of their own, as no page load reads them.
+  std::vector<uint32_t> page_spares;
 };
+
+// GOT entry index as the input holds it; all ones for an entry outside .got.
+uint64_t got_word(const Image &im, uint32_t index);
+
+// The pages that spare GOT entries (local ones that the linker reserved
+// and left 0, which no load from gp in the executable code, nor any entry
+// of used, reads) take so that every address of .text lies within 32 KB of
+// an entry whose value stays: a page entry, or a local entry that holds no
+// code address (vesk re-points those that do).  value(k) is entry k's
+// value in the copy.  Fewer than needed when the spares run out; none when
+// the code reads the GOT through %hi/%lo pairs of gp offsets.
+std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, const std::set<uint32_t> &page_entries,
+                                                            const std::set<uint32_t> &used,
+                                                            const std::function<uint64_t(uint32_t)> &value);
 
 // Describes the image's code-address references.  A reference no entry can
 // describe ends the run with an error that names it.

@@ -97,6 +97,7 @@ public:
     }
     la25_stubs();
     Description d;
+    give_spares_pages(d);
     std::sort(events_.begin(), events_.end(), [](const EventRef &a, const EventRef &b) { return a.addr < b.addr; });
     d.events = std::move(events_);
     d.data = group_words();
@@ -145,12 +146,7 @@ private:
     for (const auto &[i, v] : got_entries_)
       if (i == index)
         return v;
-    // DT_PLTGOT need not be where .got starts; an entry outside .got holds
-    // no value a page or a spare could have.
-    uint64_t a = im_.got_addr + uint64_t(index) * im_.word_size;
-    if (im_.got == nullptr || im_.section_holding(a, im_.word_size) != im_.got)
-      return ~uint64_t(0);
-    return im_.address_word(*im_.got, a);
+    return got_word(im_, index);
   }
 
   // The GOT entry that a gp-relative load at `at` reads.
@@ -164,6 +160,17 @@ private:
     uint32_t index = uint32_t((e - im_.got_addr) / im_.word_size);
     used_entries_.insert(index);
     return index;
+  }
+
+  // Spare GOT entries take the pages of the stretches of .text that no
+  // page entry reaches.
+  void give_spares_pages(Description &d) {
+    auto value = [this](uint32_t k) { return got_value(k); };
+    for (const auto &[index, page] : pages_for_spares(im_, page_entries_, used_entries_, value)) {
+      got_entries_.push_back({index, page});
+      d.page_spares.push_back(index);
+      page_entries_.insert(index);
+    }
   }
 
   void move_page(uint32_t i) {

@@ -104,6 +104,12 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
   std::vector<NewSection> out{{".MIPS.events", SHT_MIPS_EVENTS, true, events_stream(im, events, true)}};
   if (!im.pic && !d.data.empty())
     out.push_back({".MIPS.content", SHT_MIPS_CONTENT, true, events_stream(im, d.data, false)});
+  if (!d.page_spares.empty()) {
+    std::vector<uint8_t> indices(d.page_spares.size() * 4);
+    for (size_t i = 0; i < d.page_spares.size(); ++i)
+      store32(indices.data() + i * 4, d.page_spares[i]);
+    out.push_back({GOT_PAGES_SECTION, SHT_PROGBITS, false, std::move(indices)});
+  }
   return out;
 }
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
@@ -36,16 +37,22 @@ std::string feedback_text(const Program &p, const std::vector<ProcCount> &counts
     const ProcInfo &r = p.procs[size_t(i)];
     listed[size_t(i)] = true;
     if (!r.nameable) {
+      // vesk reads a feedback file through a 512-byte line buffer, and
+      // the rest of a longer comment would come as a line of its own: the
+      // list goes on over comment lines of at most 80 characters.
       char where[32];
-      std::snprintf(where, sizeof where, "%#llx", (unsigned long long)r.addr);
-      nameless += nameless.empty() ? where : std::string(" ") + where;
+      std::snprintf(where, sizeof where, " %#llx", (unsigned long long)r.addr);
+      size_t line_start = nameless.rfind('\n') + 1; // 0 when there is none
+      if (nameless.empty() || nameless.size() - line_start + std::strlen(where) > 80)
+        nameless += nameless.empty() ? "# ran, but vesk has no name for them:" : "\n#  ";
+      nameless += where;
       continue;
     }
     uint64_t n = std::clamp<uint64_t>(counts[size_t(i)].entries, 1, UINT32_MAX);
     out += r.name + " " + r.file + " " + std::to_string(n) + "\n";
   }
   if (!nameless.empty())
-    out += "# ran, but vesk has no name for them: " + nameless + "\n";
+    out += nameless + "\n";
   out += "# did not run\n";
   for (size_t i = 0; i < p.procs.size(); ++i)
     if (!listed[i] && p.procs[i].nameable)
