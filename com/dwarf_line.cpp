@@ -54,7 +54,7 @@ struct Header {
 uint64_t truncate(uint64_t v, unsigned addr_size) { return addr_size == 4 ? uint32_t(v) : v; }
 
 // Plays the program [c.pos, end) and returns its rows.
-std::vector<Row> play(SectionCursor &c, size_t end, const Header &h) {
+std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version) {
   std::vector<Row> rows;
   Row r;
   r.is_stmt = h.default_is_stmt != 0;
@@ -88,12 +88,13 @@ std::vector<Row> play(SectionCursor &c, size_t end, const Header &h) {
         r = fresh;
         break;
       case LNE_set_address:
-        if (len - 1 == 4)
-          r.addr = c.u32();
-        else if (len - 1 == 8)
-          r.addr = truncate(c.u64(), h.addr_size);
-        else
+        // Before DWARF 5 the header does not say how long an address is;
+        // the program's addresses do.
+        if (len - 1 != 4 && len - 1 != 8)
           c.fail("a DW_LNE_set_address whose address is neither 4 nor 8 bytes");
+        if (version < 5)
+          h.addr_size = unsigned(len - 1);
+        r.addr = truncate(len - 1 == 4 ? c.u32() : c.u64(), h.addr_size);
         break;
       case LNE_set_discriminator: r.discriminator = c.uleb(); break;
       default:
@@ -298,7 +299,7 @@ std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsig
     c.pos = program;
     SectionCursor prog(in, end, 0, ".debug_line");
     prog.pos = program;
-    std::vector<Row> rows = play(prog, end, h);
+    std::vector<Row> rows = play(prog, end, h, version);
 
     (*offsets)[start] = out.size();
     size_t length_at = out.size();

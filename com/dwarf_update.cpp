@@ -448,7 +448,9 @@ std::vector<Entry> read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint
       case DW_LLE_start_end: e.lo = c.sized(addr_size), e.hi = c.sized(addr_size); break;
       case DW_LLE_start_length: e.lo = c.sized(addr_size), e.hi = e.lo + c.uleb(); break;
       default:
-        c.fail("a list entry that vesk cannot carry over (an indexed address, or a kind it does not know)");
+        error("%s: section %s: the list entry at offset %#zx is of kind %u (an indexed address, or a kind vesk "
+              "does not know), which vesk cannot carry over to the new layout",
+              option.program, c.section(), c.pos - 1, unsigned(kind));
       }
       if (loc) {
         uint64_t n = c.uleb();
@@ -940,11 +942,12 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     write_list(o, entries, is_loc, v5, u, b.has_views ? &views : nullptr, name, size_t(b.list), &at);
     moved[b.list] = at;
   }
-  // The range lists of the entries whose code came apart.
+  // The range lists of the entries whose code came apart (in a table of
+  // their own when the last one does not fit them).
+  Table fresh[2][2] = {}; // by address and offset size
   for (Conversion *cv : converted) {
     const Unit &u = units[cv->unit];
     if (v5 && (table == nullptr || table->addr_size != u.addr_size || table->offset_size != u.offset_size)) {
-      static Table fresh[2][2]; // by address and offset size
       Table *t = &fresh[u.addr_size == 8][u.offset_size == 8];
       t->addr_size = u.addr_size, t->offset_size = u.offset_size;
       open_table(t);
@@ -1083,7 +1086,8 @@ void DwarfUpdate::write_abbrevs() {
           continue;
         uint64_t form = u.version >= 4 ? DW_FORM_sec_offset : u.offset_size == 8 ? DW_FORM_data8 : DW_FORM_data4;
         a.specs[i] = {DW_AT_ranges, form, 0};
-        filler = list.front()->high_size - u.offset_size;
+        const Conversion *one = *std::find_if(list.begin(), list.end(), [&](const Conversion *x) { return x->code == code; });
+        filler = one->high_size - u.offset_size;
         for (Conversion *cv : list)
           if (cv->code == code && cv->high_size - u.offset_size != filler)
             error("%s: section %s: the entries of abbreviation %llu differ in size", option.program, u.sec->name,
