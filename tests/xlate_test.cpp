@@ -358,8 +358,9 @@ void check_debug_sections(const std::string &input, const std::string &out, cons
   // and gdb find their functions); readelf and the debugger test read the
   // lines.
   for (const auto &[check, errors] : dwarfdump_errors(out)) {
-    if (check != "line_table")
+    if (check != "line_table") {
       EXPECT_LE(errors, before[check]) << "dwarfdump -ka " << out << ": " << check;
+    }
   }
 }
 
