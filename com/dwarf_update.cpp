@@ -221,8 +221,13 @@ void end_length(Out &o, size_t at, unsigned offset_size, const char *section) {
 // kind; one this code does not know might hold an address, and ends the
 // run.
 void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offset_size, unsigned version,
-                      const char *section, size_t where) {
+                      const char *section, size_t where, int depth = 0) {
   Cur c(p, len, section);
+  // Compilers nest an entry value once; the limit keeps a damaged
+  // expression from nesting the walk deeper than the stack goes.
+  if (depth > 8)
+    error("%s: section %s: the DWARF expression at offset %#zx nests entry values more than 8 deep",
+          option.program, section, where);
   while (c.pos < len) {
     uint8_t op = c.u8();
     if ((op >= 0x30 && op <= 0x6f) || (op >= 0x12 && op <= 0x14) || (op >= 0x16 && op <= 0x22) ||
@@ -289,7 +294,7 @@ void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offse
     case DW_OP_entry_value: case DW_OP_GNU_entry_value: {
       uint64_t n = c.uleb();
       c.need(n);
-      patch_expression(p + c.pos, size_t(n), addr_size, offset_size, version, section, where);
+      patch_expression(p + c.pos, size_t(n), addr_size, offset_size, version, section, where, depth + 1);
       c.pos += n;
       break;
     }
@@ -1178,7 +1183,10 @@ template <class C> void place_section(const char *name, uint32_t type, std::vect
   bool at_end = fresh || buf.size() > sh->sh_size;
   if (at_end) {
     sh->sh_size = 0; // its old place no longer counts
-    sh->sh_offset = round_up(find_end_of_elf(bin.out_elf), std::max<uint64_t>(sh->sh_addralign, 1));
+    uint64_t align = sh->sh_addralign;
+    if (align == 0 || (align & (align - 1)) != 0 || align > 64)
+      align = 8; // debug sections ask for 1; anything odd gets a plain word boundary
+    sh->sh_offset = round_up(find_end_of_elf(bin.out_elf), align);
   }
   d->d_buf = buf.data();
   d->d_size = buf.size();
