@@ -1091,7 +1091,9 @@ void DwarfUpdate::write_abbrevs() {
           continue;
         uint64_t form = u.version >= 4 ? DW_FORM_sec_offset : u.offset_size == 8 ? DW_FORM_data8 : DW_FORM_data4;
         a.specs[i] = {DW_AT_ranges, form, 0};
-        const Conversion *one = *std::find_if(list.begin(), list.end(), [&](const Conversion *x) { return x->code == code; });
+        uint64_t this_code = code; // a structured binding, which clang's lambdas cannot capture
+        const Conversion *one =
+            *std::find_if(list.begin(), list.end(), [&](const Conversion *x) { return x->code == this_code; });
         filler = one->high_size - u.offset_size;
         for (Conversion *cv : list)
           if (cv->code == code && cv->high_size - u.offset_size != filler)
