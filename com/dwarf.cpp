@@ -65,7 +65,9 @@ struct Unit {
 class DwarfWalk {
 public:
   explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {
-    reordered = open_input_xlate(&older);
+    // An earlier run that rewrote the DWARF left it describing its output,
+    // this input: then there is nothing to follow.
+    reordered = open_input_xlate(&older) && (older.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) == 0;
   }
   // A refused input ends the walk with its libdwarf handle open; a run in
   // process (the tests, the fuzz targets) would keep it for good.

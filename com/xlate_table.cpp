@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <gelf.h>
 #include <memory>
 
 #include "base/bin.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
+#include "com/dwarf_update.h"
 #include "com/elf.h"
 
 namespace vesk {
@@ -196,7 +198,38 @@ uint32_t add_section_name(Elf *elf, const char *name) {
     std::memcpy(buf.data(), d->d_buf, old_size);
   std::memcpy(buf.data() + old_size, name, std::strlen(name) + 1);
   d->d_buf = buf.data();
-  expand_section(scn, uint32_t(grow));
+  // Growing in place moves the sections of higher index behind it; one of
+  // lower index may lie behind it too (a section an update wrote anew at
+  // the end of the file): then the table moves to the end of the file.
+  GElf_Shdr names;
+  if (gelf_getshdr(scn, &names) == nullptr) {
+    print_elf_error(option.program);
+    error("cannot read the section name table of %s", option.output);
+  }
+  bool in_place = true;
+  for (size_t i = 1; i < shstrndx; ++i) {
+    GElf_Shdr sh;
+    Elf_Scn *s = elf_getscn(elf, i);
+    if (s != nullptr && gelf_getshdr(s, &sh) != nullptr && sh.sh_type != SHT_NOBITS && sh.sh_size != 0 &&
+        sh.sh_offset >= names.sh_offset + names.sh_size)
+      in_place = false;
+  }
+  if (in_place) {
+    expand_section(scn, uint32_t(grow));
+    return uint32_t(old_size);
+  }
+  names.sh_size = 0;
+  gelf_update_shdr(scn, &names);
+  names.sh_offset = round_up(find_end_of_elf(elf), std::max<uint64_t>(names.sh_addralign, 1));
+  names.sh_size = buf.size();
+  d->d_size = buf.size();
+  GElf_Ehdr eh;
+  if (gelf_update_shdr(scn, &names) == 0 || gelf_getehdr(elf, &eh) == nullptr) {
+    print_elf_error(option.program);
+    error("cannot move the section name table of %s", option.output);
+  }
+  eh.e_shoff = round_up(names.sh_offset + names.sh_size, bin.is_elf32 ? 4 : 8);
+  gelf_update_ehdr(elf, &eh);
   return uint32_t(old_size);
 }
 
@@ -249,6 +282,8 @@ void build_xlate_table() {
   if (xlate_pro_init_xtnd(&raw, XLATE_KIND_SAME_SIZE, composed ? &input : nullptr, bin.is_elf32 == 0) != XLATE_OK)
     error("xlate failure");
   std::unique_ptr<XlateProducer, FinishProducer> h(raw);
+  if (dwarf_follows_layout())
+    h->flag_b |= XLATE_FLAG_DWARF_UPDATED;
   RangeAdder ranges(h.get());
 
   // Code below .text (init code, stubs) stays; the range reaches up to the

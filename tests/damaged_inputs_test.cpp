@@ -172,6 +172,10 @@ const Recipe kRecipes[] = {
   {"DWARF range list unit length", "o32d", [](Victim &v) { v.put32(".debug_rnglists", 0, kHuge); }, ".debug_rnglists is damaged"},
   {"DWARF range list version", "n64", [](Victim &v) { v.put(v.at(".debug_rnglists", 4), 2, 9); }, "has version 9"},
   {"DWARF strings cut", "o32d", [](Victim &v) { v.sh(".debug_str", SH(sh_size), 4); }, "DW_DLE_STRING_OFFSET_BAD"},
+  {"DWARF line program length", "n64", [](Victim &v) { v.put32(".debug_line", 0, kHuge); }, "section .debug_line is damaged"},
+  {"DWARF line program version", "o32d", [](Victim &v) { v.put(v.at(".debug_line", 4), 2, 1); }, "a line program of a version vesk does not know"},
+  {"DWARF address range table version", "o32d", [](Victim &v) { v.put(v.at(".debug_aranges", 4), 2, 9); }, "section .debug_aranges is damaged"},
+  {"DWARF range list offset array", "n64", [](Victim &v) { v.put32(".debug_rnglists", 8, 1); }, "a table with an offset array"},
   // feedback files
   {"feedback version 3", "n64", [](Victim &v) { v.feedback("$magic 1\n$version 3\n$start\n"); }, "invalid version"},
   {"feedback without a version", "o32m", [](Victim &v) { v.feedback("$magic 1\n$start\nmain calc.c 3\n"); }, "invalid version"},

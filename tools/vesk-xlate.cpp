@@ -16,9 +16,10 @@
 //               program becomes one of the original layout)
 //
 // Names and lines come from ORIGINAL (-e) at the original address, or else
-// from FILE itself: vesk leaves its DWARF as the original build wrote it
-// and moves its symbols with the code.  Nothing is written but standard
-// output.
+// from FILE itself at the new address: vesk moves its symbols with the code
+// and rewrites its DWARF for the new layout (a table whose header says the
+// DWARF was left as the original build wrote it has the lines looked up at
+// the original address).  Nothing is written but standard output.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -324,7 +325,9 @@ int run(int argc, char **argv) {
     uint64_t old_addr = reverse ? a : t, new_addr = reverse ? t : a;
     // Without the original, the symbols of FILE name the code where it lies now.
     std::string name = orig ? names.name_at(old_addr) : names.name_at(new_addr);
-    std::printf("%#" PRIx64 " -> %#" PRIx64 " %s at %s\n", a, t, name.c_str(), names.line_at(old_addr).c_str());
+    bool new_lines = !orig && (table.info.flag_b & XLATE_FLAG_DWARF_UPDATED) != 0;
+    std::string line = names.line_at(new_lines ? new_addr : old_addr);
+    std::printf("%#" PRIx64 " -> %#" PRIx64 " %s at %s\n", a, t, name.c_str(), line.c_str());
   }
   return 0;
 }

@@ -16,6 +16,7 @@
 #include "base/proc.h"
 #include "com/annotate/in_memory.h"
 #include "com/branch.h"
+#include "com/dwarf_update.h"
 #include "com/eh_frame.h"
 #include "com/elf.h"
 #include "com/events.h"
@@ -147,6 +148,7 @@ void reorder_it() {
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();
   update_mdebug();
+  update_dwarf(); // before the table, which goes behind every section that grew
   add_xlate_section();
 }
 

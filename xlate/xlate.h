@@ -37,6 +37,11 @@ constexpr int XLATE_ADDRESS_SIZE_DIFFERS = -59;
 // The consumer's own: the bytes are no table, or contradict their header.
 constexpr int XLATE_MALFORMED = -60;
 
+// Bits of the header's second flag byte (flag_b).  DWARF_UPDATED: the
+// executable's DWARF describes the new layout (vesk rewrote it), not the
+// old one the table leads back to.
+constexpr uint8_t XLATE_FLAG_DWARF_UPDATED = 0x01;
+
 // Table kinds.
 constexpr int XLATE_KIND_GENERAL = 0;     // new ranges adjacent
 constexpr int XLATE_KIND_SAME_SIZE = 1;   // ... and every range keeps its size

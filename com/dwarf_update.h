@@ -1,0 +1,61 @@
+// The DWARF of a reordered executable, made to describe the new layout.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+namespace vesk {
+
+// Whether this run rewrites the DWARF.  It does for every DWARF input
+// except the output of a vesk that left the DWARF describing the original
+// build (its translation table says so): that DWARF stays as it is, and
+// the new table keeps leading back to the original build.
+bool dwarf_follows_layout();
+
+// Run step, after the layout and before the translation table is added:
+// re-points the code addresses of .debug_info (pcs, call sites, DWARF
+// expressions), rewrites the range and location lists, .debug_aranges and
+// the line programs of .debug_line for the new layout, and gives units and
+// scopes whose code the layout tore apart a range list.  A section that
+// grows is written anew at the end of the file.
+void update_dwarf();
+
+namespace dwarf_update {
+
+// A piece of old code that moved as one: old [old_lo, old_hi) now lies at
+// [new_lo, new_hi).
+struct Piece {
+  uint64_t old_lo, old_hi, new_lo, new_hi;
+};
+
+// The new address of the byte at old address a (outside .text: a).
+uint64_t map_byte(uint64_t a);
+// The new pieces of old [lo, hi), in old order; an empty range gives one
+// empty piece.
+std::vector<Piece> map_range(uint64_t lo, uint64_t hi);
+
+// Growing big-endian output.
+struct Out {
+  std::vector<uint8_t> b;
+  size_t size() const { return b.size(); }
+  void u8(uint64_t v) { b.push_back(uint8_t(v)); }
+  void u16(uint64_t v);
+  void u32(uint64_t v);
+  void u64(uint64_t v);
+  void sized(uint64_t v, unsigned n); // 1, 2, 4 or 8 bytes
+  void uleb(uint64_t v);
+  void sleb(int64_t v);
+  void bytes(const uint8_t *p, size_t n) { b.insert(b.end(), p, p + n); }
+};
+
+// The line programs of .debug_line (in, size bytes) rewritten for the new
+// layout: every sequence re-based, split where its code moved apart.
+// offsets gets the new offset of every program, by its old one.
+std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsigned addr_size,
+                                           std::map<uint64_t, uint64_t> *offsets);
+
+} // namespace dwarf_update
+
+} // namespace vesk
