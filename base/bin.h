@@ -29,6 +29,7 @@ struct Bin {
   uint64_t stubs_lo = 0;   // .MIPS.stubs, lowered to text_lo
   uint64_t entry = 0;      // e_entry
   uint64_t *text_map = nullptr; // new address of every input .text word
+  std::vector<uint64_t> text_map_store; // what text_map points to during a run
   uint32_t text_words = 0; // 4-byte words in .text
   const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
   uint32_t gp_value = 0;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 #include "base/bytes.h"
 #include "base/file_io.h"
@@ -100,12 +101,11 @@ void write_it() {
 }
 
 void *dup_buffer(const void *src, size_t size) {
-  void *p = std::malloc(size ? size : 1);
-  if (p == nullptr)
-    error("malloc error");
+  // Kept with the run's other output contents, released when the run ends.
+  std::vector<uint8_t> &copy = bin.out_buffers.emplace_back(size ? size : 1);
   if (size)
-    std::memcpy(p, src, size);
-  return p;
+    std::memcpy(copy.data(), src, size);
+  return copy.data();
 }
 
 } // namespace vesk

@@ -116,7 +116,8 @@ void commit_output() {
 }
 
 void reorder_it() {
-  bin.text_map = static_cast<uint64_t *>(std::calloc(bin.text_words ? bin.text_words : 1, sizeof(uint64_t)));
+  bin.text_map_store.assign(bin.text_words ? bin.text_words : 1, 0);
+  bin.text_map = bin.text_map_store.data();
   duplicate_elf();
   verify_proc();
   check_branch_out_of_procedure();
