@@ -11,8 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   vesk::fuzz::MemFile file(data, size);
   vesk::fuzz::in_fresh_run([&] {
     vesk::annotate::Image im = vesk::annotate::read_image(file.path());
-    vesk::annotate::Description d =
-        im.is_o32() ? vesk::annotate::describe_references(im) : vesk::annotate::describe_events(im);
+    vesk::annotate::Description d = vesk::annotate::describe(im);
     vesk::annotate::annotated_file(im, d, vesk::annotate::annotation_sections(im, d));
   });
   return 0;

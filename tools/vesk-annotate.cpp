@@ -54,8 +54,7 @@ int annotate(int argc, char **argv) {
     vesk::error("the output %s would overwrite the input %s; name another output", out.c_str(), in.c_str());
 
   vesk::annotate::Image im = vesk::annotate::read_image(in);
-  vesk::annotate::Description d =
-      im.is_o32() ? vesk::annotate::describe_references(im) : vesk::annotate::describe_events(im);
+  vesk::annotate::Description d = vesk::annotate::describe(im);
   const std::vector<vesk::CompactRelEntry> &entries = d.entries;
   if (verbose && !im.is_o32()) {
     for (const auto *list : {&d.events, &d.data})

@@ -452,4 +452,6 @@ Description describe_references(const Image &im) {
   return d.finish();
 }
 
+Description describe(const Image &im) { return im.is_o32() ? describe_references(im) : describe_events(im); }
+
 } // namespace vesk::annotate

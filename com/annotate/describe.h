@@ -64,5 +64,7 @@ std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, con
 Description describe_references(const Image &im);
 // The same for an n32 or n64 executable.
 Description describe_events(const Image &im);
+// The one of the two that the image's ABI needs.
+Description describe(const Image &im);
 
 } // namespace vesk::annotate

@@ -61,7 +61,7 @@ void describe_code_addresses_in_memory() {
   if (!needs_description(bin.in_fd))
     return;
   annotate::Image im = annotate::read_image(option.program, bin.in_fd);
-  annotate::Description d = im.is_o32() ? annotate::describe_references(im) : annotate::describe_events(im);
+  annotate::Description d = annotate::describe(im);
   std::vector<uint8_t> file = annotate::annotated_file(im, d, annotate::annotation_sections(im, d));
   int fd = memfd_create("vesk-input", MFD_CLOEXEC);
   if (fd < 0)
