@@ -326,7 +326,11 @@ void tie_procedures_without_a_return() {
         // ends in a jump or branch that always goes elsewhere (the cold
         // part of a function returns into its hot part that way) or in a
         // call that never returns.
+        // A record without words (the empty .libstub record at the start
+        // of .text) runs into nothing.
         TextSpan span = text_span(p);
+        if (span.size() == 0)
+          return false;
         if (span.size() >= 2 && mips::is_unconditional(word_at(bin.text_buf, span.end - 2)))
           return false;
         if (calls.ends_in_call_that_never_returns(p))
