@@ -101,10 +101,10 @@ uint64_t figure(const std::string &table, const std::string &row, int column) {
 // the executed procedures need, and misses half as often in both TLBs.
 TEST_P(RealBuild, ProfiledLayoutPacksTheExecutedCode) {
   const BenchExe *e = &real_executables()[GetParam()];
-  // One build per program.  In mdebug builds vesk lays main (which the
-  // assembler misplaces, see README) out behind every other procedure,
-  // whatever the feedback says: a page more than the ideal for bzip2.
-  if (e->abi != "o32" || e->model != "pie" || e->debug != "dwarf")
+  // One build per program, and bzip2's mdebug build, whose main starts
+  // the text behind the table's empty .libstub record (once tied to it and
+  // laid out last: a page more than the ideal).
+  if (e->abi != "o32" || e->model != "pie" || (e->debug != "dwarf" && e->program != "bzip2"))
     GTEST_SKIP() << "one build per program";
   AnnotatedBench b(*e);
   ASSERT_TRUE(b.ok()) << b.refusal();
