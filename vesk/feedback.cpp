@@ -2,6 +2,7 @@
 // attaching the result to the new-order list.
 #include "vesk/feedback.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -38,14 +39,15 @@ bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 // Copies the next blank-separated word of *s into buf (cut to cap - 1
 // characters), moves *s behind the whole word and says whether there was one.
 bool next_word(const char *&s, char *buf, size_t cap) {
-  while (*s != '\0' && is_blank(*s))
+  while (is_blank(*s))
     ++s;
   if (*s == '\0')
     return false;
-  size_t n = 0;
-  for (; *s != '\0' && !is_blank(*s); ++s)
-    if (n + 1 < cap)
-      buf[n++] = *s;
+  const char *start = s;
+  while (*s != '\0' && !is_blank(*s))
+    ++s;
+  size_t n = std::min(size_t(s - start), cap - 1);
+  std::memcpy(buf, start, n);
   buf[n] = '\0';
   return true;
 }
@@ -69,6 +71,21 @@ Parsed parse_signed(const char *word, int &value) {
 }
 
 Parsed parse_unsigned(const char *word, int base, uint32_t &value) {
+  // Counts are plain decimal digits, one on every line of a feedback file.
+  if (base == 10 && *word >= '0' && *word <= '9') {
+    uint64_t v = 0;
+    const char *d = word;
+    for (; *d >= '0' && *d <= '9' && d - word < 18; ++d)
+      v = v * 10 + uint64_t(*d - '0');
+    if (*d < '0' || *d > '9') {
+      if (v > UINT32_MAX) {
+        value = UINT32_MAX;
+        return Parsed::too_large;
+      }
+      value = uint32_t(v);
+      return Parsed::ok;
+    }
+  }
   char *end = nullptr;
   errno = 0;
   unsigned long long v = std::strtoull(word, &end, base);
