@@ -104,10 +104,12 @@ void open_output() {
 }
 
 void commit_output() {
+  // Like the compiler and the linker that made the input, vesk leaves the
+  // output to the system to write back: waiting for the disk would cost
+  // more than the whole rewrite.
   int fd = bin.out_fd;
   bin.out_fd = -1;
-  bool synced = fsync(fd) == 0;
-  if (close(fd) != 0 || !synced)
+  if (close(fd) != 0)
     sysfatal("writing %s", option.output);
   if (rename(bin.output_temp.c_str(), option.output) != 0)
     sysfatal("cannot write %s", option.output);
