@@ -9,6 +9,7 @@
 #include "support/step.h"
 #include "base/bin.h"
 #include "base/bytes.h"
+#include "base/flat_index.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
@@ -248,4 +249,30 @@ TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
     read(files);
     EXPECT_EQ(counted(), expected) << files[0];
   }
+}
+
+// Feedback lines find the first unlisted record of a name at or behind the
+// one found last; the index must hand a name's records over in table order,
+// skip items without a key, and stop when asked to.  Keys that share a hash
+// share a chain and are told apart by the caller.
+TEST(FlatIndexTest, ItemsOfAHashComeInTableOrder) {
+  const std::vector<std::string> keys = {"x", "y", "", "x", "z", "x", "y"};
+  vesk::FlatIndex index;
+  index.build(keys.size(), [&](size_t i, size_t &h) {
+    h = keys[i] == "z" ? vesk::hash_of("x") : vesk::hash_of(keys[i]); // z collides with x
+    return !keys[i].empty();
+  });
+  auto visited = [&](const std::string &key, size_t stop_after) {
+    std::vector<size_t> v;
+    index.visit(vesk::hash_of(key), [&](size_t i) {
+      if (keys[i] == key || key == "x")
+        v.push_back(i);
+      return v.size() < stop_after;
+    });
+    return v;
+  };
+  EXPECT_EQ(visited("x", 10), (std::vector<size_t>{0, 3, 4, 5}));
+  EXPECT_EQ(visited("y", 10), (std::vector<size_t>{1, 6}));
+  EXPECT_EQ(visited("x", 2), (std::vector<size_t>{0, 3}));
+  EXPECT_TRUE(visited("w", 10).empty());
 }
