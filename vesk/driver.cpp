@@ -119,6 +119,7 @@ void reorder_it() {
   bin.text_map_store.assign(bin.text_words ? bin.text_words : 1, 0);
   bin.text_map = bin.text_map_store.data();
   duplicate_elf();
+  read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
   check_branch_out_of_procedure();
   tie_procedures_ending_in_a_call();
