@@ -2,6 +2,11 @@
 
 #include <algorithm>
 
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "base/options.h"
+#include "com/elf.h"
+
 #include "com/events.h"
 #include "com/update_compact_rel.h"
 #include "com/update_impl.h"
@@ -72,6 +77,67 @@ void read_gp_ranges() {
             GP_RANGES_SECTION, off / 24);
     bin.gp_ranges.push_back(r);
   }
+}
+
+// The stretches of .text in the description follow the code, so that the
+// output can be laid out again: each is cut into the runs of its words that
+// stayed together.
+void update_gp_ranges() {
+  Elf_Scn *scn = bin.gp_ranges.empty() ? nullptr : find_section_by_name(bin.out_elf, GP_RANGES_SECTION);
+  Elf_Data *d = scn ? elf_getdata(scn, nullptr) : nullptr;
+  if (d == nullptr)
+    return;
+  std::vector<Bin::GpRange> out;
+  for (const Bin::GpRange &r : bin.gp_ranges) {
+    uint64_t lo = std::max(r.lo, bin.text_lo), hi = std::min(r.hi, bin.text_hi);
+    if (lo >= hi) {
+      out.push_back(r); // data, or code outside .text, stays where it is
+      continue;
+    }
+    if (r.lo < lo)
+      out.push_back({r.lo, lo, r.gp});
+    if (hi < r.hi)
+      out.push_back({hi, r.hi, r.gp});
+    bool open = false;
+    Bin::GpRange run{0, 0, r.gp};
+    for (uint64_t a = lo & ~uint64_t(3); a < hi; a += 4) {
+      uint64_t moved = a;
+      map_text_address(a, &moved);
+      if (open && moved == run.hi) {
+        run.hi += 4;
+        continue;
+      }
+      if (open)
+        out.push_back(run);
+      run = {moved, moved + 4, r.gp};
+      open = true;
+    }
+    if (open)
+      out.push_back(run);
+  }
+  std::sort(out.begin(), out.end(), [](const Bin::GpRange &a, const Bin::GpRange &b) { return a.lo < b.lo; });
+  std::vector<uint8_t> &bytes = bin.out_buffers.emplace_back();
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (i > 0 && out[i].lo < out[i - 1].hi)
+      error("%s: the new layout puts code of two GOTs at %#llx", option.program, (unsigned long long)out[i].lo);
+    if (!bytes.empty() && out[i].lo == out[i - 1].hi && out[i].gp == out[i - 1].gp) {
+      store64(bytes.data() + bytes.size() - 16, out[i].hi);
+      continue;
+    }
+    uint8_t b[24];
+    store64(b, out[i].lo);
+    store64(b + 8, out[i].hi);
+    store64(b + 16, out[i].gp);
+    bytes.insert(bytes.end(), b, b + 24);
+  }
+  if (bytes.size() > d->d_size)
+    expand_section(scn, uint32_t(bytes.size() - d->d_size));
+  else if (bin.is_elf32)
+    elf32_getshdr(scn)->sh_size = uint32_t(bytes.size());
+  else
+    elf64_getshdr(scn)->sh_size = bytes.size();
+  d->d_buf = bytes.data();
+  d->d_size = bytes.size();
 }
 
 uint64_t gp_at(uint64_t a) {

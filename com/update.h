@@ -46,6 +46,8 @@ void check_for_text_and_update64(uint64_t *a);
 constexpr const char *GP_RANGES_SECTION = ".vesk.gp";
 // Reads it into bin.gp_ranges (empty without it).
 void read_gp_ranges();
+// Re-points its stretches of .text for the new layout (bin.text_map).
+void update_gp_ranges();
 // The gp that the code or data word at old address a uses.
 uint64_t gp_at(uint64_t a);
 

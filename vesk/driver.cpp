@@ -146,6 +146,7 @@ void reorder_it() {
     update_compact_rel();
   else if (has_events)
     process_update_events(); // without them nothing has moved (refused above)
+  update_gp_ranges();
   update_unwind_tables();
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();

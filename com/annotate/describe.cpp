@@ -64,31 +64,36 @@ class Describer {
 public:
   explicit Describer(const Image &im) : im_(im), gps_(im) { index_functions(); }
 
-  // The _gp_disp set-ups (lui/addiu of gp minus the lui's address), before
-  // anything else: which GOT a function's code reads follows from them.
+  // The gp set-ups, before anything else: which GOT a function's code
+  // reads follows from them.  PIC code adds _gp_disp (gp minus the lui's
+  // address) to $25; position-dependent code loads __gnu_local_gp, which
+  // the linker sets to the gp of each object's GOT.
   void find_setups(const RelSection &rs) {
     if ((rs.target->sh.sh_flags & SHF_EXECINSTR) == 0 || rs.target->raw == nullptr || !gps_.multi())
       return;
     rs_ = &rs;
     uint32_t hi = 0; // the pending lui, 0 when none
+    bool absolute = false;
     for (const Elf32_Rel &r : rs.rels) {
       uint32_t type = ELF32_R_TYPE(r.r_info);
-      if ((type != R_MIPS_HI16 && type != R_MIPS_LO16) || im_.symbol_name(ELF32_R_SYM(r.r_info)) != "_gp_disp")
+      const std::string &name = im_.symbol_name(ELF32_R_SYM(r.r_info));
+      if ((type != R_MIPS_HI16 && type != R_MIPS_LO16) || (name != "_gp_disp" && name != "__gnu_local_gp"))
         continue;
       uint32_t at = checked(r.r_offset);
       if (type == R_MIPS_HI16) {
         hi = at;
+        absolute = name == "__gnu_local_gp";
         continue;
       }
-      if (hi == 0)
+      if (hi == 0 || absolute != (name == "__gnu_local_gp"))
         continue;
-      uint32_t gp = hi + (mips::imm16(word(hi)) << 16) + uint32_t(mips::simm16(word(at)));
+      uint32_t gp = (absolute ? 0 : hi) + (mips::imm16(word(hi)) << 16) + uint32_t(mips::simm16(word(at)));
       if (gps_.got_of_gp(gp) == nullptr)
-        error("%s: the _gp_disp set-up at %s computes the gp %#x, which is no GOT's; vesk cannot tell which GOT "
+        error("%s: the gp set-up at %s computes the gp %#x, which is no GOT's; vesk cannot tell which GOT "
               "its function reads",
               path(), im_.where(hi).c_str(), gp);
       if (gp != im_.gp_value && !gps_.set_function_gp(hi, gp))
-        error("%s: the _gp_disp set-up at %s computes a secondary GOT's gp outside every function symbol", path(),
+        error("%s: the gp set-up at %s computes a secondary GOT's gp outside every function symbol", path(),
               im_.where(hi).c_str());
       setups_.push_back({hi, gp});
       hi = 0;
@@ -99,7 +104,7 @@ public:
     gps_.freeze();
     for (const auto &[at, gp] : setups_)
       if (gps_.gp_at(at) != gp)
-        error("%s: the _gp_disp set-up at %s computes the gp %#x, but other code of its function uses another GOT",
+        error("%s: the gp set-up at %s computes the gp %#x, but other code of its function uses another GOT",
               path(), im_.where(at).c_str(), gp);
   }
 
