@@ -68,6 +68,7 @@ struct Bin {
     uint64_t lo, hi, gp;
   };
   std::vector<GpRange> gp_ranges;
+  std::vector<uint32_t> got_free; // page entries of secondary GOTs that may take other pages
 
   // Contents that sections of the output image point to, kept until the
   // image is written.

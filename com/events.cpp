@@ -446,6 +446,26 @@ void process_update_events() {
   foreach_event(bin.out_elf, &writer, std::ref(update));
 }
 
+std::vector<EventPageUse> event_page_uses() {
+  std::vector<EventPageUse> out;
+  if (!has_event_sections(bin.in_elf))
+    return out;
+  foreach_event(bin.in_elf, nullptr, [&out](Elf *, const EventRecord &r) {
+    uint64_t a = r.address();
+    if ((r.e.kind != EK_GOT_PAGE && r.e.kind != EK_GOT_OFST) || !in_text(a))
+      return;
+    bool page = r.e.kind == EK_GOT_PAGE;
+    uint32_t insn = old_insn(a);
+    int32_t gp_offset = page ? mips::simm16(insn) : int32_t(sext16(r.e.val1));
+    int32_t low = page ? int32_t(sext16(r.e.val1)) : mips::simm16(insn);
+    uint64_t gp = gp_at(a);
+    uint64_t old_addr = address_width(got_content_by_gpoffset(gp_offset, gp) + uint64_t(int64_t(low)));
+    if (in_text(old_addr))
+      out.push_back({gp, new_address(old_addr)});
+  });
+  return out;
+}
+
 void read_event_got_pages() {
   if (!has_event_sections(bin.in_elf))
     return;

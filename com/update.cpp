@@ -52,6 +52,7 @@ void update_got() {
   else
     read_event_got_pages();
   bin.is_elf32 ? update_got32() : update_got64();
+  give_free_pages();
 }
 void update_reldyn() { bin.is_elf32 ? update_reldyn32() : update_reldyn64(); }
 void update_dynsym() { bin.is_elf32 ? update_dynsym32() : update_dynsym64(); }
@@ -140,12 +141,78 @@ void update_gp_ranges() {
   d->d_size = bytes.size();
 }
 
+void give_free_pages() {
+  bin.got_free.clear();
+  Elf_Data *d = find_section_data_by_name(bin.in_elf, FREE_PAGES_SECTION);
+  Elf_Data *got = find_section_data_by_name(bin.out_elf, ".got");
+  if (d == nullptr || got == nullptr || got->d_buf == nullptr)
+    return;
+  const auto *p = static_cast<const uint8_t *>(d->d_buf);
+  size_t ws = bin.is_elf32 ? 4 : 8, entries = got->d_size / ws;
+  if ((p == nullptr && d->d_size != 0) || d->d_size % 4 != 0)
+    error("%s: section %s is damaged: its size is not a whole number of entries", option.program, FREE_PAGES_SECTION);
+  for (size_t off = 0; off < d->d_size; off += 4) {
+    uint32_t index = load32(p + off);
+    if (index >= entries || index >= bin.got_page.size() || bin.got_page[index] == 0 || bin.gp_ranges.empty())
+      error("%s: section %s names GOT entry %u, which is no page entry of a secondary GOT", option.program,
+            FREE_PAGES_SECTION, index);
+    bin.got_free.push_back(index);
+  }
+  if (bin.got_free.empty())
+    return;
+  std::vector<std::pair<uint64_t, uint64_t>> uses; // gp, new target
+  if (is_o32())
+    for (const PageUse &u : compact_rel_page_uses())
+      uses.push_back({u.gp, u.target});
+  else
+    for (const EventPageUse &u : event_page_uses())
+      uses.push_back({u.gp, u.target});
+  auto *buf = static_cast<uint8_t *>(got->d_buf);
+  auto value = [&](size_t i) { return ws == 4 ? uint64_t(load32(buf + i * 4)) : load64(buf + i * 8); };
+  auto reaches = [](uint64_t v, uint64_t t) { return t + 0x8000 >= v && t <= v + 0x7fff; };
+  std::vector<uint64_t> gps;
+  for (const Bin::GpRange &r : bin.gp_ranges)
+    if (std::find(gps.begin(), gps.end(), r.gp) == gps.end())
+      gps.push_back(r.gp);
+  for (uint64_t gp : gps) {
+    // The entries this gp reaches: the free ones, and the page entries that
+    // keep their pages.
+    uint64_t lo = uint32_t(gp) - 0x8000, hi = uint32_t(gp) + 0x8000;
+    std::vector<size_t> free, kept;
+    for (size_t i = 0; i < entries && i < bin.got_page.size(); ++i) {
+      uint64_t at = uint64_t(bin.pltgot) + i * ws;
+      if (bin.got_page[i] == 0 || at < lo || at + ws > hi)
+        continue;
+      (std::find(bin.got_free.begin(), bin.got_free.end(), uint32_t(i)) != bin.got_free.end() ? free : kept)
+          .push_back(i);
+    }
+    std::vector<uint64_t> missing;
+    for (const auto &[g, t] : uses)
+      if (g == gp && std::none_of(kept.begin(), kept.end(), [&](size_t i) { return reaches(value(i), t); }))
+        missing.push_back(t);
+    if (missing.empty() || free.empty())
+      continue;
+    // Pages from the lowest target up, each reaching as far as a 64 KB
+    // page does; all of them, or none (the repair then refuses the layout
+    // with the address no entry reaches).
+    std::sort(missing.begin(), missing.end());
+    std::vector<uint64_t> pages;
+    for (uint64_t t : missing)
+      if (pages.empty() || !reaches(pages.back(), t))
+        pages.push_back((t + 0x8000) & ~uint64_t(0xffff));
+    if (pages.size() > free.size())
+      continue;
+    for (size_t k = 0; k < pages.size(); ++k)
+      ws == 4 ? store32(buf + free[k] * 4, uint32_t(pages[k])) : store64(buf + free[k] * 8, pages[k]);
+  }
+}
+
 uint64_t gp_at(uint64_t a) {
   const auto &rs = bin.gp_ranges;
   auto r = std::upper_bound(rs.begin(), rs.end(), a, [](uint64_t x, const Bin::GpRange &g) { return x < g.lo; });
   if (r != rs.begin() && a < std::prev(r)->hi)
     return std::prev(r)->gp;
-  return bin.gp_full;
+  return bin.gp_full != 0 ? bin.gp_full : bin.gp_value;
 }
 
 uint32_t got_index_by_gpoffset(int32_t off, uint64_t gp) {

@@ -44,6 +44,16 @@ void check_for_text_and_update64(uint64_t *a);
 // that use a secondary GOT's gp (a program whose GOT the linker split):
 // records of three 64-bit words, first address, end and gp.
 constexpr const char *GP_RANGES_SECTION = ".vesk.gp";
+// The page entries of secondary GOTs that only described page loads of code
+// addresses read (32-bit indices): when the code they serve moves beyond
+// them, they take the pages it needs.  A position-independent executable's
+// secondary GOT has no spare entries to give pages to (the loader would not
+// relocate them), so its own page entries must serve.
+constexpr const char *FREE_PAGES_SECTION = ".vesk.got_free";
+// Gives the free page entries of each secondary GOT the pages that the new
+// places of the code they serve need, as far as they go (after the GOT
+// update, before the page loads are repaired).
+void give_free_pages();
 // Reads it into bin.gp_ranges (empty without it).
 void read_gp_ranges();
 // Re-points its stretches of .text for the new layout (bin.text_map).

@@ -202,21 +202,15 @@ struct GotPages {
       }
     }
     uint32_t index;
-    if (gp != bin.gp_value) {
-      // A secondary GOT: its own entry holding the page, when that reaches.
-      int64_t first = (int64_t(gp) - 0x8000 - int64_t(bin.pltgot)) / 4;
-      for (int64_t i = std::max<int64_t>(first, 2); i < first + 0x4000 && i < int64_t(bin.got_page.size()); ++i)
-        if (bin.got_page[size_t(i)] && load32(bin.got_buf + size_t(i) * 4) == ((old + 0x8000) & 0xffff0000u)) {
-          int32_t d = int32_t(new_addr - load32(bin.got_buf + size_t(i) * 4));
-          if (d >= -32768 && d <= 32767) {
-            *low = d;
-            return uint32_t(i);
-          }
-          break;
-        }
-    }
+    // A secondary GOT's page entries (which may have taken other pages)
+    // are searched as they are now.
     if (!try_local_got_entry_for_addr(new_addr, &index, low, gp)) {
       const Proc *p = get_proc_by_addr(old);
+      if (gp != bin.gp_value)
+        error("cannot find appropriate got entry for %#x: no page entry of the GOT whose gp is %#x lies within 32 "
+              "KB of the new address of %s, which code using that GOT reaches through a GOT page; %s cannot be "
+              "laid out there",
+              new_addr, gp, p && p->name ? p->name : "a procedure", option.program);
       error("cannot find appropriate got entry for %#x: no GOT entry that stays as it is lies within 32 KB of "
             "the new address of %s, which code reaches through a GOT page; %s cannot be laid out there",
             new_addr, p && p->name ? p->name : "a procedure", option.program);
@@ -349,6 +343,24 @@ void read_got_page_marks() {
       bin.got_page[value] = 1;
     }
   }
+}
+
+std::vector<PageUse> compact_rel_page_uses() {
+  std::vector<PageUse> out;
+  Elf_Data *d = find_section_data_by_name(bin.in_elf, COMPACT_REL);
+  if (d == nullptr || d->d_buf == nullptr)
+    return out;
+  const uint8_t *buf = static_cast<const uint8_t *>(d->d_buf);
+  CompactRelCursor cm{};
+  size_t header_length = read_header(buf, d->d_size, &cm.rlc_no);
+  cm.rlc_ptr = buf + header_length;
+  cm.end = buf + d->d_size;
+  cm_rlc_reset(&cm);
+  CompactRelEntry e;
+  while (cm_rlc_get(&cm, &e))
+    if (e.type == CR_GOT_PAIR && in_text(e.konst) && in_text(e.vaddr - e.dist2to))
+      out.push_back({gp_at(e.vaddr - e.dist2to), new_addr(e.konst)});
+  return out;
 }
 
 void update_compact_rel() {

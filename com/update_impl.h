@@ -255,7 +255,11 @@ bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index, int32_t *dif
     if (secondary && (i >= bin.got_page.size() || bin.got_page[i] == 0))
       continue;
     uint64_t entry = address_word<C>(bin.got_buf, i);
-    if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
+    // A secondary GOT's page entry may have taken another page
+    // (give_free_pages): it serves with the value it holds now.
+    if (secondary && out_got && i < out_n)
+      entry = address_word<C>(out_got, i);
+    else if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
       continue;
     // GNU ld marks entry 1 with the top bit for the loader, which puts its
     // module pointer there: it holds no address.

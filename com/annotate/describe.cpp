@@ -101,6 +101,8 @@ public:
   }
 
   void setups_found() {
+    if (!gps_.multi())
+      return;
     gps_.freeze();
     for (const auto &[at, gp] : setups_)
       if (gps_.gp_at(at) != gp)
@@ -128,8 +130,14 @@ public:
         if (rs_->target->raw != nullptr)
           gp_words_.push_back({checked(r.r_offset), rs_->target});
         break;
+      case R_MIPS_CALL16:
+        if (code && gps_.multi())
+          exact_reads_.insert(got_index_at(checked(r.r_offset)));
+        break;
       case R_MIPS_HI16:
       case R_MIPS_GOT16:
+        if (type == R_MIPS_GOT16 && code && gps_.multi() && !im_.symbol_is_local(sym))
+          exact_reads_.insert(got_index_at(checked(r.r_offset)));
         if (Hi h; code && hi_of(r, &h)) {
           if (!h.got && im_.symbol_name(sym) == "_gp_disp") {
             pending_gp.push_back(h);
@@ -207,6 +215,14 @@ public:
     give_spares_pages(d);
     d.gp_ranges = gps_.ranges();
     d.got_pages.assign(got_pages_.begin(), got_pages_.end());
+    {
+      // Entries something else than a described page load of code reads.
+      std::set<uint32_t> fixed = exact_reads_;
+      for (const Hi &h : his_)
+        if (h.got && (!im_.in_text(h.offset) || !h.formed || !im_.in_text(*h.formed)))
+          fixed.insert(got_index(h));
+      d.free_pages = free_page_entries(im_, gps_, got_pages_, fixed, [this](uint32_t k) { return got_word(im_, k); });
+    }
     d.patches = std::move(patches_);
     return d;
   }
@@ -216,6 +232,7 @@ private:
   GpMap gps_;
   std::vector<std::pair<uint32_t, uint32_t>> setups_; // _gp_disp lui -> the gp it computes
   std::vector<std::pair<uint32_t, const Section *>> gp_words_; // gp-relative data words
+  std::set<uint32_t> exact_reads_; // GOT entries that loads of global symbols' addresses read
   const RelSection *rs_ = nullptr;
   std::vector<Function> functions_; // by start address
   std::vector<Hi> his_;
@@ -386,6 +403,11 @@ private:
   }
 
   uint32_t got_index(const Hi &h) const { return (got_entry_address(h) - im_.got_addr) / 4; }
+
+  // The entry a load from gp at addr reads, in .got or not.
+  uint32_t got_index_at(uint32_t addr) const {
+    return (uint32_t(gps_.gp_at(addr)) + uint32_t(mips::simm16(word(addr))) - uint32_t(im_.got_addr)) / 4;
+  }
 
   // lui/addiu of _gp_disp: gp minus the address the set-up runs at.  Only a
   // set-up inside .text moves.

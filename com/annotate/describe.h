@@ -14,6 +14,8 @@
 
 namespace vesk::annotate {
 
+class GpMap;
+
 // One events or content record: a kind, the address it describes, and its
 // value (the partner's half, the page entry's gp offset, the whole address,
 // or for data words their count).
@@ -52,7 +54,18 @@ struct Description {
   // Where the code or data uses a secondary GOT's gp (a program whose GOT
   // the linker split); empty for a program with one GOT.
   std::vector<GpRange> gp_ranges;
+  // Page entries of secondary GOTs that only described page loads of code
+  // addresses read, each the only entry of its GOT holding its value: vesk
+  // may give them other pages when the code they serve moves.
+  std::vector<uint32_t> free_pages;
 };
+
+// The page entries of secondary GOTs among pages that nothing but
+// described page loads of code addresses reads (fixed: the entries
+// something else reads), each the only entry of its GOT with its value.
+std::vector<uint32_t> free_page_entries(const Image &im, const GpMap &gps, const std::set<uint32_t> &pages,
+                                        const std::set<uint32_t> &fixed,
+                                        const std::function<uint64_t(uint32_t)> &value);
 
 // One GOT.  A program whose GOT outgrows what a 16-bit gp offset reaches
 // gets several from GNU ld: the primary one (the one .dynamic describes),
@@ -83,7 +96,9 @@ public:
   void set_data_gp(uint64_t addr, uint64_t n, uint64_t gp);
   uint64_t gp_at(uint64_t addr) const;
   const Got &got_at(uint64_t addr) const;
-  // Once every set-up is known: the stretches of code of each gp.
+  // Once every set-up is known: the stretches of code of each gp.  A
+  // program with secondary GOTs none of whose code sets up their gp reads
+  // them in a way vesk does not know: refused.
   void freeze();
   // gp_at as stretches of addresses, where it is not the primary gp.
   std::vector<GpRange> ranges() const;
@@ -95,6 +110,7 @@ private:
   };
   const Image &im_;
   std::vector<Got> gots_;
+  Got whole_; // what the primary GOT stands for when none was found
   std::vector<Function> functions_; // by start
   std::vector<uint64_t> group_gp_;  // 0: not set
   std::vector<GpRange> data_;       // by start

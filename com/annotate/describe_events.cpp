@@ -93,7 +93,8 @@ public:
     for (const auto &[at, setup] : setups_)
       if (setup.gp != im_.gp_value && !gps_.set_function_gp(at, setup.gp))
         refuse(at, "gp set-up", setup.gp, "it computes a secondary GOT's gp outside every function symbol");
-    gps_.freeze();
+    if (gps_.multi())
+      gps_.freeze();
     for (const auto &[at, setup] : setups_)
       if (gps_.gp_at(at) != setup.gp)
         refuse(at, "gp set-up", setup.gp, "another gp set-up of its function computes another GOT's gp");
@@ -136,6 +137,14 @@ public:
     d.events = std::move(events_);
     d.data = group_words();
     d.got_pages.assign(page_entries_.begin(), page_entries_.end());
+    {
+      // Entries something else than a described page load of code reads.
+      std::set<uint32_t> fixed = data_pages_;
+      fixed.insert(exact_entries_.begin(), exact_entries_.end());
+      for (const auto &[i, at] : outside_pages_)
+        fixed.insert(i);
+      d.free_pages = free_page_entries(im_, gps_, page_entries_, fixed, [this](uint32_t k) { return got_value(k); });
+    }
     d.patches = std::move(patches_);
     d.got_entries = std::move(got_entries_);
     return d;
@@ -152,6 +161,7 @@ private:
   std::vector<EventRef> events_;
   std::vector<EventRef> words_; // one per data word, count 1
   std::set<uint32_t> page_entries_, exact_entries_;
+  std::set<uint32_t> data_pages_; // page entries that page loads of addresses outside .text read
   std::map<uint32_t, uint64_t> outside_pages_; // page entry -> a page load outside .text reading it
   std::vector<std::pair<uint64_t, uint32_t>> patches_;
   std::vector<std::pair<uint32_t, uint64_t>> got_entries_;
@@ -389,6 +399,8 @@ private:
       }
       page_entries_.insert(e);
       page_loads_[e].push_back(at);
+      if (!im_.in_text(x))
+        data_pages_.insert(e);
       int64_t low = int64_t(x - got_value(e));
       if (!im_.is_64)
         low = int32_t(uint32_t(low));
@@ -512,9 +524,16 @@ private:
       // A word relative to a secondary GOT's gp: the relocation names the
       // address it holds (shifted by the primary gp in some builds).
       uint64_t sa = symbol_value(s.sym) + uint64_t(s.addend);
+      const Got *found = nullptr;
       for (uint64_t target : {sa, sa + im_.gp_value})
         if (const Got *g = gps_.got_of_gp(width(target - v)); g != nullptr && im_.in_text(width(target)))
-          gp = g->gp;
+          found = g;
+      if (found == nullptr)
+        for (const Got &g : gps_.gots())
+          if (im_.in_text(width(v + g.gp)))
+            refuse(s.offset, "gp-relative word", v, "its relocation does not tell which GOT's gp it is relative to");
+      if (found != nullptr)
+        gp = found->gp;
       gps_.set_data_gp(s.offset, n, gp);
     }
     uint64_t x = width(kind == CK_GADDR_32 || kind == CK_GADDR_64 ? v + gp : v);

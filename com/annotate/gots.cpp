@@ -23,16 +23,22 @@ constexpr uint64_t GP_BIAS = 0x7ff0;
 std::vector<Got> got_list(const Image &im) {
   if (im.got == nullptr || im.got->raw == nullptr || im.gp_value == 0)
     return {};
+  // The entries from DT_PLTGOT to the end of .got; none when it points
+  // elsewhere (the describers refuse the loads that read there).
   uint64_t n = im.got->sh.sh_size / im.word_size;
-  if (im.got_addr < im.got->sh.sh_addr || (im.got_addr - im.got->sh.sh_addr) % im.word_size != 0)
+  if (im.got_addr < im.got->sh.sh_addr || (im.got_addr - im.got->sh.sh_addr) % im.word_size != 0 ||
+      (im.got_addr - im.got->sh.sh_addr) / im.word_size >= n)
     return {};
   n -= (im.got_addr - im.got->sh.sh_addr) / im.word_size;
   uint64_t primary_end = n;
   if (im.symtabno >= im.gotsym && im.local_gotno + (im.symtabno - im.gotsym) < n)
     primary_end = im.local_gotno + (im.symtabno - im.gotsym);
   std::vector<Got> out{{0, uint32_t(primary_end), im.gp_value, true}};
+  // Without the primary GOT's extent from .dynamic no other can be told.
+  if (im.local_gotno == 0)
+    return out;
   uint64_t mark = uint64_t(1) << (im.word_size * 8 - 1);
-  for (uint64_t i = primary_end; i + 1 < n; ++i)
+  for (uint64_t i = std::max<uint64_t>(primary_end, 2); i + 1 < n; ++i)
     if (got_word(im, uint32_t(i)) == 0 && got_word(im, uint32_t(i + 1)) == mark) {
       out.back().end = uint32_t(i);
       uint64_t gp = im.got_addr + i * im.word_size + GP_BIAS;
@@ -50,7 +56,7 @@ std::string group_name(std::string name) {
 
 } // namespace
 
-GpMap::GpMap(const Image &im) : im_(im), gots_(got_list(im)) {
+GpMap::GpMap(const Image &im) : im_(im), gots_(got_list(im)), whole_{0, ~uint32_t(0), im.gp_value, true} {
   if (!multi())
     return;
   std::map<std::string, size_t> groups;
@@ -76,7 +82,7 @@ const Got &GpMap::got_of_entry(uint32_t index) const {
   for (const Got &g : gots_)
     if (index >= g.first && index < g.end)
       return g;
-  return gots_.front();
+  return gots_.empty() ? whole_ : gots_.front();
 }
 
 // Every function holding addr (aliases, and symbols inside a function,
@@ -140,7 +146,7 @@ uint64_t GpMap::gp_at(uint64_t addr) const {
 
 const Got &GpMap::got_at(uint64_t addr) const {
   const Got *g = got_of_gp(gp_at(addr));
-  return g ? *g : gots_.front();
+  return g ? *g : gots_.empty() ? whole_ : gots_.front();
 }
 
 bool GpMap::leaves_gp_alone(uint64_t lo, uint64_t hi) const {
@@ -155,6 +161,11 @@ bool GpMap::leaves_gp_alone(uint64_t lo, uint64_t hi) const {
 }
 
 void GpMap::freeze() {
+  if (multi() && std::none_of(group_gp_.begin(), group_gp_.end(),
+                              [this](uint64_t gp) { return gp != 0 && gp != im_.gp_value; }))
+    error("%s: the linker split its GOT in %zu, but no code sets up the gp of a secondary one; vesk cannot tell "
+          "which GOT the code reads",
+          im_.path.c_str(), gots_.size());
   std::vector<GpRange> out;
   for (const Function &f : functions_) {
     uint64_t gp = group_gp_[f.group];
@@ -180,6 +191,26 @@ void GpMap::freeze() {
     if (group_gp_[f.group] == im_.gp_value && range_holding(code_, f.lo) != nullptr)
       error("%s: the code at %s uses two GOTs, which vesk cannot describe", im_.path.c_str(),
             im_.where(f.lo).c_str());
+}
+
+std::vector<uint32_t> free_page_entries(const Image &im, const GpMap &gps, const std::set<uint32_t> &pages,
+                                        const std::set<uint32_t> &fixed,
+                                        const std::function<uint64_t(uint32_t)> &value) {
+  std::vector<uint32_t> out;
+  if (!gps.multi())
+    return out;
+  for (uint32_t i : pages) {
+    const Got &g = gps.got_of_entry(i);
+    if (g.primary || fixed.count(i) || i < g.first + 2)
+      continue;
+    bool unique = true;
+    for (uint32_t k = g.first; k < g.end && unique; ++k)
+      unique = k == i || value(k) != value(i);
+    if (unique)
+      out.push_back(i);
+  }
+  (void)im;
+  return out;
 }
 
 std::vector<GpRange> GpMap::ranges() const {

@@ -97,8 +97,15 @@ std::vector<uint8_t> events_stream(const Image &im, const std::vector<EventRef> 
 }
 
 // Where code or data uses a secondary GOT's gp: (first address, end, gp),
-// 64-bit words for every class.
+// 64-bit words for every class; and the secondary GOTs' page entries vesk
+// may give other pages (indices, 32-bit words).
 void add_gp_ranges(const Description &d, std::vector<NewSection> &out) {
+  if (!d.free_pages.empty()) {
+    std::vector<uint8_t> indices(d.free_pages.size() * 4);
+    for (size_t i = 0; i < d.free_pages.size(); ++i)
+      store32(indices.data() + i * 4, d.free_pages[i]);
+    out.push_back({FREE_PAGES_SECTION, SHT_PROGBITS, false, std::move(indices)});
+  }
   if (d.gp_ranges.empty())
     return;
   std::vector<uint8_t> bytes(d.gp_ranges.size() * 24);
