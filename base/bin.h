@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/file_io.h"
 #include "base/proc.h"
 
 namespace vesk {
@@ -73,6 +74,9 @@ struct Bin {
   // Contents that sections of the output image point to, kept until the
   // image is written.
   std::deque<std::vector<uint8_t>> out_buffers;
+  // The input mapped copy-on-write: the output's sections start as views of
+  // their input bytes there.
+  PrivateMap out_base;
 
   ProcTable procs;
   // The run of library stubs at the start of .text that no procedure

@@ -1,6 +1,7 @@
 #include "base/file_io.h"
 
 #include <cerrno>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -68,6 +69,22 @@ void write_file_atomically(const std::string &path, const void *data, size_t siz
     errno = e;
     sysfatal("cannot write %s", path.c_str());
   }
+}
+
+PrivateMap::~PrivateMap() {
+  if (p_ != nullptr)
+    munmap(p_, n_);
+}
+
+bool PrivateMap::map(int fd, size_t size) {
+  if (p_ != nullptr || size == 0)
+    return p_ != nullptr;
+  void *p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
+  if (p == MAP_FAILED)
+    return false;
+  p_ = static_cast<uint8_t *>(p);
+  n_ = size;
+  return true;
 }
 
 } // namespace vesk

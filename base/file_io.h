@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 
 namespace vesk {
 
@@ -17,5 +18,30 @@ void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char 
 // one untouched.  path must not name anything but a regular file; the new
 // file gets mode (less the umask).
 void write_file_atomically(const std::string &path, const void *data, size_t size, mode_t mode);
+
+// A private, writable mapping of a whole file: the pages nobody writes stay
+// shared with the file's cache, a page written is copied then.  The output
+// image starts from the input's contents this way, so what a run leaves
+// as it was is never copied.
+class PrivateMap {
+public:
+  PrivateMap() = default;
+  PrivateMap(const PrivateMap &) = delete;
+  PrivateMap(PrivateMap &&o) noexcept : p_(std::exchange(o.p_, nullptr)), n_(std::exchange(o.n_, 0)) {}
+  PrivateMap &operator=(PrivateMap &&o) noexcept {
+    std::swap(p_, o.p_);
+    std::swap(n_, o.n_);
+    return *this;
+  }
+  ~PrivateMap();
+  // False when the file cannot be mapped (the caller copies instead).
+  bool map(int fd, size_t size);
+  uint8_t *data() const { return p_; }
+  size_t size() const { return n_; }
+
+private:
+  uint8_t *p_ = nullptr;
+  size_t n_ = 0;
+};
 
 } // namespace vesk

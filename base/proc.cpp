@@ -19,7 +19,7 @@ ProcTable &table() { return bin.procs; }
 
 bool holds(const Proc *p, uint64_t addr) { return p->old_addr <= addr && addr < p->old_addr + p->size; }
 
-ProcTable::NameKey name_key(const char *name, const char *file_name) { return {name, file_name}; }
+size_t name_hash(const char *name, const char *file_name) { return hash_of(name) * 31 + hash_of(file_name); }
 
 void invalidate_indexes() {
   table().last_unique = nullptr;
@@ -70,12 +70,13 @@ Proc *walk_for_addr(uint64_t addr) {
 
 void build_name_index() {
   ProcTable &t = table();
-  t.by_name.clear();
-  for (size_t i = 0; i < t.records.size(); ++i) {
+  t.by_name.build(t.records.size(), [&t](size_t i, size_t &h) {
     const Proc &p = t.records[i];
-    if (p.name != nullptr && p.file_name != nullptr)
-      t.by_name[name_key(p.name, p.file_name)].push_back(int(i));
-  }
+    if (p.name == nullptr || p.file_name == nullptr)
+      return false;
+    h = name_hash(p.name, p.file_name);
+    return true;
+  });
   t.name_index_valid = true;
 }
 
@@ -178,17 +179,23 @@ Proc *find_proc_by_name(const char *name, const char *file_name) {
   if (name != nullptr && file_name != nullptr) {
     if (!t.name_index_valid)
       build_name_index();
-    auto slot = t.by_name.find(name_key(name, file_name));
-    if (slot != t.by_name.end()) {
-      const std::vector<int> &ids = slot->second;
-      auto from = std::lower_bound(ids.begin(), ids.end(), t.name_search_start);
-      for (auto i = from; i != ids.end() && !found; ++i)
-        if (t.records[size_t(*i)].listed == 0)
-          found = &t.records[size_t(*i)];
-      for (auto i = ids.begin(); i != from && !found; ++i)
-        if (t.records[size_t(*i)].listed == 0)
-          found = &t.records[size_t(*i)];
-    }
+    // The first record not yet listed at or behind the one found last, else
+    // the first one in front of it.
+    Proc *in_front = nullptr;
+    t.by_name.visit(name_hash(name, file_name), [&](size_t i) {
+      Proc &p = t.records[i];
+      if (p.listed != 0 || std::strcmp(p.name, name) != 0 || std::strcmp(p.file_name, file_name) != 0)
+        return true;
+      if (int(i) >= t.name_search_start) {
+        found = &p;
+        return false;
+      }
+      if (in_front == nullptr)
+        in_front = &p;
+      return true;
+    });
+    if (found == nullptr)
+      found = in_front;
   }
   if (found != nullptr) {
     t.name_search_start = int(found - t.records.data());
@@ -211,7 +218,9 @@ void mdebug_derive_proc_highpc() {
   std::vector<Proc> &r = table().records;
   if (r.empty())
     error("no procedure in mdebug");
-  std::stable_sort(r.begin(), r.end(), [](const Proc &a, const Proc &b) { return cmp_begin(&a, &b) < 0; });
+  auto before = [](const Proc &a, const Proc &b) { return cmp_begin(&a, &b) < 0; };
+  if (!std::is_sorted(r.begin(), r.end(), before)) // the table usually comes in address order
+    std::stable_sort(r.begin(), r.end(), before);
   invalidate_indexes();
   for (size_t i = 0; i + 1 < r.size(); ++i)
     r[i].size = uint32_t(r[i + 1].old_addr) - uint32_t(r[i].old_addr);

@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/flat_index.h"
+
 namespace vesk {
 
 struct Proc {
@@ -80,18 +82,8 @@ struct ProcTable {
 
   // Lookups by name: every record's index under its (name, file name); a
   // search goes on from the record found last.
-  // The keys view the records' own strings, which live as long as the run.
-  struct NameKey {
-    std::string_view name, file;
-    bool operator==(const NameKey &) const = default;
-  };
-  struct NameKeyHash {
-    size_t operator()(const NameKey &k) const {
-      return std::hash<std::string_view>()(k.name) * 31 + std::hash<std::string_view>()(k.file);
-    }
-  };
   bool name_index_valid = false;
-  std::unordered_map<NameKey, std::vector<int>, NameKeyHash> by_name;
+  FlatIndex by_name;
   int name_search_start = 0;
 
   ChainEnds chain_ends;

@@ -1,7 +1,8 @@
 #!/bin/sh
 # What reordering buys on the real programs: for each o32 build of the
 # bench (bench/real/build.sh), annotate it, profile one workload with
-# vesk-profile in both orders (hot: hottest first by entry count; c3:
+# vesk-profile in each order (temporal: procedures run close together in
+# time placed together, the default; hot: hottest first by entry count; c3:
 # call-chain clusters), lay it out with vesk, and run the original and the
 # reordered executables on the same workload under vesk-profile --compare.
 # Prints a Markdown table of pages of text touched (and the ideal: the
@@ -34,6 +35,7 @@ workload() {
     jimtcl) echo "$work/jim.tcl" ;;
     duktape) echo "$data/duktape/mandel.js" ;;
     sqlite3) echo ":memory: -init /dev/null" ;;
+    jsoncpp_test) echo "" ;; # its unit tests, all of them
   esac
 }
 cat >jim.tcl <<'TCL'
@@ -56,15 +58,16 @@ stdin_of() {
 # field FILE ROW-PREFIX COLUMN: a number from vesk-profile --compare's table.
 field() { grep "^$2" "$1" | awk -v c="$3" '{ print $(NF - 3 + c) }'; }
 
-printf '| program | text | pages: original | hot | c3 | ideal | TLB 16x4K: original | hot | c3 | TLB 48x8K: original | hot | c3 | I-cache 8K: original | hot | c3 |\n'
-printf '|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n'
-for prog in ${PROGRAMS:-bzip2 jimtcl duktape sqlite3}; do
+orders="temporal hot c3"
+printf '| program | text | pages: original | temporal | hot | c3 | ideal | TLB 16x4K: original | temporal | hot | c3 | TLB 48x8K: original | temporal | hot | c3 | I-cache 8K: original | temporal | hot | c3 |\n'
+printf '|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n'
+for prog in ${PROGRAMS:-bzip2 jimtcl duktape sqlite3 jsoncpp_test}; do
   exe=$real/$prog-$variant
   [ -f "$exe" ] || continue
   "$build/vesk-annotate" "$exe" -o "$prog"
   args=$(workload $prog)
   in=$(stdin_of $prog)
-  for order in hot c3; do
+  for order in $orders; do
     # shellcheck disable=SC2086
     # The program's exit status passes through (sqlite3's script has an
     # error on purpose).
@@ -81,12 +84,13 @@ for prog in ${PROGRAMS:-bzip2 jimtcl duktape sqlite3}; do
   done
   size=$(mips-linux-gnu-readelf -SW "$exe" | awk '$2 == ".text" { print $6 }')
   text="$((0x$size / 1024)) K"
-  h=$prog.hot.cmp c=$prog.c3.cmp
-  printf '| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |\n' "$prog" "$text" \
-    "$(field $h '4 KB pages' 1)" "$(field $h '4 KB pages' 2)" "$(field $c '4 KB pages' 2)" "$(field $h 'ideal' 2)" \
-    "$(field $h 'TLB misses, 16' 1)" "$(field $h 'TLB misses, 16' 2)" "$(field $c 'TLB misses, 16' 2)" \
-    "$(field $h 'TLB misses, 48' 1)" "$(field $h 'TLB misses, 48' 2)" "$(field $c 'TLB misses, 48' 2)" \
-    "$(field $h 'I-cache' 1)" "$(field $h 'I-cache' 2)" "$(field $c 'I-cache' 2)"
+  # The original, then each order's reordered run.
+  figures() {
+    printf ' %s |' "$(field $prog.temporal.cmp "$1" 1)"
+    for order in $orders; do printf ' %s |' "$(field $prog.$order.cmp "$1" 2)"; done
+  }
+  printf '| %s | %s |%s %s |%s%s%s\n' "$prog" "$text" "$(figures '4 KB pages')" "$(field $prog.hot.cmp ideal 2)" \
+    "$(figures 'TLB misses, 16')" "$(figures 'TLB misses, 48')" "$(figures 'I-cache')"
 done
 
 # The overhead of profiling, on jimtcl's workload: best of three each.

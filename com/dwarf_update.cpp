@@ -76,6 +76,31 @@ uint64_t map_byte(uint64_t a) {
   return text_map_of(w) + (a & 3);
 }
 
+namespace {
+
+// The words w behind which the code comes apart (the word at w + 4 does
+// not follow it in the new layout), in address order, from the word in
+// front of .text to its last one.  Found once per layout: the ranges of
+// units, scopes and line sequences ask about the same words many times.
+struct Breaks {
+  const uint64_t *map = nullptr;
+  uint64_t words = 0;
+  std::vector<uint64_t> at;
+};
+Breaks breaks;
+
+void find_breaks() {
+  breaks.map = bin.text_map;
+  breaks.words = bin.text_words;
+  breaks.at.clear();
+  uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
+  for (uint64_t w = bin.text_lo >= 4 ? bin.text_lo - 4 : 0; w < text_end; w += 4)
+    if (map_byte(w + 4) != map_byte(w) + 4)
+      breaks.at.push_back(w);
+}
+
+} // namespace
+
 std::vector<Piece> map_range(uint64_t lo, uint64_t hi) {
   std::vector<Piece> out;
   if (hi <= lo) {
@@ -85,17 +110,17 @@ std::vector<Piece> map_range(uint64_t lo, uint64_t hi) {
   }
   // Only where a word of .text meets another word can the code have come
   // apart.
+  if (breaks.map != bin.text_map || breaks.words != bin.text_words)
+    find_breaks();
   uint64_t start = lo, new_start = map_byte(lo);
   uint64_t last = (hi - 1) & ~uint64_t(3);
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
   uint64_t w = std::max(lo & ~uint64_t(3), bin.text_lo >= 4 ? bin.text_lo - 4 : 0);
-  for (uint64_t stop = std::min(last, text_end); w < stop; w += 4) {
-    uint64_t n = map_byte(w), next = map_byte(w + 4);
-    if (next != n + 4) {
-      out.push_back({start, w + 4, new_start, n + 4});
-      start = w + 4;
-      new_start = next;
-    }
+  uint64_t stop = std::min(last, text_end);
+  for (auto b = std::lower_bound(breaks.at.begin(), breaks.at.end(), w); b != breaks.at.end() && *b < stop; ++b) {
+    out.push_back({start, *b + 4, new_start, map_byte(*b) + 4});
+    start = *b + 4;
+    new_start = map_byte(*b + 4);
   }
   out.push_back({start, hi, new_start, map_byte(hi - 1) + 1});
   return out;
@@ -1269,6 +1294,11 @@ bool dwarf_follows_layout() {
 void update_dwarf() {
   if (!dwarf_follows_layout())
     return;
+  // The breaks hold for this run's layout only.
+  struct Forget {
+    ~Forget() { breaks = Breaks{}; }
+  } forget;
+  find_breaks();
   DwarfUpdate().run();
 }
 

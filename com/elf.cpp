@@ -100,12 +100,22 @@ void write_it() {
   restore_unwritten_bytes(std::move(ranges));
 }
 
+void *output_contents(const Elf_Data *in) {
+  size_t raw_size = 0;
+  const char *raw = elf_rawfile(bin.in_elf, &raw_size);
+  const char *src = static_cast<const char *>(in->d_buf);
+  if (raw != nullptr && src >= raw && in->d_size <= raw_size && size_t(src - raw) <= raw_size - in->d_size &&
+      bin.out_base.map(bin.in_fd, raw_size))
+    return bin.out_base.data() + (src - raw);
+  return dup_buffer(in->d_buf, in->d_size);
+}
+
 void *dup_buffer(const void *src, size_t size) {
   // Kept with the run's other output contents, released when the run ends.
-  std::vector<uint8_t> &copy = bin.out_buffers.emplace_back(size ? size : 1);
-  if (size)
-    std::memcpy(copy.data(), src, size);
-  return copy.data();
+  if (size == 0)
+    return bin.out_buffers.emplace_back(1).data();
+  const uint8_t *from = static_cast<const uint8_t *>(src);
+  return bin.out_buffers.emplace_back(from, from + size).data();
 }
 
 } // namespace vesk

@@ -28,5 +28,9 @@ void expand_section64(Elf_Scn *scn, uint32_t n);
 void write_it();
 // Allocates size bytes and copies them from src ("malloc error" on failure).
 void *dup_buffer(const void *src, size_t size);
+// The output's own copy of an input section's contents: a view of the file's
+// bytes mapped copy-on-write where libelf hands out the file's bytes as they
+// are, else a copy.
+void *output_contents(const Elf_Data *in);
 
 } // namespace vesk

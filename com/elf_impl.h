@@ -87,7 +87,7 @@ template <class C> void addresses_to_file_order(Elf_Data *d) {
 }
 
 // A copy of the input in bin.out_elf: same headers, same section indices,
-// private copies of every section's contents.
+// private copies of every section's contents (see output_contents).
 template <class C> void duplicate_elf_t() {
   typename C::Ehdr *in_eh = C::getehdr(bin.in_elf);
   if (in_eh == nullptr) {
@@ -140,7 +140,7 @@ template <class C> void duplicate_elf_t() {
     }
     *out_d = *in_d;
     if (in_d->d_buf != nullptr)
-      out_d->d_buf = dup_buffer(in_d->d_buf, in_d->d_size);
+      out_d->d_buf = output_contents(in_d);
     if (out_d->d_type == ELF_T_ADDR && out_d->d_buf != nullptr)
       addresses_to_file_order<C>(out_d);
     const char *name = section_name<C>(bin.in_elf, in_scn);

@@ -253,7 +253,7 @@ void open_input() {
 
 void parse_input() {
   elf_version(EV_CURRENT);
-  bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ, nullptr);
+  bin.in_elf = elf_begin(bin.in_fd, ELF_C_READ_MMAP, nullptr);
   if (bin.in_elf == nullptr)
     error("cannot open %s", option.program);
   switch (elf_kind(bin.in_elf)) {

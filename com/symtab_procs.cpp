@@ -4,8 +4,6 @@
 #include <cstring>
 #include <gelf.h>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "base/bin.h"
@@ -134,6 +132,15 @@ bool FunctionSymbols::named_at(uint64_t addr, const char *name) const {
   return false;
 }
 
+bool FunctionSymbols::has_sized(const char *name) const {
+  bool found = false;
+  sized_names.visit(hash_of(name), [&](size_t i) {
+    found = std::strcmp(by_addr[i].name, name) == 0;
+    return !found;
+  });
+  return found;
+}
+
 FunctionSymbols read_function_symbols(Elf *elf) {
   FunctionSymbols out;
   SymtabSections secs = find_sections(elf);
@@ -176,14 +183,19 @@ FunctionSymbols read_function_symbols(Elf *elf) {
       continue;
     found.push_back({{lo, hi, names.at(s.st_name, i), i < first_global ? file : "-"}, i});
   }
-  std::sort(found.begin(), found.end(), [](const Ranked &a, const Ranked &b) {
-    if (a.sym.addr != b.sym.addr)
-      return a.sym.addr < b.sym.addr;
-    bool a_sized = a.sym.end > a.sym.addr, b_sized = b.sym.end > b.sym.addr;
-    if (a_sized != b_sized)
-      return a_sized;
-    return a.index < b.index;
-  });
+  // By address, the sized ones first at a shared address, then in table
+  // order: sorted as small keys (the symbol records are six times larger).
+  std::vector<std::pair<uint64_t, uint64_t>> keys(found.size());
+  for (size_t k = 0; k < found.size(); ++k) {
+    bool unsized = found[k].sym.end <= found[k].sym.addr;
+    keys[k] = {found[k].sym.addr, (uint64_t(unsized) << 63) | (uint64_t(found[k].index) << 31) | k};
+  }
+  std::sort(keys.begin(), keys.end());
+  std::vector<Ranked> sorted;
+  sorted.reserve(found.size());
+  for (const auto &key : keys)
+    sorted.push_back(found[key.second & 0x7fffffff]);
+  found = std::move(sorted);
   // Functions do not overlap: a size that runs into the next function is
   // wrong (the assembler sizes a function that has a part in another
   // section from one part's start to the other's end) and is cut there.
@@ -195,9 +207,12 @@ FunctionSymbols read_function_symbols(Elf *elf) {
     if (next < found.size())
       s.end = std::min(s.end, found[next].sym.addr);
     out.by_addr.push_back(s);
-    if (s.end > s.addr)
-      out.sized_names.insert(s.name);
   }
+  out.sized_names.build(out.by_addr.size(), [&out](size_t i, size_t &h) {
+    const FunctionSymbol &s = out.by_addr[i];
+    h = hash_of(s.name);
+    return s.end > s.addr;
+  });
   return out;
 }
 
@@ -279,15 +294,22 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
   // The mdebug path keeps 32-bit addresses sign-extended and compares
   // their low halves; symbols are looked at the same way.
   auto as_mdebug = [](uint64_t a) { return sign_extend32(uint32_t(a)); };
-  struct Named {
-    int count;
-    uint64_t addr;
+  const std::vector<FunctionSymbol> &all = syms.by_addr;
+  FlatIndex by_name;
+  by_name.build(all.size(), [&all](size_t i, size_t &h) {
+    h = hash_of(all[i].name);
+    return true;
+  });
+  // The address of the only function symbol of that name, if there is one.
+  auto only_symbol = [&](const char *name, uint64_t &addr) {
+    int count = 0;
+    by_name.visit(hash_of(name), [&](size_t i) {
+      if (std::strcmp(all[i].name, name) == 0 && count++ == 0)
+        addr = all[i].addr;
+      return count < 2;
+    });
+    return count == 1;
   };
-  std::unordered_map<std::string_view, Named> by_name;
-  for (const FunctionSymbol &s : syms.by_addr) {
-    auto [it, added] = by_name.try_emplace(s.name, Named{0, s.addr});
-    ++it->second.count;
-  }
 
   // The assembler records the symbols of a function placed in another
   // input section than its file's .text (.text.startup, .text.unlikely)
@@ -296,13 +318,13 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
   for (int i = 0, n = get_n_procs(); i < n; ++i) {
     Proc *p = get_proc_by_index(i);
     if (p->name != nullptr && std::strcmp(p->name, ".libstub") != 0) {
-      auto it = by_name.find(p->name);
-      if (it != by_name.end() && it->second.count == 1 && uint32_t(it->second.addr) != uint32_t(p->old_addr)) {
+      uint64_t addr = 0;
+      if (only_symbol(p->name, addr) && uint32_t(addr) != uint32_t(p->old_addr)) {
         if (option.verbose)
           warning("procedure %s of %s starts at %#llx in the mdebug table but its symbol at %#llx; the symbol "
                   "is taken",
-                  p->name, p->file_name, (unsigned long long)p->old_addr, (unsigned long long)it->second.addr);
-        p->old_addr = as_mdebug(it->second.addr);
+                  p->name, p->file_name, (unsigned long long)p->old_addr, (unsigned long long)addr);
+        p->old_addr = as_mdebug(addr);
       }
     }
     starts.push_back(uint32_t(p->old_addr));

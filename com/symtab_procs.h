@@ -7,8 +7,9 @@
 #include <cstdint>
 #include <libelf.h>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
+
+#include "base/flat_index.h"
 
 namespace vesk {
 
@@ -24,13 +25,14 @@ struct FunctionSymbol {
 // Empty when the input has no .symtab.
 struct FunctionSymbols {
   std::vector<FunctionSymbol> by_addr;
-  std::unordered_set<std::string_view> sized_names;
+  FlatIndex sized_names; // the symbols of by_addr with a size, by name
 
   // The name of the first symbol that starts at addr, or null.
   const char *name_at(uint64_t addr) const;
   // Whether a symbol of that name starts at addr.
   bool named_at(uint64_t addr, const char *name) const;
-  bool has_sized(const char *name) const { return sized_names.count(name) != 0; }
+  // Whether a symbol of that name has a size.
+  bool has_sized(const char *name) const;
 };
 
 // Reads the symbols of elf (the input); a damaged table ends the run.

@@ -65,13 +65,24 @@ struct DataSections {
   struct Placed {
     Elf_Scn *scn;
     uint32_t addr, size;
+    bool first_of_its_addresses; // no section in front of it shares an address with it
+    bool holds(uint32_t a) const { return a >= addr && a - addr < size; }
   };
   std::vector<Placed> sections;
+  // Words come in address order, mostly many to a section: the section
+  // that held the last one is asked first, when it is the one the walk
+  // over the sections would find.
+  mutable size_t last = 0;
 
   DataSections() {
     for (Elf_Scn *scn = elf_nextscn(bin.out_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.out_elf, scn))
       if (const Elf32_Shdr *sh = elf32_getshdr(scn); sh != nullptr && (sh->sh_flags & SHF_ALLOC) != 0)
-        sections.push_back({scn, sh->sh_addr, sh->sh_size});
+        sections.push_back({scn, sh->sh_addr, sh->sh_size, true});
+    for (size_t i = 0; i < sections.size(); ++i)
+      for (size_t j = 0; j < i; ++j)
+        if (uint64_t(sections[j].addr) < uint64_t(sections[i].addr) + sections[i].size &&
+            uint64_t(sections[i].addr) < uint64_t(sections[j].addr) + sections[j].size)
+          sections[i].first_of_its_addresses = false;
   }
 };
 
@@ -80,9 +91,15 @@ void set_data_word(const CompactRelEntry &e, uint32_t value, const DataSections 
     store32(new_insn(new_addr(e.vaddr)), value);
     return;
   }
-  for (const DataSections::Placed &s : data.sections) {
-    if (e.vaddr < s.addr || e.vaddr - s.addr >= s.size)
+  size_t from = 0;
+  if (data.last < data.sections.size() && data.sections[data.last].first_of_its_addresses &&
+      data.sections[data.last].holds(e.vaddr))
+    from = data.last;
+  for (size_t k = from; k < data.sections.size(); ++k) {
+    const DataSections::Placed &s = data.sections[k];
+    if (!s.holds(e.vaddr))
       continue;
+    data.last = k;
     Elf_Data *d = elf_getdata(s.scn, nullptr);
     uint32_t off = e.vaddr - s.addr;
     if (d == nullptr || d->d_buf == nullptr || d->d_size < 4 || off > d->d_size - 4)

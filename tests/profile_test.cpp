@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <unistd.h>
 
 #include "support/bench.h"
@@ -38,7 +39,7 @@ TEST(Profile, CountsAgreeWithTheSourceAndTheProgramsStreamsAndStatusPassThrough)
   ScratchDir dir("profile");
   struct Case {
     const char *debug, *order;
-  } cases[] = {{"-g", "hot"}, {"-g", "c3"}, {"-gdwarf-4", "c3"}};
+  } cases[] = {{"-g", "hot"}, {"-g", "c3"}, {"-gdwarf-4", "c3"}, {"-g", "temporal"}};
   std::string input(37, 'x');
   input += "yyy\n";
   write_file(dir / "input", input);
@@ -67,12 +68,58 @@ TEST(Profile, CountsAgreeWithTheSourceAndTheProgramsStreamsAndStatusPassThrough)
     EXPECT_EQ(count("never"), 0u);
     if (std::string(c.order) == "hot")
       EXPECT_LT(position(lines, "leaf"), position(lines, "mid"));
-    else // leaf's cluster goes behind its caller's
+    else if (std::string(c.order) == "c3") // leaf's cluster goes behind its caller's
       EXPECT_EQ(position(lines, "leaf"), position(lines, "mid") + 1);
+    else // leaf runs between every two runs of mid
+      EXPECT_EQ(std::abs(position(lines, "leaf") - position(lines, "mid")), 1);
     r = run_vesk({"-v", ann, fb, "-o", dir / "counted.vesk"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err.find("Procedure not found"), std::string::npos) << r.err;
   }
+}
+
+// The temporal order (the default) on a saved trace of two phases: op_add
+// and op_mul take turns, then op_sub and keep do.  Hottest first would
+// list op_add, op_sub, keep, op_mul; the temporal order puts each phase's
+// pair together, chains of at most 16 bytes (two of these 8-byte
+// procedures) keep the phases apart, and the pair that executed more
+// instructions (op_sub and keep: 95 + 80 against 100 + 70) leads.
+TEST(Profile, TemporalOrderPlacesTheProceduresOfEachPhaseTogether) {
+  const BenchExe *e = bench_named("calc-o32-dwarf-pie");
+  if (e == nullptr)
+    GTEST_SKIP() << "bench of MIPS executables missing";
+  ElfFile f(e->path);
+  std::string trace = "start_code  0x40000000\n";
+  auto at = [&](const char *name) {
+    char s[32];
+    std::snprintf(s, sizeof s, "%08llx", (unsigned long long)(0x40000000 + f.symbol_value(name)));
+    return std::string(s);
+  };
+  auto run = [&](const char *name, int times) {
+    for (int i = 0; i < times; ++i)
+      trace += "Trace 0: 0x7f00 [00000000/" + at(name) + "/000000e2/00000200] " + name + "\n";
+  };
+  for (const char *name : {"op_add", "op_mul", "op_sub", "keep"})
+    trace += std::string("IN: ") + name + "\n0x" + at(name) + ":  nop\n\n";
+  for (int i = 0; i < 70; ++i)
+    run("op_add", 1), run("op_mul", 1);
+  run("op_add", 30);
+  for (int i = 0; i < 80; ++i)
+    run("op_sub", 1), run("keep", 1);
+  run("op_sub", 15);
+  ScratchDir dir("temporal");
+  write_file(dir / "trace", trace);
+  std::string fb = dir / "calc.fb";
+  RunResult r = run_command({profile_binary(), "--trace", dir / "trace", "--cluster-size", "16", "-o", fb, "--", e->path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::vector<FeedbackLine> lines = feedback_lines(fb);
+  ASSERT_GE(lines.size(), 4u);
+  std::vector<std::string> first{lines[0].name, lines[1].name}, second{lines[2].name, lines[3].name};
+  std::sort(first.begin(), first.end());
+  std::sort(second.begin(), second.end());
+  EXPECT_EQ(first, (std::vector<std::string>{"keep", "op_sub"}));
+  EXPECT_EQ(second, (std::vector<std::string>{"op_add", "op_mul"}));
+  EXPECT_EQ(lines[0].count + lines[1].count, 95u + 80u);
 }
 
 // Traces read from a file: one that gives main's entry five times, and

@@ -47,7 +47,6 @@ void load_input(const std::string &path, const std::string &output) {
   StepResult r = run_step(read_input); // the reader without procedure discovery
   ASSERT_EQ(r.status, 0) << path << ": " << r.err;
   bin.out_fd = open(option.output, O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  bin_copy(bin.in_fd, bin.out_fd);
   bin.text_map = static_cast<uint64_t *>(std::calloc(bin.text_words + 1, sizeof(uint64_t)));
   duplicate_elf();
 }

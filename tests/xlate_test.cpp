@@ -503,7 +503,6 @@ TEST(XlateSection, MdebugGetsNoneAndAnEmptyTableMovesNothing) {
   vesk::option.output = out.c_str();
   ASSERT_EQ(run_step(vesk::read_input).status, 0);
   vesk::bin.out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  vesk::bin_copy(vesk::bin.in_fd, vesk::bin.out_fd);
   vesk::duplicate_elf();
   vesk::XlateSection s = vesk::create_xlate_section();
   uint64_t shoff = elf32_getehdr(vesk::bin.out_elf)->e_shoff;

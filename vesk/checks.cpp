@@ -182,20 +182,26 @@ void verify_proc() {
   std::vector<uint8_t> covered(bin.text_words, 0);
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
-    for (uint64_t i = span.first; i < span.end; ++i) {
-      // Two procedures claiming one word would move it twice, or leave one
-      // of them without its code: the procedure table is wrong.
-      if (covered[i])
-        error("%s: instruction %d at %#llx covered twice (procedure %s overlaps another)", option.program, int(i),
-              (unsigned long long)(bin.text_lo + 4 * i), name_of(p));
-      covered[i] = 1;
+    if (span.size() == 0)
+      continue;
+    // Two procedures claiming one word would move it twice, or leave one
+    // of them without its code: the procedure table is wrong.
+    if (const void *twice = std::memchr(&covered[span.first], 1, span.size())) {
+      uint64_t i = uint64_t(static_cast<const uint8_t *>(twice) - covered.data());
+      error("%s: instruction %d at %#llx covered twice (procedure %s overlaps another)", option.program, int(i),
+            (unsigned long long)(bin.text_lo + 4 * i), name_of(p));
     }
+    std::memset(&covered[span.first], 1, span.size());
   }
   warning("instruction count %ld\n", long(bin.text_words));
 
   for (uint64_t i = 0; i < bin.text_words; ++i) {
-    if (covered[i])
-      continue;
+    if (covered[i]) {
+      const void *gap = std::memchr(&covered[i], 0, bin.text_words - i);
+      if (gap == nullptr)
+        break;
+      i = uint64_t(static_cast<const uint8_t *>(gap) - covered.data());
+    }
     if (bin.libstub_lo == 0) {
       bin.libstub_lo = bin.text_lo + 4 * i;
       if (option.debug)
@@ -320,7 +326,11 @@ void tie_procedures_without_a_return() {
         // ends in a jump or branch that always goes elsewhere (the cold
         // part of a function returns into its hot part that way) or in a
         // call that never returns.
+        // A record without words (the empty .libstub record at the start
+        // of .text) runs into nothing.
         TextSpan span = text_span(p);
+        if (span.size() == 0)
+          return false;
         if (span.size() >= 2 && mips::is_unconditional(word_at(bin.text_buf, span.end - 2)))
           return false;
         if (calls.ends_in_call_that_never_returns(p))

@@ -50,7 +50,6 @@ void run(int argc, char **argv) {
     dump_procs();
   check_output_is_not_input();
   open_output();
-  bin_copy(bin.in_fd, bin.out_fd);
   reorder_it();
   write_it();
   elf_end(bin.in_elf);
@@ -153,15 +152,6 @@ void reorder_it() {
   update_mdebug();
   update_dwarf(); // before the table, which goes behind every section that grew
   add_xlate_section();
-}
-
-void bin_copy(int in_fd, int out_fd) {
-  off_t size = lseek(in_fd, 0, SEEK_END);
-  if (size < 0)
-    sysfatal("reading %s", option.program);
-  std::vector<uint8_t> buf(static_cast<size_t>(size));
-  read_at(in_fd, 0, buf.data(), buf.size(), "contents", option.program);
-  write_at(out_fd, 0, buf.data(), buf.size(), "contents", option.output);
 }
 
 void check_output_is_not_input() {

@@ -2,7 +2,6 @@
 // attaching the result to the new-order list.
 #include "vesk/feedback.h"
 
-#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -33,7 +32,8 @@ constexpr size_t PROG_NAME_BUF = 128; // the "$name" value
 constexpr size_t DIRECTIVE_BUF = 108; // a header directive
 constexpr size_t NUMBER_BUF = 64;     // a numeric field (digits beyond it change nothing)
 
-bool is_blank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+// The blanks of the C locale, which is the one vesk runs in.
+bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // Copies the next blank-separated word of *s into buf (cut to cap - 1
 // characters), moves *s behind the whole word and says whether there was one.

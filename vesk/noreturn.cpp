@@ -5,12 +5,12 @@
 #include <gelf.h>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "base/bin.h"
 #include "base/bytes.h"
+#include "base/flat_index.h"
 #include "base/mips.h"
 #include "base/text_words.h"
 #include "com/update.h"
@@ -49,9 +49,12 @@ struct NoReturn::State {
   // executable defines, its address (0 otherwise).
   std::vector<const char *> global_got_names;
   std::vector<uint64_t> global_got_values;
-  // Procedures by name, for the parts of one function (foo, foo.cold).
-  std::unordered_map<std::string_view, std::vector<const Proc *>> parts; // views of the records' names
-  std::unordered_map<const Proc *, int> memo; // 0 in progress, 1 returns, 2 never returns
+  // Procedures by function name, for the parts of one function (foo,
+  // foo.cold).
+  std::vector<const Proc *> named;
+  FlatIndex parts;
+  // By record: 0 not asked yet, 1 in progress, 2 returns, 3 never returns.
+  std::vector<uint8_t> memo;
 };
 
 namespace {
@@ -89,7 +92,12 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
   elf_errno();
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
     if (p->name != nullptr)
-      s_->parts[function_name(p->name)].push_back(p);
+      s_->named.push_back(p);
+  s_->parts.build(s_->named.size(), [this](size_t i, size_t &h) {
+    h = hash_of(function_name(s_->named[i]->name));
+    return true;
+  });
+  s_->memo.assign(bin.procs.records.size(), 0);
 }
 
 NoReturn::~NoReturn() = default;
@@ -185,16 +193,23 @@ bool NoReturn::ends_in_call_that_never_returns(const Proc *p) {
 // return, no tail call, no jump table) or a jump or branch to another
 // function, and it cannot run off its end.
 bool NoReturn::never_returns(const Proc *q) {
-  auto memo = s_->memo.find(q);
-  if (memo != s_->memo.end())
-    return memo->second == 2; // in progress counts as returning
-  s_->memo[q] = 0;
-  std::vector<const Proc *> parts{q};
+  size_t record = size_t(q - bin.procs.records.data());
+  if (record >= s_->memo.size())
+    return false; // not a record of the table: nothing known about it
+  if (s_->memo[record] != 0)
+    return s_->memo[record] == 3; // in progress counts as returning
+  s_->memo[record] = 1;
+  std::vector<const Proc *> parts;
   if (q->name != nullptr) {
-    auto it = s_->parts.find(function_name(q->name));
-    if (it != s_->parts.end())
-      parts = it->second;
+    std::string_view function = function_name(q->name);
+    s_->parts.visit(hash_of(function), [&](size_t i) {
+      if (function_name(s_->named[i]->name) == function)
+        parts.push_back(s_->named[i]);
+      return true;
+    });
   }
+  if (parts.empty())
+    parts.push_back(q);
   auto inside = [&](uint64_t a) {
     for (const Proc *part : parts)
       if (a >= part->old_addr && a - part->old_addr < part->size)
@@ -223,7 +238,7 @@ bool NoReturn::never_returns(const Proc *q) {
     never = (span.size() >= 2 && mips::is_unconditional(word_at(bin.text_buf, span.end - 2))) ||
             ends_in_call_that_never_returns(q);
   }
-  s_->memo[q] = never ? 2 : 1;
+  s_->memo[record] = never ? 3 : 2;
   return never;
 }
 

@@ -2,7 +2,9 @@
 // map from every old word to its new address, and the page statistics.
 #include "vesk/order.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "base/bin.h"
@@ -30,13 +32,26 @@ struct Layout {
 
   Layout() : done(bin.text_words, 0) {}
 
-  void place(uint64_t i) {
-    if (done[i])
-      return;
-    done[i] = 1;
-    set_word_at(bin.new_text, bin.new_text_fill, word_at(bin.text_buf, i));
-    bin.text_map[i] = bin.text_lo + 4 * uint64_t(bin.new_text_fill);
-    ++bin.new_text_fill;
+  // Words first..end-1, less those laid out already.  A procedure's words
+  // are consecutive in the input and stay so in the output: each run of
+  // them is copied in one piece.
+  void place(uint64_t first, uint64_t end) {
+    for (uint64_t i = first; i < end;) {
+      if (done[i]) {
+        ++i;
+        continue;
+      }
+      uint64_t j = i;
+      while (j < end && !done[j])
+        ++j;
+      std::memset(&done[i], 1, j - i);
+      std::memcpy(bin.new_text + 4 * uint64_t(bin.new_text_fill), bin.text_buf + 4 * i, 4 * (j - i));
+      uint64_t to = bin.text_lo + 4 * uint64_t(bin.new_text_fill);
+      for (uint64_t k = i; k < j; ++k, to += 4)
+        bin.text_map[k] = to;
+      bin.new_text_fill += uint32_t(j - i);
+      i = j;
+    }
   }
 };
 
@@ -50,18 +65,15 @@ void lay_out_text() {
   // where it is.
   if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo) {
     uint64_t n = (bin.libstub_hi - bin.libstub_lo) / 4;
-    for (uint64_t i = 0; i < n && i < bin.text_words; ++i)
-      layout.place(i);
+    layout.place(0, std::min<uint64_t>(n, bin.text_words));
   }
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
     TextSpan span = text_span(p);
-    for (uint64_t i = span.first; i < span.end; ++i)
-      layout.place(i);
+    layout.place(span.first, span.end);
   }
   // Words that no procedure covers still hold code or data that something
   // may refer to: they follow the procedures, in their input order.
-  for (uint64_t i = 0; i < bin.text_words; ++i)
-    layout.place(i);
+  layout.place(0, bin.text_words);
 }
 
 // Marks pages first..last (inclusive) of one layout; the counts are taken

@@ -109,6 +109,13 @@ bool parts_of_one_function(const Proc *a, const Proc *b) {
 }
 
 void keep_split_functions_in_reach() {
+  // Only branches between a function's hot and cold parts are kept in
+  // reach here; most programs have no cold parts at all.
+  bool any_cold = false;
+  for (const Proc &p : bin.procs.records)
+    any_cold = any_cold || is_cold_part(&p);
+  if (!any_cold)
+    return;
   std::vector<SplitBranch> branches;
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);

@@ -82,4 +82,66 @@ std::vector<int> c3_order(const Program &p, const std::vector<ProcCount> &counts
   return out;
 }
 
+std::vector<int> temporal_order(const Program &p, const std::vector<ProcCount> &counts,
+                                const std::unordered_map<uint64_t, uint64_t> &affinity, uint64_t chain_limit) {
+  std::vector<int> procs = executed(counts);
+  struct Chain {
+    std::vector<int> members;
+    uint64_t bytes = 0, instructions = 0;
+  };
+  std::vector<Chain> chains(p.procs.size());
+  std::vector<int> chain_of(p.procs.size(), -1);
+  for (int i : procs) {
+    chains[size_t(i)] = {{i}, std::max<uint64_t>(p.procs[size_t(i)].size, 4), counts[size_t(i)].instructions};
+    chain_of[size_t(i)] = i;
+  }
+  // The strongest pairs first; on equal counts the lower key, so that the
+  // order does not depend on the hash map's.
+  std::vector<std::pair<uint64_t, uint64_t>> pairs; // count, key
+  pairs.reserve(affinity.size());
+  for (const auto &[key, n] : affinity)
+    pairs.push_back({n, key});
+  std::sort(pairs.begin(), pairs.end(),
+            [](const auto &a, const auto &b) { return a.first != b.first ? a.first > b.first : a.second < b.second; });
+  auto strength = [&](int a, int b) {
+    auto it = affinity.find(Recorder::pair_key(uint32_t(a), uint32_t(b)));
+    return it == affinity.end() ? uint64_t(0) : it->second;
+  };
+  for (const auto &[n, key] : pairs) {
+    size_t x = size_t(key >> 32), y = size_t(key & 0xffffffffu);
+    if (x >= chain_of.size() || y >= chain_of.size() || chain_of[x] < 0 || chain_of[y] < 0)
+      continue;
+    Chain &a = chains[size_t(chain_of[x])], &b = chains[size_t(chain_of[y])];
+    if (&a == &b || a.bytes + b.bytes > chain_limit)
+      continue;
+    // a+b, a+reversed b, reversed a+b, reversed a+reversed b: the first
+    // whose meeting ends have the most affinity.
+    uint64_t meet[4] = {strength(a.members.back(), b.members.front()), strength(a.members.back(), b.members.back()),
+                        strength(a.members.front(), b.members.front()),
+                        strength(a.members.front(), b.members.back())};
+    int best = int(std::max_element(meet, meet + 4) - meet);
+    if (best >= 2)
+      std::reverse(a.members.begin(), a.members.end());
+    if (best % 2 == 1)
+      std::reverse(b.members.begin(), b.members.end());
+    for (int m : b.members)
+      chain_of[size_t(m)] = chain_of[x];
+    a.members.insert(a.members.end(), b.members.begin(), b.members.end());
+    a.bytes += b.bytes;
+    a.instructions += b.instructions;
+    b = Chain{};
+  }
+  std::vector<int> heads;
+  for (int i : procs)
+    if (chain_of[size_t(i)] == i)
+      heads.push_back(i);
+  std::stable_sort(heads.begin(), heads.end(), [&](int a, int b) {
+    return chains[size_t(a)].instructions > chains[size_t(b)].instructions;
+  });
+  std::vector<int> out;
+  for (int h : heads)
+    out.insert(out.end(), chains[size_t(h)].members.begin(), chains[size_t(h)].members.end());
+  return out;
+}
+
 } // namespace vesk::profile

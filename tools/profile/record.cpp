@@ -97,6 +97,8 @@ void Recorder::ran(uint64_t pc) {
   }
   if (b.entry && prev_proc_ >= 0 && prev_proc_ != b.proc)
     ++calls_[call_key(uint32_t(prev_proc_), uint32_t(b.proc))];
+  if (affinity_window_ != 0 && b.proc >= 0 && b.proc != last_proc_)
+    note_affinity(b.proc);
   prev_proc_ = b.proc;
   uint64_t a = pc - bias_;
   instructions_ += b.bytes / 4;
@@ -106,6 +108,27 @@ void Recorder::ran(uint64_t pc) {
   for (uint64_t c = off / HEAT_CELL; c * HEAT_CELL < end && c < heat_.size(); ++c)
     heat_[c] += (std::min(end, (c + 1) * HEAT_CELL) - std::max(off, c * HEAT_CELL)) / 4;
   fetch(machine_.all_code ? pc : a, b.bytes);
+}
+
+void Recorder::note_affinity(int32_t x) {
+  last_proc_ = x;
+  uint64_t bytes = 0;
+  size_t i = 0;
+  for (; i < recent_.size() && recent_[i] != x; ++i) {
+    int32_t y = recent_[i];
+    ++affinity_[pair_key(uint32_t(x), uint32_t(y))];
+    bytes += std::max<uint64_t>(prog_.procs[size_t(y)].size, 4);
+    if (bytes > affinity_window_) {
+      // Those behind the stretch never come back into it: moving a
+      // procedure to the front never lessens the bytes ahead of the
+      // others.  So the list stays as short as the window makes it.
+      recent_.resize(i + 1);
+      break;
+    }
+  }
+  if (i < recent_.size() && recent_[i] == x)
+    recent_.erase(recent_.begin() + std::ptrdiff_t(i));
+  recent_.insert(recent_.begin(), x);
 }
 
 std::vector<ProcCount> Recorder::proc_counts() const {

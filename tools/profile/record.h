@@ -73,6 +73,17 @@ public:
   // by the callee's first block.
   const std::unordered_map<uint64_t, uint64_t> &calls() const { return calls_; }
   static uint64_t call_key(uint32_t from, uint32_t to) { return uint64_t(from) << 32 | to; }
+  // Procedures run close together in time.  Once asked for, every time the
+  // run passes into another procedure x, each procedure y among those run
+  // since x last ran counts one more for the pair, going back over at most
+  // window_bytes of them (the procedures' sizes), the most recent first;
+  // when x has not run within that stretch, the whole stretch counts.  A
+  // window of the TLB's reach ties a procedure to the code that ran
+  // between its runs and would have evicted its pages.
+  void track_affinity(uint64_t window_bytes) { affinity_window_ = window_bytes; }
+  // (lower procedure index, higher) -> the count of the pair.
+  const std::unordered_map<uint64_t, uint64_t> &affinity() const { return affinity_; }
+  static uint64_t pair_key(uint32_t a, uint32_t b) { return a < b ? call_key(a, b) : call_key(b, a); }
   // Executed instructions per 256 bytes of .text, and the procedure with
   // the most of them in each (-1: none).
   static constexpr unsigned HEAT_CELL = 256;
@@ -90,6 +101,7 @@ private:
     uint64_t count = 0;
   };
   void fetch(uint64_t addr, uint32_t bytes);
+  void note_affinity(int32_t proc);
 
   const Program &prog_;
   Machine machine_;
@@ -100,6 +112,10 @@ private:
   std::unordered_map<uint64_t, Block> blocks_; // by run-time address
   std::unordered_map<uint64_t, uint64_t> calls_;
   int32_t prev_proc_ = -1;
+  uint64_t affinity_window_ = 0;
+  int32_t last_proc_ = -1;      // in .text, whatever ran outside it since
+  std::vector<int32_t> recent_; // procedures by their last run, the latest first
+  std::unordered_map<uint64_t, uint64_t> affinity_;
   std::vector<bool> pages_;
   std::vector<uint64_t> heat_;
   Lru itlb_, jtlb_;
