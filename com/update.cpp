@@ -67,13 +67,17 @@ void read_gp_ranges() {
   if ((p == nullptr && d->d_size != 0) || d->d_size % 24 != 0)
     error("%s: section %s is damaged: its size is not a whole number of records", option.program,
           GP_RANGES_SECTION);
-  uint64_t got_lo = bin.pltgot, got_hi = got_lo + uint64_t(bin.got_count) * 4;
+  uint64_t got_lo = bin.pltgot, got_hi = got_lo + uint64_t(bin.got_count) * 4, ws = bin.is_elf32 ? 4 : 8;
+  uint64_t mark = uint64_t(1) << (ws * 8 - 1);
+  auto entry = [ws](uint64_t i) { return ws == 4 ? uint64_t(load32(bin.got_buf + i * 4)) : load64(bin.got_buf + i * 8); };
   for (size_t off = 0; off < d->d_size; off += 24) {
     Bin::GpRange r{load64(p + off), load64(p + off + 8), load64(p + off + 16)};
-    // A gp lies 0x7ff0 behind the start of its GOT, inside .got.
+    // A gp lies 0x7ff0 behind the start of its GOT, inside .got, where the
+    // lazy resolver's entry (0) and the marked module pointer's lie.
     uint64_t start = uint32_t(r.gp - 0x7ff0);
     if (r.hi <= r.lo || (!bin.gp_ranges.empty() && r.lo < bin.gp_ranges.back().hi) || start < got_lo ||
-        start >= got_hi || (start - got_lo) % (bin.is_elf32 ? 4 : 8) != 0)
+        start + 2 * ws > got_hi || (start - got_lo) % ws != 0 || bin.got_buf == nullptr ||
+        entry((start - got_lo) / ws) != 0 || entry((start - got_lo) / ws + 1) != mark)
       error("%s: section %s is damaged: its record %zu is no ascending stretch with the gp of a GOT", option.program,
             GP_RANGES_SECTION, off / 24);
     bin.gp_ranges.push_back(r);
