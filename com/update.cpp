@@ -191,9 +191,10 @@ void give_free_pages() {
           .push_back(i);
     }
     std::vector<uint64_t> missing;
-    for (const auto &[g, t] : uses)
-      if (g == gp && std::none_of(kept.begin(), kept.end(), [&](size_t i) { return reaches(value(i), t); }))
-        missing.push_back(t);
+    for (const auto &use : uses)
+      if (use.first == gp &&
+          std::none_of(kept.begin(), kept.end(), [&](size_t i) { return reaches(value(i), use.second); }))
+        missing.push_back(use.second);
     if (missing.empty() || free.empty())
       continue;
     // Pages from the lowest target up, each reaching as far as a 64 KB
