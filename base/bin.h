@@ -63,6 +63,13 @@ struct Bin {
   // never a code address.  Known when the annotation lists them.
   bool got_pages_known = false;
   std::vector<uint8_t> got_page;
+  // Stretches of code and data words (old addresses) that use a secondary
+  // GOT's gp, by start; everything else uses gp_full.
+  struct GpRange {
+    uint64_t lo, hi, gp;
+  };
+  std::vector<GpRange> gp_ranges;
+  std::vector<uint32_t> got_free; // page entries of secondary GOTs that may take other pages
 
   // Contents that sections of the output image point to, kept until the
   // image is written.

@@ -162,15 +162,17 @@ private:
     return false;
   }
 
-  // gp set-up: the pair adds gp_value minus the function's address to the
+  // gp set-up: the pair adds gp minus the function's address to the
   // address the function was called at; the record on one half carries the
-  // other half.
+  // other half.  gp is its GOT's: the primary one's, or in a program whose
+  // GOT the linker split, the one its function uses.
   void gp_prolog(uint32_t kind, uint64_t a, int64_t partner) {
     uint32_t insn = old_insn(a);
     bool hi = kind == EK_GP_PROLOG_HI;
     int64_t value = hi ? sext16(mips::imm16(insn)) * 65536 + partner : partner * 65536 + mips::simm16(insn);
-    uint64_t old_base = address_width(bin.gp_full - uint64_t(value));
-    int64_t x = int64_t(address_width(bin.gp_full - new_address(old_base)));
+    uint64_t gp = gp_at(a);
+    uint64_t old_base = address_width(gp - uint64_t(value));
+    int64_t x = int64_t(address_width(gp - new_address(old_base)));
     if (bin.is_elf32)
       x = int32_t(uint32_t(x));
     uint64_t moved = new_address(a);
@@ -233,10 +235,12 @@ private:
     bool page = kind == EK_GOT_PAGE;
     int32_t gp_offset = page ? mips::simm16(insn) : int32_t(partner);
     int32_t low = page ? int32_t(partner) : mips::simm16(insn);
-    uint32_t index = got_index_by_gpoffset(gp_offset);
-    uint64_t old_addr = address_width(got_content_by_gpoffset(gp_offset) + uint64_t(int64_t(low)));
+    uint64_t gp = gp_at(a);
+    uint32_t index = got_index_by_gpoffset(gp_offset, gp);
+    uint64_t old_addr = address_width(got_content_by_gpoffset(gp_offset, gp) + uint64_t(int64_t(low)));
     uint64_t moved = new_address(a);
-    int32_t v = page ? update_got_page(moved, low, index, old_addr) : update_got_offset(moved, low, index, old_addr);
+    int32_t v = page ? update_got_page(moved, low, index, old_addr, gp)
+                     : update_got_offset(moved, low, index, old_addr, gp);
     w_.keep(kind, moved, uint64_t(sext16(uint64_t(uint32_t(v)))));
   }
 
@@ -262,11 +266,12 @@ private:
       uint64_t v = read_word(in, n);
       if (!wide)
         v = gp_relative ? sign_extend32(uint32_t(v)) : uint32_t(v);
-      uint64_t target = address_width(gp_relative ? v + bin.gp_full : v);
+      uint64_t gp = gp_relative ? gp_at(at) : 0;
+      uint64_t target = address_width(gp_relative ? v + gp : v);
       if (!in_text(target))
         continue;
       uint64_t moved = new_address(target);
-      write_word(out, n, gp_relative ? moved - bin.gp_full : moved);
+      write_word(out, n, gp_relative ? moved - gp : moved);
     }
   }
 };
@@ -441,6 +446,26 @@ void process_update_events() {
   foreach_event(bin.out_elf, &writer, std::ref(update));
 }
 
+std::vector<EventPageUse> event_page_uses() {
+  std::vector<EventPageUse> out;
+  if (!has_event_sections(bin.in_elf))
+    return out;
+  foreach_event(bin.in_elf, nullptr, [&out](Elf *, const EventRecord &r) {
+    uint64_t a = r.address();
+    if ((r.e.kind != EK_GOT_PAGE && r.e.kind != EK_GOT_OFST) || !in_text(a))
+      return;
+    bool page = r.e.kind == EK_GOT_PAGE;
+    uint32_t insn = old_insn(a);
+    int32_t gp_offset = page ? mips::simm16(insn) : int32_t(sext16(r.e.val1));
+    int32_t low = page ? int32_t(sext16(r.e.val1)) : mips::simm16(insn);
+    uint64_t gp = gp_at(a);
+    uint64_t old_addr = address_width(got_content_by_gpoffset(gp_offset, gp) + uint64_t(int64_t(low)));
+    if (in_text(old_addr))
+      out.push_back({gp, new_address(old_addr)});
+  });
+  return out;
+}
+
 void read_event_got_pages() {
   if (!has_event_sections(bin.in_elf))
     return;
@@ -449,7 +474,7 @@ void read_event_got_pages() {
   foreach_event(bin.in_elf, nullptr, [](Elf *, const EventRecord &r) {
     if (r.e.kind != EK_GOT_PAGE || !in_text(r.address()))
       return;
-    uint32_t index = got_index_by_gpoffset(mips::simm16(old_insn(r.address())));
+    uint32_t index = got_index_by_gpoffset(mips::simm16(old_insn(r.address())), gp_at(r.address()));
     if (index < bin.got_page.size())
       bin.got_page[index] = 1;
   });
@@ -462,7 +487,9 @@ void read_event_got_pages() {
           GOT_PAGES_SECTION);
   for (size_t off = 0; off < d->d_size; off += 4) {
     uint32_t index = load32(p + off);
-    if (index < 2 || index >= bin.local_gotno || index >= bin.got_page.size())
+    // Secondary GOTs (a program whose GOT the linker split) lie behind the
+    // primary one's local part.
+    if (index < 2 || (index >= bin.local_gotno && bin.gp_ranges.empty()) || index >= bin.got_page.size())
       error("%s: section %s names GOT entry %u, which is not a local entry of .got", option.program,
             GOT_PAGES_SECTION, index);
     bin.got_page[index] = 1;

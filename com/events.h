@@ -70,6 +70,13 @@ void process_update_events();
 // that the GOT_PAGES_SECTION lists.
 void read_event_got_pages();
 
+// The gp and new target of every GOT page load and offset instruction
+// forming a code address (bin.text_map filled).
+struct EventPageUse {
+  uint64_t gp, target;
+};
+std::vector<EventPageUse> event_page_uses();
+
 // The section in which vesk-annotate lists, as big-endian 32-bit indices,
 // the GOT entries of an n32 or n64 executable that it gave a 64 KB page
 // and that no page load reads yet: spare entries that the linker left 0,

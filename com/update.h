@@ -40,19 +40,42 @@ uint8_t *new_text_word(uint64_t new_addr);
 void check_for_text_and_update32(uint32_t *a);
 void check_for_text_and_update64(uint64_t *a);
 
+// The section where the description lists the stretches of code and data
+// that use a secondary GOT's gp (a program whose GOT the linker split):
+// records of three 64-bit words, first address, end and gp.
+constexpr const char *GP_RANGES_SECTION = ".vesk.gp";
+// The page entries of secondary GOTs that only described page loads of code
+// addresses read (32-bit indices): when the code they serve moves beyond
+// them, they take the pages it needs.  A position-independent executable's
+// secondary GOT has no spare entries to give pages to (the loader would not
+// relocate them), so its own page entries must serve.
+constexpr const char *FREE_PAGES_SECTION = ".vesk.got_free";
+// Gives the free page entries of each secondary GOT the pages that the new
+// places of the code they serve need, as far as they go (after the GOT
+// update, before the page loads are repaired).
+void give_free_pages();
+// Reads it into bin.gp_ranges (empty without it).
+void read_gp_ranges();
+// Re-points its stretches of .text for the new layout (bin.text_map).
+void update_gp_ranges();
+// The gp that the code or data word at old address a uses.
+uint64_t gp_at(uint64_t a);
+
 // GOT helpers for the compact relocation and events updates.  All of them
 // read the input GOT (bin.got_buf); a gp offset or index that designates no
 // entry of it ends the run with an error.
 //
 // The index of the GOT entry at gp-relative offset off.
-uint32_t got_index_by_gpoffset(int32_t off);
+// gp is the one the instruction uses (gp_at), the primary one by default.
+uint32_t got_index_by_gpoffset(int32_t off, uint64_t gp = 0);
 // The entry (4 or 8 bytes by class, returned whole) at gp-relative offset off.
-uint64_t got_content_by_gpoffset(int32_t off);
+uint64_t got_content_by_gpoffset(int32_t off, uint64_t gp = 0);
 // The first local GOT entry, from index 1, whose value lies within a signed
 // 16-bit offset of addr (low 32 bits): sets *index and *diff (addr - value).
 // Entries that the GOT update re-pointed are passed over.  False when none
-// qualifies.
-bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff);
+// qualifies.  For code using a secondary GOT's gp, only the page entries
+// that gp reaches qualify.
+bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff, uint64_t gp = 0);
 // Re-point one GOT page/offset pair that formed the old code address
 // old_addr as (GOT[got_index] + low).  Arguments, in this order:
 //   new_pc     new address of the instruction to patch (in bin.new_text)
@@ -66,7 +89,8 @@ bool try_local_got_entry_for_addr(uint64_t addr, uint32_t *index, int32_t *diff)
 // offset and returns the new low offset; update_got_offset patches the
 // offset instruction's immediate with the new low offset and returns the
 // page entry's gp offset.
-int32_t update_got_page(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr);
-int32_t update_got_offset(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr);
+// gp is the one the pair's code uses.
+int32_t update_got_page(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr, uint64_t gp);
+int32_t update_got_offset(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr, uint64_t gp);
 
 } // namespace vesk

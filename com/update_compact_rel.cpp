@@ -9,6 +9,7 @@
 // value the linker put there.
 #include "com/update_compact_rel.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
@@ -137,10 +138,12 @@ void update_gprel_pair(CompactRelEntry &e) {
   uint32_t value = (mips::imm16(old_insn(e.vaddr)) << 16) + uint32_t(mips::simm16(old_insn(addiu_old)));
   if (value != e.konst)
     warning("old_offset %#x != entry.konst[%#x] ", value, e.konst);
-  // The pair computes gp - base, base being the address the set-up runs at.
-  uint32_t base = bin.gp_value - value;
+  // The pair computes gp - base, base being the address the set-up runs
+  // at; gp is its GOT's (a program whose GOT the linker split has several).
+  uint32_t gp = uint32_t(gp_at(e.vaddr));
+  uint32_t base = gp - value;
   uint32_t new_base = in_text(base) ? new_addr(base) : base;
-  patch_gp_pair(e, lui_new, addiu_new, bin.gp_value - new_base);
+  patch_gp_pair(e, lui_new, addiu_new, gp - new_base);
 }
 
 void update_gprel_pair_nokonst(CompactRelEntry &e) {
@@ -150,7 +153,7 @@ void update_gprel_pair_nokonst(CompactRelEntry &e) {
   require_in_text(e, addiu_old);
   uint32_t lui_new = new_addr(e.vaddr);
   uint32_t addiu_new = new_addr(addiu_old);
-  patch_gp_pair(e, lui_new, addiu_new, bin.gp_value - addiu_new);
+  patch_gp_pair(e, lui_new, addiu_new, uint32_t(gp_at(e.vaddr)) - addiu_new);
 }
 
 // A data word holding a code address: relative to gp (REL32) or absolute
@@ -160,7 +163,7 @@ void update_data_word(CompactRelEntry &e, bool gp_relative, const char *kind, co
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
-  set_data_word(e, gp_relative ? target - bin.gp_value : target, data);
+  set_data_word(e, gp_relative ? target - uint32_t(gp_at(e.vaddr)) : target, data);
   if (in_text(e.vaddr)) {
     uint32_t moved = new_addr(e.vaddr);
     warning("%s %#x updated to %#x", kind, e.vaddr, moved);
@@ -204,9 +207,11 @@ struct GotPages {
         index_of_page[load32(bin.got_buf + i * 4)] = uint32_t(i);
   }
 
-  uint32_t entry_for(uint32_t old, uint32_t new_addr, int32_t *low) const {
+  // gp: the one the code uses; the primary GOT's page entries serve only
+  // code using the primary gp.
+  uint32_t entry_for(uint32_t old, uint32_t new_addr, int32_t *low, uint32_t gp) const {
     auto k = index_of_page.find((old + 0x8000) & 0xffff0000u);
-    if (k != index_of_page.end()) {
+    if (k != index_of_page.end() && gp == bin.gp_value) {
       int32_t d = int32_t(new_addr - load32(bin.got_buf + size_t(k->second) * 4));
       if (d >= -32768 && d <= 32767) {
         *low = d;
@@ -214,8 +219,15 @@ struct GotPages {
       }
     }
     uint32_t index;
-    if (!try_local_got_entry_for_addr(new_addr, &index, low)) {
+    // A secondary GOT's page entries (which may have taken other pages)
+    // are searched as they are now.
+    if (!try_local_got_entry_for_addr(new_addr, &index, low, gp)) {
       const Proc *p = get_proc_by_addr(old);
+      if (gp != bin.gp_value)
+        error("cannot find appropriate got entry for %#x: no page entry of the GOT whose gp is %#x lies within 32 "
+              "KB of the new address of %s, which code using that GOT reaches through a GOT page; %s cannot be "
+              "laid out there",
+              new_addr, gp, p && p->name ? p->name : "a procedure", option.program);
       error("cannot find appropriate got entry for %#x: no GOT entry that stays as it is lies within 32 KB of "
             "the new address of %s, which code reaches through a GOT page; %s cannot be laid out there",
             new_addr, p && p->name ? p->name : "a procedure", option.program);
@@ -241,21 +253,22 @@ void update_got_single(CompactRelEntry &e, const GotPages &pages) {
     return;
   uint32_t insn = old_insn(e.vaddr);
   bool page_load = mips::op(insn) == mips::OP_LW && mips::rs(insn) == 28;
+  uint32_t gp = uint32_t(gp_at(e.vaddr));
   // The offset instruction's low half depends on which page entry the
   // page load reads (a rewritten program may use another than the linker's),
   // so only the page load can be checked on its own.
   if (page_load) {
-    int64_t d = int64_t(e.konst) - int64_t(uint32_t(got_content_by_gpoffset(mips::simm16(insn))));
+    int64_t d = int64_t(e.konst) - int64_t(uint32_t(got_content_by_gpoffset(mips::simm16(insn), gp)));
     require_match(e, insn, d >= -32768 && d <= 32767);
   }
   if (!in_text(e.konst))
     return;
   uint32_t target = new_addr(e.konst);
   int32_t low;
-  uint32_t index = pages.entry_for(e.konst, target, &low);
+  uint32_t index = pages.entry_for(e.konst, target, &low, gp);
   uint32_t moved = new_addr(e.vaddr);
   if (page_load)
-    patch_imm16(new_insn(moved), index * 4 + bin.pltgot - bin.gp_value);
+    patch_imm16(new_insn(moved), index * 4 + bin.pltgot - gp);
   else
     patch_imm16(new_insn(moved), uint32_t(low));
   e.vaddr = moved;
@@ -288,11 +301,12 @@ void update_got_pair(CompactRelEntry &e) {
     return;
   uint32_t page_old = e.vaddr - e.dist2to;
   require_in_text(e, page_old);
-  uint32_t got_index = got_index_by_gpoffset(mips::simm16(old_insn(page_old)));
+  uint64_t gp = gp_at(page_old);
+  uint32_t got_index = got_index_by_gpoffset(mips::simm16(old_insn(page_old)), gp);
   uint32_t offset_new = new_addr(e.vaddr);
   int32_t low = mips::simm16(load32(new_insn(offset_new)));
-  update_got_page(new_addr(page_old), low, got_index, e.konst);
-  update_got_offset(offset_new, low, got_index, e.konst);
+  update_got_page(new_addr(page_old), low, got_index, e.konst, gp);
+  update_got_offset(offset_new, low, got_index, e.konst, gp);
   e.vaddr = offset_new;
   e.konst = new_addr(e.konst);
 }
@@ -346,6 +360,24 @@ void read_got_page_marks() {
       bin.got_page[value] = 1;
     }
   }
+}
+
+std::vector<PageUse> compact_rel_page_uses() {
+  std::vector<PageUse> out;
+  Elf_Data *d = find_section_data_by_name(bin.in_elf, COMPACT_REL);
+  if (d == nullptr || d->d_buf == nullptr)
+    return out;
+  const uint8_t *buf = static_cast<const uint8_t *>(d->d_buf);
+  CompactRelCursor cm{};
+  size_t header_length = read_header(buf, d->d_size, &cm.rlc_no);
+  cm.rlc_ptr = buf + header_length;
+  cm.end = buf + d->d_size;
+  cm_rlc_reset(&cm);
+  CompactRelEntry e;
+  while (cm_rlc_get(&cm, &e))
+    if (e.type == CR_GOT_PAIR && in_text(e.konst) && in_text(e.vaddr - e.dist2to))
+      out.push_back({gp_at(e.vaddr - e.dist2to), new_addr(e.konst)});
+  return out;
 }
 
 void update_compact_rel() {

@@ -3,6 +3,7 @@
 // instantiate them under the ...32 / ...64 names.
 #pragma once
 
+#include <algorithm>
 #include <ctime>
 
 #include "base/bin.h"
@@ -107,8 +108,10 @@ template <class C> void update_got_t() {
   // addresses, so where the annotation lists them that list decides;
   // without it only the leading run of page-aligned entries is taken for
   // pages.
+  // A secondary GOT (a program whose GOT the linker split) has page
+  // entries behind the primary one's local part.
   auto is_page = [&](size_t i) {
-    return i < bin.local_gotno && i < bin.got_page.size() && bin.got_page[i] != 0;
+    return (i < bin.local_gotno || !bin.gp_ranges.empty()) && i < bin.got_page.size() && bin.got_page[i] != 0;
   };
   size_t i = 1;
   if (!bin.got_pages_known)
@@ -216,27 +219,47 @@ template <class C> size_t input_got_entries() {
   return bin.got_buf ? size_t(bin.got_count) * 4 / C::word_size : 0;
 }
 
-template <class C> uint32_t got_index_by_gpoffset_t(int32_t off) {
-  int64_t byte = int64_t(off) + int64_t(bin.gp_value) - int64_t(bin.pltgot);
+// The low 32 bits of gp (0: the primary one), which is what pltgot holds.
+inline uint32_t gp_low(uint64_t gp) { return gp == 0 ? bin.gp_value : uint32_t(gp); }
+
+template <class C> uint32_t got_index_by_gpoffset_t(int32_t off, uint64_t gp = 0) {
+  int64_t byte = int64_t(off) + int64_t(gp_low(gp)) - int64_t(bin.pltgot);
   if (byte < 0 || uint64_t(byte) / C::word_size >= input_got_entries<C>())
     error("gp offset %d does not designate an entry of .got", off);
   return uint32_t(uint64_t(byte) / C::word_size);
 }
 
-template <class C> uint64_t got_content_by_gpoffset_t(int32_t off) {
-  return address_word<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off));
+template <class C> uint64_t got_content_by_gpoffset_t(int32_t off, uint64_t gp = 0) {
+  return address_word<C>(bin.got_buf, got_index_by_gpoffset_t<C>(off, gp));
 }
 
-template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index, int32_t *diff_out) {
+template <class C>
+bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index, int32_t *diff_out, uint64_t gp = 0) {
   size_t n = input_got_entries<C>();
   // An entry that the GOT update re-pointed no longer holds its input value
   // at run time, so it cannot serve as a page.
   Elf_Data *out = bin.out_elf ? find_section_data_by_name(bin.out_elf, ".got") : nullptr;
   const uint8_t *out_got = out && out->d_buf ? static_cast<const uint8_t *>(out->d_buf) : nullptr;
   size_t out_n = out_got ? out->d_size / C::word_size : 0;
-  for (size_t i = 1; i < bin.local_gotno && i < n; ++i) {
+  // Code using a secondary GOT reaches only the entries its gp reaches,
+  // and of those takes only the page entries: only they are known to be
+  // local entries, which the loader relocates like the pages.
+  size_t first = 1, end = bin.local_gotno;
+  bool secondary = gp_low(gp) != bin.gp_value;
+  if (secondary) {
+    int64_t lo = int64_t(gp_low(gp)) - 0x8000 - int64_t(bin.pltgot);
+    first = size_t(std::max<int64_t>(2, (lo + C::word_size - 1) / C::word_size));
+    end = size_t(std::max<int64_t>(0, (lo + 0x10000) / C::word_size));
+  }
+  for (size_t i = first; i < end && i < n; ++i) {
+    if (secondary && (i >= bin.got_page.size() || bin.got_page[i] == 0))
+      continue;
     uint64_t entry = address_word<C>(bin.got_buf, i);
-    if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
+    // A secondary GOT's page entry may have taken another page
+    // (give_free_pages): it serves with the value it holds now.
+    if (secondary && out_got && i < out_n)
+      entry = address_word<C>(out_got, i);
+    else if (out_got && (i >= out_n || address_word<C>(out_got, i) != entry))
       continue;
     // GNU ld marks entry 1 with the top bit for the loader, which puts its
     // module pointer there: it holds no address.
@@ -254,17 +277,22 @@ template <class C> bool try_local_got_entry_for_addr_t(uint64_t addr, uint32_t *
   return false;
 }
 
-template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index) {
+template <class C> int32_t find_local_got_entry_for_addr_t(uint64_t addr, uint32_t *index, uint64_t gp) {
   int32_t diff;
-  if (!try_local_got_entry_for_addr_t<C>(addr, index, &diff))
+  if (!try_local_got_entry_for_addr_t<C>(addr, index, &diff, gp)) {
+    if (gp_low(gp) != bin.gp_value)
+      error("cannot find appropriate got entry for %#llx: no page entry of the GOT whose gp is %#llx lies within "
+            "32 KB of it, and code using that GOT reaches it through a GOT page; %s cannot be laid out this way",
+            (unsigned long long)addr, (unsigned long long)gp, option.program);
     error("cannot find appropriate got entry for %#llx", (unsigned long long)addr);
+  }
   return diff;
 }
 
 // The new low offset of a page/offset pair that formed old_addr from the
 // page entry got_index; *index receives the page entry to use from now on.
 template <class C>
-int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32_t *index) {
+int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32_t *index, uint64_t gp) {
   uint64_t new_addr = old_addr;
   map_text_address(old_addr, &new_addr); // an address outside .text stays
   // The page as the entry holds it at run time: an entry the GOT update
@@ -277,12 +305,12 @@ int32_t moved_got_low(int32_t low, uint32_t got_index, uint64_t old_addr, uint32
   int32_t new_low = int32_t(uint32_t(new_addr) - page);
   *index = got_index;
   if (new_low < -32768 || new_low > 32767)
-    new_low = find_local_got_entry_for_addr_t<C>(new_addr, index);
+    new_low = find_local_got_entry_for_addr_t<C>(new_addr, index, gp);
   return new_low;
 }
 
-template <class C> uint32_t gp_offset_of_got_index(uint32_t index) {
-  return index * C::word_size + bin.pltgot - bin.gp_value;
+template <class C> uint32_t gp_offset_of_got_index(uint32_t index, uint64_t gp) {
+  return index * C::word_size + bin.pltgot - gp_low(gp);
 }
 
 inline void patch_low_half(uint64_t new_pc, uint32_t value) {
@@ -293,19 +321,19 @@ inline void patch_low_half(uint64_t new_pc, uint32_t value) {
 }
 
 template <class C>
-int32_t update_got_page_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr) {
+int32_t update_got_page_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr, uint64_t gp) {
   uint32_t index;
-  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index);
-  patch_low_half(new_pc, gp_offset_of_got_index<C>(index));
+  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index, gp);
+  patch_low_half(new_pc, gp_offset_of_got_index<C>(index, gp));
   return new_low;
 }
 
 template <class C>
-int32_t update_got_offset_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr) {
+int32_t update_got_offset_t(uint64_t new_pc, int32_t low, uint32_t got_index, uint64_t old_addr, uint64_t gp) {
   uint32_t index;
-  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index);
+  int32_t new_low = moved_got_low<C>(low, got_index, old_addr, &index, gp);
   patch_low_half(new_pc, uint32_t(new_low));
-  return int32_t(gp_offset_of_got_index<C>(index));
+  return int32_t(gp_offset_of_got_index<C>(index, gp));
 }
 
 } // namespace vesk

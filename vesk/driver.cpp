@@ -120,6 +120,7 @@ void reorder_it() {
   bin.text_map_store.assign(bin.text_words ? bin.text_words : 1, 0);
   bin.text_map = bin.text_map_store.data();
   duplicate_elf();
+  read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
   check_branch_out_of_procedure();
   tie_procedures_ending_in_a_call();
@@ -146,6 +147,7 @@ void reorder_it() {
     update_compact_rel();
   else if (has_events)
     process_update_events(); // without them nothing has moved (refused above)
+  update_gp_ranges();
   update_unwind_tables();
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
     check_r4000_bug();

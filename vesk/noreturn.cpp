@@ -13,6 +13,7 @@
 #include "base/flat_index.h"
 #include "base/mips.h"
 #include "base/text_words.h"
+#include "com/update.h"
 
 namespace vesk {
 
@@ -105,10 +106,10 @@ namespace {
 
 size_t got_entry_size() { return bin.is_elf32 ? 4 : 8; }
 
-// The GOT entry a load from gp reads, as an index; false when it reads
-// outside the input GOT.
-bool got_index(uint32_t load, uint64_t *index) {
-  int64_t byte = int64_t(mips::simm16(load)) + int64_t(bin.gp_value) - int64_t(bin.pltgot);
+// The GOT entry a load from gp at old address at reads, as an index; false
+// when it reads outside the input GOT.
+bool got_index(uint32_t load, uint64_t at, uint64_t *index) {
+  int64_t byte = int64_t(mips::simm16(load)) + int64_t(uint32_t(gp_at(at))) - int64_t(bin.pltgot);
   if (bin.got_buf == nullptr || byte < 0 || uint64_t(byte) % got_entry_size() != 0)
     return false;
   *index = uint64_t(byte) / got_entry_size();
@@ -153,9 +154,12 @@ bool NoReturn::ends_in_call_that_never_returns(const Proc *p) {
       }
       if (written == int(T9) && is_gp_load_of(w, T9)) {
         uint64_t index;
-        if (!got_index(w, &index))
+        if (!got_index(w, bin.text_lo + 4 * i, &index))
           return false;
-        if (index >= bin.local_gotno) {
+        // A secondary GOT (a program whose GOT the linker split) lies
+        // behind the primary one's global part, and holds its values.
+        bool secondary = !bin.gp_ranges.empty() && index >= bin.local_gotno + s_->global_got_names.size();
+        if (index >= bin.local_gotno && !secondary) {
           uint64_t g = index - bin.local_gotno;
           if (low != 0 || g >= s_->global_got_names.size() || s_->global_got_names[g] == nullptr)
             return false;

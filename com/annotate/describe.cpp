@@ -62,7 +62,53 @@ struct Function {
 
 class Describer {
 public:
-  explicit Describer(const Image &im) : im_(im) { index_functions(); }
+  explicit Describer(const Image &im) : im_(im), gps_(im) { index_functions(); }
+
+  // The gp set-ups, before anything else: which GOT a function's code
+  // reads follows from them.  PIC code adds _gp_disp (gp minus the lui's
+  // address) to $25; position-dependent code loads __gnu_local_gp, which
+  // the linker sets to the gp of each object's GOT.
+  void find_setups(const RelSection &rs) {
+    if ((rs.target->sh.sh_flags & SHF_EXECINSTR) == 0 || rs.target->raw == nullptr || !gps_.multi())
+      return;
+    rs_ = &rs;
+    uint32_t hi = 0; // the pending lui, 0 when none
+    bool absolute = false;
+    for (const Elf32_Rel &r : rs.rels) {
+      uint32_t type = ELF32_R_TYPE(r.r_info);
+      const std::string &name = im_.symbol_name(ELF32_R_SYM(r.r_info));
+      if ((type != R_MIPS_HI16 && type != R_MIPS_LO16) || (name != "_gp_disp" && name != "__gnu_local_gp"))
+        continue;
+      uint32_t at = checked(r.r_offset);
+      if (type == R_MIPS_HI16) {
+        hi = at;
+        absolute = name == "__gnu_local_gp";
+        continue;
+      }
+      if (hi == 0 || absolute != (name == "__gnu_local_gp"))
+        continue;
+      uint32_t gp = (absolute ? 0 : hi) + (mips::imm16(word(hi)) << 16) + uint32_t(mips::simm16(word(at)));
+      if (gps_.got_of_gp(gp) == nullptr)
+        error("%s: the gp set-up at %s computes the gp %#x, which is no GOT's; vesk cannot tell which GOT "
+              "its function reads",
+              path(), im_.where(hi).c_str(), gp);
+      if (gp != im_.gp_value && !gps_.set_function_gp(hi, gp))
+        error("%s: the gp set-up at %s computes a secondary GOT's gp outside every function symbol", path(),
+              im_.where(hi).c_str());
+      setups_.push_back({hi, gp});
+      hi = 0;
+    }
+  }
+
+  void setups_found() {
+    if (!gps_.multi())
+      return;
+    gps_.freeze();
+    for (const auto &[at, gp] : setups_)
+      if (gps_.gp_at(at) != gp)
+        error("%s: the gp set-up at %s computes the gp %#x, but other code of its function uses another GOT",
+              path(), im_.where(at).c_str(), gp);
+  }
 
   void add(const RelSection &rs) {
     // vesk re-points the unwind tables itself, whatever their pointers'
@@ -78,9 +124,20 @@ public:
       uint32_t sym = ELF32_R_SYM(r.r_info);
       switch (type) {
       case R_MIPS_32: data_word(r.r_offset, false); break;
-      case R_MIPS_GPREL32: data_word(r.r_offset, true); break;
+      case R_MIPS_GPREL32:
+        // Relative to the gp of the code that reads it, which is known
+        // once every table load has been seen.
+        if (rs_->target->raw != nullptr)
+          gp_words_.push_back({checked(r.r_offset), rs_->target});
+        break;
+      case R_MIPS_CALL16:
+        if (code && gps_.multi())
+          exact_reads_.insert(got_index_at(checked(r.r_offset)));
+        break;
       case R_MIPS_HI16:
       case R_MIPS_GOT16:
+        if (type == R_MIPS_GOT16 && code && gps_.multi() && !im_.symbol_is_local(sym))
+          exact_reads_.insert(got_index_at(checked(r.r_offset)));
         if (Hi h; code && hi_of(r, &h)) {
           if (!h.got && im_.symbol_name(sym) == "_gp_disp") {
             pending_gp.push_back(h);
@@ -109,6 +166,7 @@ public:
   }
 
   Description finish() {
+    gp_relative_words();
     // The address every %lo serves, and which %hi feed it.
     std::vector<std::optional<uint32_t>> lo_formed(los_.size());
     for (size_t i = 0; i < los_.size(); ++i)
@@ -155,13 +213,26 @@ public:
     Description d;
     d.entries = std::move(out_);
     give_spares_pages(d);
+    d.gp_ranges = gps_.ranges();
     d.got_pages.assign(got_pages_.begin(), got_pages_.end());
+    {
+      // Entries something else than a described page load of code reads.
+      std::set<uint32_t> fixed = exact_reads_;
+      for (const Hi &h : his_)
+        if (h.got && (!im_.in_text(h.offset) || !h.formed || !im_.in_text(*h.formed)))
+          fixed.insert(got_index(h));
+      d.free_pages = free_page_entries(im_, gps_, got_pages_, fixed, [this](uint32_t k) { return got_word(im_, k); });
+    }
     d.patches = std::move(patches_);
     return d;
   }
 
 private:
   const Image &im_;
+  GpMap gps_;
+  std::vector<std::pair<uint32_t, uint32_t>> setups_; // _gp_disp lui -> the gp it computes
+  std::vector<std::pair<uint32_t, const Section *>> gp_words_; // gp-relative data words
+  std::set<uint32_t> exact_reads_; // GOT entries that loads of global symbols' addresses read
   const RelSection *rs_ = nullptr;
   std::vector<Function> functions_; // by start address
   std::vector<Hi> his_;
@@ -181,7 +252,7 @@ private:
   // page entry reaches.
   void give_spares_pages(Description &d) {
     auto value = [this](uint32_t k) { return got_word(im_, k); };
-    for (const auto &[index, page] : pages_for_spares(im_, got_pages_, got_pages_, value)) {
+    for (const auto &[index, page] : pages_for_spares(im_, gps_, got_pages_, got_pages_, value)) {
       d.got_entries.push_back({index, page});
       d.page_spares.push_back(index);
       got_pages_.insert(index);
@@ -240,6 +311,30 @@ private:
       out_.push_back({gp_relative ? CR_REL32 : CR_WORD, v, 0, addr});
   }
 
+  // The gp-relative words (jump tables).  With several GOTs a word is
+  // relative to the gp of the code that loads its table through a GOT
+  // page: the table that starts nearest in front of it in its section.
+  void gp_relative_words() {
+    std::map<uint32_t, uint32_t> table_gp; // table start -> gp of the code loading it
+    if (gps_.multi())
+      for (const Hi &h : his_)
+        if (h.got && h.formed && !im_.in_text(*h.formed))
+          table_gp.emplace(*h.formed, uint32_t(gps_.gp_at(h.offset)));
+    for (const auto &[addr, sec] : gp_words_) {
+      uint32_t gp = uint32_t(im_.gp_value);
+      auto t = table_gp.upper_bound(addr);
+      if (t != table_gp.begin() && std::prev(t)->first >= sec->sh.sh_addr) {
+        gp = std::prev(t)->second;
+        gps_.set_data_gp(addr, 4, gp);
+      }
+      if (gp == 0)
+        error("%s: a gp-relative word at %#x, but the executable has no gp value", path(), addr);
+      uint32_t v = im_.word(*sec, addr) + gp;
+      if (im_.in_text(v))
+        out_.push_back({CR_REL32, v, 0, addr});
+    }
+  }
+
   // The relocation as a %hi or GOT page load.  Against a global symbol
   // the GOT entry holds the whole address, which vesk repairs in the GOT
   // itself: such a load pairs with nothing.
@@ -296,14 +391,23 @@ private:
   uint32_t got_entry_address(const Hi &h) const {
     if (im_.gp_value == 0)
       error("%s: a GOT page load at %s, but the executable has no gp value", path(), im_.where(h.offset).c_str());
-    uint32_t entry = im_.gp_value + uint32_t(mips::simm16(word(*h.sec, h.offset)));
+    uint32_t entry = uint32_t(gps_.gp_at(h.offset)) + uint32_t(mips::simm16(word(*h.sec, h.offset)));
     const Section *got = im_.section_holding(entry, 4);
     if (got == nullptr || im_.got == nullptr || got != im_.got)
       error("%s: the GOT page load at %s reads %#x, which is not in .got", path(), im_.where(h.offset).c_str(), entry);
+    if (gps_.multi() && entry >= im_.got_addr &&
+        &gps_.got_of_entry((entry - uint32_t(im_.got_addr)) / 4) != &gps_.got_at(h.offset))
+      error("%s: the GOT page load at %s reads %#x, outside the GOT of the gp its function sets up", path(),
+            im_.where(h.offset).c_str(), entry);
     return entry;
   }
 
   uint32_t got_index(const Hi &h) const { return (got_entry_address(h) - im_.got_addr) / 4; }
+
+  // The entry a load from gp at addr reads, in .got or not.
+  uint32_t got_index_at(uint32_t addr) const {
+    return (uint32_t(gps_.gp_at(addr)) + uint32_t(mips::simm16(word(addr))) - uint32_t(im_.got_addr)) / 4;
+  }
 
   // lui/addiu of _gp_disp: gp minus the address the set-up runs at.  Only a
   // set-up inside .text moves.
@@ -447,6 +551,9 @@ private:
 
 Description describe_references(const Image &im) {
   Describer d(im);
+  for (const RelSection &rs : im.rel_sections)
+    d.find_setups(rs);
+  d.setups_found();
   for (const RelSection &rs : im.rel_sections)
     d.add(rs);
   return d.finish();

@@ -64,7 +64,41 @@ std::vector<Site> sites_of(const RelSection &rs) {
 
 class EventsDescriber {
 public:
-  explicit EventsDescriber(const Image &im) : im_(im) {}
+  explicit EventsDescriber(const Image &im) : im_(im), gps_(im) {}
+
+  // The gp set-ups, before anything else: which GOT a function's code
+  // reads follows from them.
+  void find_setups(const RelSection &rs) {
+    if ((rs.target->sh.sh_flags & SHF_EXECINSTR) == 0)
+      return;
+    rs_ = &rs;
+    std::vector<Site> his;
+    for (const Site &s : sites_of(rs)) {
+      if (s.is(R_GPREL16, R_SUB, R_HI16)) {
+        his.push_back(s);
+      } else if (s.is(R_GPREL16, R_SUB, R_LO16)) {
+        // Both halves name the function the same way; the high half is
+        // the nearest one in front.
+        for (size_t k = his.size(); k-- > 0;)
+          if (his[k].sym == s.sym && his[k].addend == s.addend) {
+            pair_setup(his[k], s);
+            his.erase(his.begin() + long(k));
+            break;
+          }
+      }
+    }
+  }
+
+  void setups_found() {
+    for (const auto &[at, setup] : setups_)
+      if (setup.gp != im_.gp_value && !gps_.set_function_gp(at, setup.gp))
+        refuse(at, "gp set-up", setup.gp, "it computes a secondary GOT's gp outside every function symbol");
+    if (gps_.multi())
+      gps_.freeze();
+    for (const auto &[at, setup] : setups_)
+      if (gps_.gp_at(at) != setup.gp)
+        refuse(at, "gp set-up", setup.gp, "another gp set-up of its function computes another GOT's gp");
+  }
 
   void add(const RelSection &rs) {
     rs_ = &rs;
@@ -89,19 +123,28 @@ public:
         error("%s: the GOT page load at %s, outside .text, reads a page inside .text that no record marks; %s",
               path(), im_.where(at).c_str(), NO_EXPLICIT);
     for (const PendingOffset &o : offsets_) {
-      std::optional<uint32_t> e = page_entry_holding(o.page);
+      std::optional<uint32_t> e = page_entry_holding(o.page, gps_.got_at(o.at));
       if (!e)
         refuse(o.at, "GOT offset", o.x, "no GOT page entry holds the page it adds to");
-      int64_t off = int64_t(im_.got_addr + uint64_t(*e) * im_.word_size - im_.gp_value);
+      int64_t off = int64_t(im_.got_addr + uint64_t(*e) * im_.word_size - gps_.gp_at(o.at));
       events_.push_back({EK_GOT_OFST, o.at, uint64_t(off)});
     }
     la25_stubs();
     Description d;
     give_spares_pages(d);
+    d.gp_ranges = gps_.ranges();
     std::sort(events_.begin(), events_.end(), [](const EventRef &a, const EventRef &b) { return a.addr < b.addr; });
     d.events = std::move(events_);
     d.data = group_words();
     d.got_pages.assign(page_entries_.begin(), page_entries_.end());
+    {
+      // Entries something else than a described page load of code reads.
+      std::set<uint32_t> fixed = data_pages_;
+      fixed.insert(exact_entries_.begin(), exact_entries_.end());
+      for (const auto &[i, at] : outside_pages_)
+        fixed.insert(i);
+      d.free_pages = free_page_entries(im_, gps_, page_entries_, fixed, [this](uint32_t k) { return got_value(k); });
+    }
     d.patches = std::move(patches_);
     d.got_entries = std::move(got_entries_);
     return d;
@@ -109,10 +152,16 @@ public:
 
 private:
   const Image &im_;
+  GpMap gps_;
+  struct Setup {
+    uint64_t function, gp;
+  };
+  std::map<uint64_t, Setup> setups_; // by the address of either half
   const RelSection *rs_ = nullptr;
   std::vector<EventRef> events_;
   std::vector<EventRef> words_; // one per data word, count 1
   std::set<uint32_t> page_entries_, exact_entries_;
+  std::set<uint32_t> data_pages_; // page entries that page loads of addresses outside .text read
   std::map<uint32_t, uint64_t> outside_pages_; // page entry -> a page load outside .text reading it
   std::vector<std::pair<uint64_t, uint32_t>> patches_;
   std::vector<std::pair<uint32_t, uint64_t>> got_entries_;
@@ -153,11 +202,14 @@ private:
   uint32_t got_entry(uint64_t at) {
     if (im_.got == nullptr || im_.gp_value == 0)
       error("%s: a GOT load at %s, but the executable has no GOT or gp value", path(), im_.where(at).c_str());
-    uint64_t e = im_.gp_value + uint64_t(int64_t(mips::simm16(insn(at))));
+    uint64_t e = width(gps_.gp_at(at) + uint64_t(int64_t(mips::simm16(insn(at)))));
     if (e < im_.got_addr || (e - im_.got_addr) % im_.word_size != 0 || im_.section_holding(e, im_.word_size) != im_.got)
       error("%s: the GOT load at %s reads %#llx, which is no entry of .got", path(), im_.where(at).c_str(),
             (unsigned long long)e);
     uint32_t index = uint32_t((e - im_.got_addr) / im_.word_size);
+    if (gps_.multi() && &gps_.got_of_entry(index) != &gps_.got_at(at))
+      error("%s: the GOT load at %s reads %#llx, outside the GOT of the gp its function sets up", path(),
+            im_.where(at).c_str(), (unsigned long long)e);
     used_entries_.insert(index);
     return index;
   }
@@ -166,7 +218,7 @@ private:
   // page entry reaches.
   void give_spares_pages(Description &d) {
     auto value = [this](uint32_t k) { return got_value(k); };
-    for (const auto &[index, page] : pages_for_spares(im_, page_entries_, used_entries_, value)) {
+    for (const auto &[index, page] : pages_for_spares(im_, gps_, page_entries_, used_entries_, value)) {
       got_entries_.push_back({index, page});
       d.page_spares.push_back(index);
       page_entries_.insert(index);
@@ -176,9 +228,14 @@ private:
   void move_page(uint32_t i) {
     uint64_t value = got_value(i);
     std::optional<uint32_t> spare;
-    uint64_t n = std::min<uint64_t>(im_.local_gotno, im_.got->sh.sh_size / im_.word_size);
-    for (uint32_t k = 2; k < n && !spare && !got_pairs_; ++k)
-      if (got_value(k) == 0 && !used_entries_.count(k))
+    const Got &g = gps_.got_of_entry(i);
+    uint64_t n = std::min<uint64_t>(g.end, im_.got->sh.sh_size / im_.word_size);
+    if (g.primary)
+      n = std::min<uint64_t>(n, im_.local_gotno);
+    bool relocated_only = !g.primary && im_.is_pie; // the loader relocates no entry put there
+    for (uint32_t k = g.first + 2; k < n && !spare && !got_pairs_ && !relocated_only; ++k)
+      if (got_value(k) == 0 && !used_entries_.count(k) &&
+          !im_.dynamically_relocated(im_.got_addr + uint64_t(k) * im_.word_size))
         spare = k;
     if (!is_function_start(value) || !spare)
       error("%s: GOT entry %u serves both as a 64 KB page and as the address %#llx, which moves, and no spare "
@@ -187,9 +244,10 @@ private:
     got_entries_.push_back({*spare, value});
     page_entries_.erase(i);
     page_entries_.insert(*spare);
-    uint32_t gp_offset = uint32_t(im_.got_addr + uint64_t(*spare) * im_.word_size - im_.gp_value);
-    for (uint64_t at : page_loads_[i])
+    for (uint64_t at : page_loads_[i]) {
+      uint32_t gp_offset = uint32_t(im_.got_addr + uint64_t(*spare) * im_.word_size - gps_.gp_at(at));
       patches_.push_back({at, mips::with_imm16(im_.word(*im_.text, at), gp_offset)});
+    }
   }
 
   uint64_t width(uint64_t v) const { return im_.is_64 ? v : uint64_t(uint32_t(v)); }
@@ -200,11 +258,40 @@ private:
     events_.push_back({kind, at, value});
   }
 
-  // The function a gp set-up serves: gp minus its address is what the pair
-  // adds to $25.  The addend ld -q leaves on these is shifted by gp in some
-  // builds, so the function is the candidate that the instruction agrees
-  // with.
-  uint64_t gp_setup_function(const Site &s, bool hi, uint32_t w) const {
+  // The value a gp set-up's two halves add to $25 together.
+  int64_t setup_value(uint32_t hi_word, uint32_t lo_word) const {
+    int64_t v = sext16(mips::imm16(hi_word)) * 65536 + mips::simm16(lo_word);
+    return im_.is_64 ? v : int64_t(int32_t(uint32_t(v)));
+  }
+
+  // The function a gp set-up serves and the gp it computes: gp minus the
+  // function's address is what the pair adds to $25.  The addend ld -q
+  // leaves on these is shifted by gp in some builds, so the function is
+  // the candidate that the instructions agree with; in a program with
+  // several GOTs the gp is the one of the function's object, the start of
+  // one of the GOTs + 0x7ff0.
+  void pair_setup(const Site &hi, const Site &lo) {
+    int64_t v = setup_value(insn(hi.offset), insn(lo.offset));
+    uint64_t sa = symbol_value(hi.sym) + uint64_t(hi.addend);
+    uint64_t candidates[4] = {sa, sa + im_.gp_value, function_start(hi.offset), function_start(lo.offset)};
+    for (uint64_t f : candidates) {
+      uint64_t gp = width(f + uint64_t(v));
+      if (!im_.in_text(f) || f == 0)
+        continue;
+      if (gp == width(im_.gp_value) || (gps_.got_of_gp(gp) != nullptr && f == function_start(hi.offset))) {
+        setups_[hi.offset] = {f, gp};
+        setups_[lo.offset] = {f, gp};
+        return;
+      }
+    }
+  }
+
+  // The function a set-up half serves, and its gp: from its pair, or for
+  // a half whose partner was not found, the candidate that the primary gp
+  // and the instruction agree with.
+  std::optional<Setup> gp_setup_function(const Site &s, bool hi, uint32_t w) const {
+    if (auto p = setups_.find(s.offset); p != setups_.end())
+      return p->second;
     uint64_t sa = symbol_value(s.sym) + uint64_t(s.addend);
     uint64_t candidates[3] = {sa, sa + im_.gp_value, function_start(s.offset)};
     for (uint64_t f : candidates) {
@@ -212,9 +299,9 @@ private:
       if (!im_.is_64)
         v = int32_t(uint32_t(v));
       if ((hi ? high_half(v) : uint64_t(v) & 0xffff) == mips::imm16(w) && im_.in_text(f))
-        return f;
+        return Setup{f, im_.gp_value};
     }
-    return 0;
+    return std::nullopt;
   }
 
   bool is_function_start(uint64_t a) const {
@@ -272,14 +359,18 @@ private:
     if (s.is(R_GPREL16, R_SUB, R_HI16) || s.is(R_GPREL16, R_SUB, R_LO16)) {
       bool hi = s.t[2] == R_HI16;
       uint32_t w = insn(at);
-      uint64_t f = gp_setup_function(s, hi, w);
+      std::optional<Setup> setup = gp_setup_function(s, hi, w);
       // A set-up lies in the function whose address it starts from: outside
       // .text, that code does not move.
       if (!in_text_code)
         return;
-      if (f == 0)
-        refuse(at, "gp set-up", mips::imm16(w), "its function could not be told from its relocation");
-      int64_t v = int64_t(width(im_.gp_value - f));
+      if (!setup)
+        refuse(at, "gp set-up", mips::imm16(w),
+               gps_.multi() ? "its function could not be told from its relocation, nor its gp from the GOTs"
+                            : "its function could not be told from its relocation");
+      if (gps_.gp_at(at) != setup->gp)
+        refuse(at, "gp set-up", mips::imm16(w), "the gp it computes is not the one the rest of its function uses");
+      int64_t v = int64_t(width(setup->gp - setup->function));
       if (!im_.is_64)
         v = int32_t(uint32_t(v));
       if (hi)
@@ -308,6 +399,8 @@ private:
       }
       page_entries_.insert(e);
       page_loads_[e].push_back(at);
+      if (!im_.in_text(x))
+        data_pages_.insert(e);
       int64_t low = int64_t(x - got_value(e));
       if (!im_.is_64)
         low = int32_t(uint32_t(low));
@@ -377,14 +470,16 @@ private:
     event(kind, s.offset, value);
   }
 
-  std::optional<uint32_t> page_entry_holding(uint64_t page) const {
+  // The entry of GOT g holding page: a page entry first.
+  std::optional<uint32_t> page_entry_holding(uint64_t page, const Got &g) const {
+    bool any = !gps_.multi();
     for (uint32_t i : page_entries_)
-      if (got_value(i) == page)
+      if (got_value(i) == page && (any || (i >= g.first && i < g.end)))
         return i;
     if (im_.got == nullptr || im_.got->raw == nullptr)
       return std::nullopt;
     uint64_t n = im_.got->sh.sh_size / im_.word_size;
-    for (uint32_t i = 1; i < n; ++i)
+    for (uint32_t i = any ? 1 : std::max<uint32_t>(g.first, 1); i < (any ? n : std::min<uint64_t>(n, g.end)); ++i)
       if (got_value(i) == page)
         return i;
     return std::nullopt;
@@ -424,7 +519,24 @@ private:
     uint64_t v = n == 8 ? im_.address_word(sec, s.offset) : im_.word(sec, s.offset);
     if (kind == CK_GADDR_32)
       v = uint64_t(int64_t(int32_t(uint32_t(v))));
-    uint64_t x = width(kind == CK_GADDR_32 || kind == CK_GADDR_64 ? v + im_.gp_value : v);
+    uint64_t gp = im_.gp_value;
+    if ((kind == CK_GADDR_32 || kind == CK_GADDR_64) && gps_.multi()) {
+      // A word relative to a secondary GOT's gp: the relocation names the
+      // address it holds (shifted by the primary gp in some builds).
+      uint64_t sa = symbol_value(s.sym) + uint64_t(s.addend);
+      const Got *found = nullptr;
+      for (uint64_t target : {sa, sa + im_.gp_value})
+        if (const Got *g = gps_.got_of_gp(width(target - v)); g != nullptr && im_.in_text(width(target)))
+          found = g;
+      if (found == nullptr)
+        for (const Got &g : gps_.gots())
+          if (im_.in_text(width(v + g.gp)))
+            refuse(s.offset, "gp-relative word", v, "its relocation does not tell which GOT's gp it is relative to");
+      if (found != nullptr)
+        gp = found->gp;
+      gps_.set_data_gp(s.offset, n, gp);
+    }
+    uint64_t x = width(kind == CK_GADDR_32 || kind == CK_GADDR_64 ? v + gp : v);
     if (im_.in_text(x))
       words_.push_back({kind, s.offset, 1});
   }
@@ -448,6 +560,9 @@ private:
 
 Description describe_events(const Image &im) {
   EventsDescriber d(im);
+  for (const RelSection &rs : im.rel_sections)
+    d.find_setups(rs);
+  d.setups_found();
   for (const RelSection &rs : im.rel_sections)
     d.add(rs);
   return d.finish();

@@ -26,8 +26,10 @@ namespace {
 bool reads_got_in_pairs(uint32_t type) { return type == 22 || type == 23 || type == 30 || type == 31; }
 
 // The local entries that hold 0 and that nothing reads: no load from gp
-// in the executable code, nor any entry of used.
-std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t> &used) {
+// in the executable code, nor any entry of used.  In a secondary GOT of a
+// position-independent executable none is spare: the loader would not
+// relocate a page put there.
+std::vector<uint32_t> spare_got_entries(const Image &im, const GpMap &gps, const std::set<uint32_t> &used) {
   if (im.got == nullptr || im.got->raw == nullptr || im.gp_value == 0)
     return {};
   for (const RelSection &rs : im.rel_sections) {
@@ -39,6 +41,8 @@ std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t
         return {};
   }
   uint64_t n = std::min<uint64_t>(im.local_gotno, im.got->sh.sh_size / im.word_size);
+  if (gps.multi())
+    n = gps.gots().back().end;
   std::vector<bool> read(n, false);
   for (uint32_t i : used)
     if (i < n)
@@ -55,18 +59,24 @@ std::vector<uint32_t> spare_got_entries(const Image &im, const std::set<uint32_t
       uint32_t w = im.word(s, a);
       if (!mips::is_load(w) || mips::rs(w) != 28)
         continue;
-      uint64_t e = im.gp_value + uint64_t(int64_t(mips::simm16(w)));
+      uint64_t e = (gps.multi() ? gps.gp_at(a) : im.gp_value) + uint64_t(int64_t(mips::simm16(w)));
       if (!im.is_64)
         e = uint32_t(e);
       if (e >= lo && e < hi)
         read[(e - lo) / im.word_size] = true;
     }
   }
-  // Entry 0 is the lazy resolver's, entry 1 may be the loader's module pointer.
+  // Entry 0 is the lazy resolver's, entry 1 may be the loader's module
+  // pointer, in every GOT.
   std::vector<uint32_t> out;
-  for (uint32_t k = 2; k < n; ++k)
-    if (!read[k] && got_word(im, k) == 0)
-      out.push_back(k);
+  for (const Got &g : gps.gots()) {
+    if (!g.primary && im.is_pie)
+      continue;
+    uint64_t end = g.primary ? std::min<uint64_t>(n, std::min<uint64_t>(g.end, im.local_gotno)) : g.end;
+    for (uint32_t k = g.first + 2; k < end; ++k)
+      if (!read[k] && got_word(im, k) == 0 && !im.dynamically_relocated(im.got_addr + uint64_t(k) * im.word_size))
+        out.push_back(k);
+  }
   return out;
 }
 
@@ -107,17 +117,32 @@ uint64_t got_word(const Image &im, uint32_t index) {
   return im.address_word(*im.got, a);
 }
 
-std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, const std::set<uint32_t> &page_entries,
+std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, const GpMap &gps,
+                                                            const std::set<uint32_t> &page_entries,
                                                             const std::set<uint32_t> &used,
                                                             const std::function<uint64_t(uint32_t)> &value) {
   if (im.got == nullptr || im.got->raw == nullptr)
     return {};
-  std::vector<uint64_t> values;
-  uint64_t n = std::min<uint64_t>(im.local_gotno, im.got->sh.sh_size / im.word_size);
-  for (uint32_t k = 2; k < n; ++k)
-    if (page_entries.count(k) || !im.in_text(value(k)))
-      values.push_back(value(k));
-  return cover_text_with_pages(im, spare_got_entries(im, used), values);
+  std::vector<uint32_t> spares = spare_got_entries(im, gps, used);
+  std::vector<std::pair<uint32_t, uint64_t>> out;
+  for (const Got &g : gps.gots()) {
+    // vesk takes for a page the primary GOT's local entries whose value
+    // stays, and a secondary GOT's page entries.
+    std::vector<uint64_t> values;
+    uint64_t n = std::min<uint64_t>(g.end, im.got->sh.sh_size / im.word_size);
+    if (g.primary)
+      n = std::min<uint64_t>(n, im.local_gotno);
+    for (uint32_t k = g.first + 2; k < n; ++k)
+      if (page_entries.count(k) || (g.primary && !im.in_text(value(k))))
+        values.push_back(value(k));
+    std::vector<uint32_t> own;
+    for (uint32_t k : spares)
+      if (k >= g.first && k < g.end)
+        own.push_back(k);
+    for (const auto &given : cover_text_with_pages(im, own, values))
+      out.push_back(given);
+  }
+  return out;
 }
 
 } // namespace vesk::annotate

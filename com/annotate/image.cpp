@@ -1,5 +1,6 @@
 #include "com/annotate/image.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -86,6 +87,16 @@ void read_tables(Image &im, Elf *elf) {
           im.got_addr = dyn.d_un.d_ptr;
         else if (dyn.d_tag == DT_MIPS_LOCAL_GOTNO)
           im.local_gotno = dyn.d_un.d_val;
+        else if (dyn.d_tag == DT_MIPS_GOTSYM)
+          im.gotsym = dyn.d_un.d_val;
+        else if (dyn.d_tag == DT_MIPS_SYMTABNO)
+          im.symtabno = dyn.d_un.d_val;
+    } else if (s.sh.sh_type == SHT_REL && (s.sh.sh_flags & SHF_ALLOC) != 0 && s.raw != nullptr) {
+      // Dynamic relocations: only where they apply matters here (their
+      // r_offset leads each record in both classes).
+      size_t size = im.is_64 ? 16 : 8;
+      for (uint64_t off = 0; off + size <= s.sh.sh_size; off += size)
+        im.dyn_reloc_offsets.push_back(im.is_64 ? load64(s.raw + off) : load32(s.raw + off));
     } else if (s.sh.sh_type == SHT_SYMTAB) {
       Elf_Data *d = elf_getdata(scn, nullptr);
       GElf_Sym sym;
@@ -96,6 +107,7 @@ void read_tables(Image &im, Elf *elf) {
       }
     }
   }
+  std::sort(im.dyn_reloc_offsets.begin(), im.dyn_reloc_offsets.end());
   if (im.gp_value == 0)
     for (size_t i = 0; i < im.symbols.size(); ++i)
       if (im.symbol_names[i] == "_gp")
@@ -210,6 +222,10 @@ bool Image::symbol_is_local(uint32_t index) const {
   return index < symbols.size() && GELF_ST_BIND(symbols[index].st_info) == STB_LOCAL;
 }
 
+bool Image::dynamically_relocated(uint64_t addr) const {
+  return std::binary_search(dyn_reloc_offsets.begin(), dyn_reloc_offsets.end(), addr);
+}
+
 const std::string &Image::symbol_name(uint32_t index) const {
   static const std::string none;
   return index < symbol_names.size() ? symbol_names[index] : none;
@@ -244,6 +260,7 @@ Image read_image(const std::string &path, int fd) {
   im.is_64 = eh->e_ident[EI_CLASS] == ELFCLASS64;
   im.is_n32 = !im.is_64 && (eh->e_flags & EF_ABI2) != 0;
   im.pic = (eh->e_flags & EF_MIPS_PIC) != 0;
+  im.is_pie = eh->e_type == ET_DYN;
   im.word_size = im.is_64 ? 8 : 4;
   if (eh->e_type != ET_EXEC && eh->e_type != ET_DYN)
     error("%s is not an executable", path.c_str());

@@ -47,9 +47,12 @@ struct Image {
   uint64_t gp_value = 0;
   uint64_t got_addr = 0; // DT_PLTGOT, else the address of .got
   uint64_t local_gotno = 0; // DT_MIPS_LOCAL_GOTNO
+  uint64_t gotsym = 0, symtabno = 0; // DT_MIPS_GOTSYM, DT_MIPS_SYMTABNO: the primary GOT's global part
+  std::vector<uint64_t> dyn_reloc_offsets; // the words .rel.dyn relocates, ascending
   bool is_64 = false;    // ELFCLASS64 (n64)
   bool is_n32 = false;
   bool pic = false;      // EF_MIPS_PIC: vesk reads no content sections then
+  bool is_pie = false;   // ET_DYN: the loader moves it, and the words of .got with it
   unsigned word_size = 4; // an address word, a GOT entry
 
   bool is_o32() const { return !is_64 && !is_n32; }
@@ -63,6 +66,7 @@ struct Image {
   // "0x400123 (main+0x1c)" for messages.
   std::string where(uint64_t addr) const;
   bool symbol_is_local(uint32_t index) const;
+  bool dynamically_relocated(uint64_t addr) const;
   const std::string &symbol_name(uint32_t index) const;
 };
 

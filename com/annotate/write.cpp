@@ -10,6 +10,7 @@
 #include "base/diag.h"
 #include "base/file_io.h"
 #include "com/events.h"
+#include "com/update.h"
 
 namespace vesk::annotate {
 
@@ -95,9 +96,35 @@ std::vector<uint8_t> events_stream(const Image &im, const std::vector<EventRef> 
   return bytes;
 }
 
+// Where code or data uses a secondary GOT's gp: (first address, end, gp),
+// 64-bit words for every class; and the secondary GOTs' page entries vesk
+// may give other pages (indices, 32-bit words).
+void add_gp_ranges(const Description &d, std::vector<NewSection> &out) {
+  if (!d.free_pages.empty()) {
+    std::vector<uint8_t> indices(d.free_pages.size() * 4);
+    for (size_t i = 0; i < d.free_pages.size(); ++i)
+      store32(indices.data() + i * 4, d.free_pages[i]);
+    out.push_back({FREE_PAGES_SECTION, SHT_PROGBITS, false, std::move(indices)});
+  }
+  if (d.gp_ranges.empty())
+    return;
+  std::vector<uint8_t> bytes(d.gp_ranges.size() * 24);
+  for (size_t i = 0; i < d.gp_ranges.size(); ++i) {
+    store64(bytes.data() + i * 24, d.gp_ranges[i].lo);
+    store64(bytes.data() + i * 24 + 8, d.gp_ranges[i].hi);
+    store64(bytes.data() + i * 24 + 16, d.gp_ranges[i].gp);
+  }
+  out.push_back({GP_RANGES_SECTION, SHT_PROGBITS, false, std::move(bytes)});
+}
+
 std::vector<NewSection> annotation_sections(const Image &im, const Description &d) {
-  if (im.is_o32())
-    return {{".compact_rel", SHT_PROGBITS, false, compact_rel_section(d)}};
+  if (im.is_o32()) {
+    // .compact_rel stays the last section: vesk grows it in place.
+    std::vector<NewSection> out;
+    add_gp_ranges(d, out);
+    out.push_back({".compact_rel", SHT_PROGBITS, false, compact_rel_section(d)});
+    return out;
+  }
   std::vector<EventRef> events = d.events;
   if (im.pic)
     events.insert(events.end(), d.data.begin(), d.data.end());
@@ -110,6 +137,7 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
       store32(indices.data() + i * 4, d.page_spares[i]);
     out.push_back({GOT_PAGES_SECTION, SHT_PROGBITS, false, std::move(indices)});
   }
+  add_gp_ranges(d, out);
   return out;
 }
 
