@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/bytes.h"
@@ -19,6 +20,9 @@ constexpr uint32_t EF_ABI2 = 0x20;
 
 std::vector<uint8_t> read_whole(const std::string &path, int fd) {
   std::vector<uint8_t> buf;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size > 0)
+    buf.reserve(size_t(st.st_size)); // read at once, not regrown
   uint8_t chunk[65536];
   for (;;) {
     ssize_t n = read(fd, chunk, sizeof chunk);
@@ -250,7 +254,7 @@ Image read_image(const std::string &path, int fd) {
   im.file = read_whole(path, fd);
   elf_version(EV_CURRENT);
   // Ended however the reading ends: a refusal throws.
-  std::unique_ptr<Elf, int (*)(Elf *)> elf(elf_begin(fd, ELF_C_READ, nullptr), elf_end);
+  std::unique_ptr<Elf, int (*)(Elf *)> elf(elf_begin(fd, ELF_C_READ_MMAP, nullptr), elf_end);
   if (elf == nullptr || elf_kind(elf.get()) != ELF_K_ELF)
     error("%s is not an ELF file", path.c_str());
   GElf_Ehdr ehdr;
