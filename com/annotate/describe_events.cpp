@@ -304,11 +304,37 @@ private:
     return std::nullopt;
   }
 
+  // The function symbols by start, asked once for every gp set-up and
+  // table word: a walk over the symbol table each time would make the
+  // description quadratic in the size of the program.
+  struct FunctionIndex {
+    std::vector<std::pair<uint64_t, uint64_t>> by_start; // start, size
+    uint64_t max_size = 0;
+    std::vector<uint64_t> defined; // starts of functions the executable defines
+  };
+  mutable std::optional<FunctionIndex> functions_;
+
+  const FunctionIndex &functions() const {
+    if (!functions_) {
+      FunctionIndex ix;
+      for (const GElf_Sym &s : im_.symbols) {
+        if (GELF_ST_TYPE(s.st_info) != STT_FUNC)
+          continue;
+        ix.by_start.push_back({s.st_value, s.st_size});
+        ix.max_size = std::max<uint64_t>(ix.max_size, s.st_size);
+        if (s.st_shndx != SHN_UNDEF)
+          ix.defined.push_back(s.st_value);
+      }
+      std::sort(ix.by_start.begin(), ix.by_start.end());
+      std::sort(ix.defined.begin(), ix.defined.end());
+      functions_ = std::move(ix);
+    }
+    return *functions_;
+  }
+
   bool is_function_start(uint64_t a) const {
-    for (const GElf_Sym &s : im_.symbols)
-      if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_value == a && s.st_shndx != SHN_UNDEF)
-        return true;
-    return false;
+    const std::vector<uint64_t> &d = functions().defined;
+    return std::binary_search(d.begin(), d.end(), a);
   }
 
   // The stubs the linker puts in front of a PIC function that non-PIC code
@@ -344,12 +370,21 @@ private:
     }
   }
 
+  // The highest start of a function symbol whose extent holds at (0 for
+  // none).
   uint64_t function_start(uint64_t at) const {
-    uint64_t best = 0;
-    for (const GElf_Sym &s : im_.symbols)
-      if (GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_value <= at && at - s.st_value < s.st_size && s.st_value > best)
-        best = s.st_value;
-    return best;
+    const FunctionIndex &ix = functions();
+    auto it = std::upper_bound(ix.by_start.begin(), ix.by_start.end(), std::pair<uint64_t, uint64_t>{at, UINT64_MAX});
+    // Going down from the last start at or below at; none further down
+    // than the largest size can reach it.
+    while (it != ix.by_start.begin()) {
+      --it;
+      if (at - it->first >= ix.max_size || it->first == 0)
+        break;
+      if (at - it->first < it->second)
+        return it->first;
+    }
+    return 0;
   }
 
   void code_site(const Site &s) {
