@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <unordered_map>
 
 #include "base/diag.h"
 #include "base/mips.h"
@@ -199,14 +200,17 @@ std::vector<uint32_t> free_page_entries(const Image &im, const GpMap &gps, const
   std::vector<uint32_t> out;
   if (!gps.multi())
     return out;
+  // How many entries of each GOT hold each value, counted once per GOT.
+  std::map<uint32_t, std::unordered_map<uint64_t, uint32_t>> holders; // by the GOT's first entry
   for (uint32_t i : pages) {
     const Got &g = gps.got_of_entry(i);
     if (g.primary || fixed.count(i) || i < g.first + 2)
       continue;
-    bool unique = true;
-    for (uint32_t k = g.first; k < g.end && unique; ++k)
-      unique = k == i || value(k) != value(i);
-    if (unique)
+    auto [counts, fresh] = holders.try_emplace(g.first);
+    if (fresh)
+      for (uint32_t k = g.first; k < g.end; ++k)
+        ++counts->second[value(k)];
+    if (counts->second[value(i)] == 1) // no other entry of its GOT holds its value
       out.push_back(i);
   }
   (void)im;
