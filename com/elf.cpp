@@ -103,10 +103,11 @@ void write_it() {
 void *output_contents(const Elf_Data *in) {
   size_t raw_size = 0;
   const char *raw = elf_rawfile(bin.in_elf, &raw_size);
-  const char *src = static_cast<const char *>(in->d_buf);
-  if (raw != nullptr && src >= raw && in->d_size <= raw_size && size_t(src - raw) <= raw_size - in->d_size &&
+  // Addresses compared as numbers: the contents may lie anywhere else.
+  uintptr_t base = reinterpret_cast<uintptr_t>(raw), src = reinterpret_cast<uintptr_t>(in->d_buf);
+  if (raw != nullptr && src >= base && in->d_size <= raw_size && src - base <= raw_size - in->d_size &&
       bin.out_base.map(bin.in_fd, raw_size))
-    return bin.out_base.data() + (src - raw);
+    return bin.out_base.data() + (src - base);
   return dup_buffer(in->d_buf, in->d_size);
 }
 
