@@ -549,15 +549,7 @@ private:
 
 } // namespace
 
-Description describe_references(const Image &im) {
-  Describer d(im);
-  for (const RelSection &rs : im.rel_sections)
-    d.find_setups(rs);
-  d.setups_found();
-  for (const RelSection &rs : im.rel_sections)
-    d.add(rs);
-  return d.finish();
-}
+Description describe_references(const Image &im) { return describe_with<Describer>(im); }
 
 Description describe(const Image &im) { return im.is_o32() ? describe_references(im) : describe_events(im); }
 

@@ -137,6 +137,19 @@ std::vector<std::pair<uint32_t, uint64_t>> pages_for_spares(const Image &im, con
                                                             const std::set<uint32_t> &used,
                                                             const std::function<uint64_t(uint32_t)> &value);
 
+// A describer's two passes over the relocations: the gp set-ups first
+// (which GOT each function reads decides how its other references are
+// read), then every reference.
+template <class Describer> Description describe_with(const Image &im) {
+  Describer d(im);
+  for (const RelSection &rs : im.rel_sections)
+    d.find_setups(rs);
+  d.setups_found();
+  for (const RelSection &rs : im.rel_sections)
+    d.add(rs);
+  return d.finish();
+}
+
 // Describes the image's code-address references.  A reference no entry can
 // describe ends the run with an error that names it.
 Description describe_references(const Image &im);

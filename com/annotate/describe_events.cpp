@@ -593,14 +593,6 @@ private:
 
 } // namespace
 
-Description describe_events(const Image &im) {
-  EventsDescriber d(im);
-  for (const RelSection &rs : im.rel_sections)
-    d.find_setups(rs);
-  d.setups_found();
-  for (const RelSection &rs : im.rel_sections)
-    d.add(rs);
-  return d.finish();
-}
+Description describe_events(const Image &im) { return describe_with<EventsDescriber>(im); }
 
 } // namespace vesk::annotate
