@@ -244,6 +244,10 @@ TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
       // twice in one file counts once.
       {{"c a.c 3\nd\nc a.c 100\na b.c\n"},
        {"c(a.c) 3", "d(a.c) 3", "a(b.c) 100", "a(a.c) 0", "b(a.c) 0", "e(a.c) 0"}},
+      // A count is read as far as it is digits; past 32 bits it saturates,
+      // however many digits it has.
+      {{"b a.c 4294967296\nc a.c 12x\nd a.c 0007\ne a.c 99999999999999999999999\n"},
+       {"b(a.c) 4294967295", "c(a.c) 12", "d(a.c) 7", "e(a.c) 4294967295", "a(a.c) 0", "a(b.c) 0"}},
   };
   for (const auto &[files, expected] : cases) {
     read(files);
