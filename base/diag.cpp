@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <elfutils/libdw.h>
 #include <libelf.h>
 #include <string>
 
@@ -94,16 +95,10 @@ void dump(const char *fmt, ...) {
   va_end(ap);
 }
 
-void print_dwarf_error(Dwarf_Debug dbg, int result, Dwarf_Error err, const char *fmt, ...) {
-  std::string cause;
-  if (result == DW_DLV_ERROR && err != nullptr) {
-    cause = dwarf_errmsg(err);
-    dwarf_dealloc(dbg, err, DW_DLA_ERROR);
-  } else if (result == DW_DLV_NO_ENTRY) {
-    cause = "no such entry";
-  } else {
-    cause = "libdwarf result " + std::to_string(result);
-  }
+void print_dwarf_error(const char *fmt, ...) {
+  // A call that failed without setting an error found nothing.
+  int code = dwarf_errno();
+  std::string cause = code != 0 ? dwarf_errmsg(code) : "no such entry";
   char what[512];
   va_list ap;
   va_start(ap, fmt);

@@ -11,8 +11,6 @@
 // what the run had begun to write.
 #pragma once
 
-#include <libdwarf.h>
-
 namespace vesk {
 
 // Thrown once the message that ends the run has been printed.
@@ -26,9 +24,8 @@ void warning(const char *fmt, ...) VESK_PRINTF(1, 2);
 [[noreturn]] void sysfatal(const char *fmt, ...) VESK_PRINTF(1, 2);
 void dump(const char *fmt, ...) VESK_PRINTF(1, 2);
 // Ends the run: "<program>: cannot read its DWARF information (<what>):
-// <libdwarf's cause>".
-[[noreturn]] void print_dwarf_error(Dwarf_Debug dbg, int result, Dwarf_Error err, const char *fmt, ...)
-    VESK_PRINTF(4, 5);
+// <the DWARF library's cause>", the cause being the error it has pending.
+[[noreturn]] void print_dwarf_error(const char *fmt, ...) VESK_PRINTF(1, 2);
 // Ends the run with libelf's message, after the name of the file it
 // concerns, when libelf has an error pending; returns quietly otherwise.
 void print_elf_error(const char *file);

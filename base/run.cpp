@@ -8,7 +8,7 @@
 
 #if defined(__SANITIZE_ADDRESS__)
 // The tools leave what a run allocated to process exit (libelf's and
-// libdwarf's handles among it), so a leak report at exit says nothing;
+// libdw's handles among it), so a leak report at exit says nothing;
 // sanitizer builds of every program linked with this library look for real
 // faults only.
 extern "C" const char *__asan_default_options() { return "detect_leaks=0"; }

@@ -9,17 +9,18 @@
 // the function symbols afterwards.
 #include "com/dwarf.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dwarf.h>
-#include <libdwarf.h>
+#include <elfutils/libdw.h>
+#include <gelf.h>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "base/bin.h"
@@ -28,6 +29,7 @@
 #include "base/proc.h"
 #include "com/dwarf_ranges.h"
 #include "com/dwarf_sections.h"
+#include "com/elf.h"
 #include "com/symtab_procs.h"
 #include "com/xlate_table.h"
 
@@ -37,7 +39,7 @@ namespace {
 
 // The vendor attribute (0x2009) that carries a subprogram's linker-level (abstract)
 // name.  GCC writes DW_AT_linkage_name instead, which is not looked at.
-constexpr Dwarf_Half kAbstractNameAttr = 0x2009;
+constexpr unsigned kAbstractNameAttr = 0x2009;
 
 const char *const kNoName = "Function Name Unavailable";
 
@@ -57,8 +59,74 @@ struct InlineNote {
 // What the walk of one compilation unit needs of the unit.
 struct Unit {
   const char *file_name; // base name of the unit's name; may be null
-  Dwarf_Addr base;       // DW_AT_low_pc: the base of DWARF 4 range lists
 };
+
+// The attributes of a subprogram entry that discovery reads, gathered in
+// one pass over the entry (the library would pass over it once for each
+// attribute asked for by name).  The first of a repeated attribute counts.
+struct SubprogramAttrs {
+  enum : unsigned {
+    NAME,
+    LOW_PC,
+    HIGH_PC,
+    RANGES,
+    ENTRY_PC,
+    ORIGIN,
+    INLINE,
+    ABSTRACT_NAME,
+    SPECIFICATION,
+    DECLARATION,
+    COUNT
+  };
+  Dwarf_Attribute at[COUNT];
+  unsigned present = 0;
+
+  Dwarf_Attribute *get(unsigned k) { return present & (1u << k) ? &at[k] : nullptr; }
+  bool has(unsigned k) const { return present & (1u << k); }
+
+  static int gather(Dwarf_Attribute *a, void *arg) {
+    auto *self = static_cast<SubprogramAttrs *>(arg);
+    unsigned k;
+    switch (dwarf_whatattr(a)) {
+    case DW_AT_name: k = NAME; break;
+    case DW_AT_low_pc: k = LOW_PC; break;
+    case DW_AT_high_pc: k = HIGH_PC; break;
+    case DW_AT_ranges: k = RANGES; break;
+    case DW_AT_entry_pc: k = ENTRY_PC; break;
+    case DW_AT_abstract_origin: k = ORIGIN; break;
+    case DW_AT_inline: k = INLINE; break;
+    case kAbstractNameAttr: k = ABSTRACT_NAME; break;
+    case DW_AT_specification: k = SPECIFICATION; break;
+    case DW_AT_declaration: k = DECLARATION; break;
+    default: return DWARF_CB_OK;
+    }
+    if (!self->has(k)) {
+      self->at[k] = *a;
+      self->present |= 1u << k;
+    }
+    return DWARF_CB_OK;
+  }
+};
+
+// A failed read of an optional attribute only means it is not used; the
+// library's pending error is dropped so that no later message blames it.
+void forget_dwarf_error() { (void)dwarf_errno(); }
+
+bool is_constant_form(unsigned form) {
+  switch (form) {
+  case DW_FORM_data1:
+  case DW_FORM_data2:
+  case DW_FORM_data4:
+  case DW_FORM_data8:
+  case DW_FORM_data16:
+  case DW_FORM_udata:
+  case DW_FORM_sdata:
+  case DW_FORM_implicit_const:
+    return true;
+  default:
+    return false;
+  }
+}
 
 // The walk over the entries of every unit.  Names it hands to records or
 // notes are kept in the procedure table, for the whole run.
@@ -69,11 +137,11 @@ public:
     // this input: then there is nothing to follow.
     reordered = open_input_xlate(&older) && (older.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) == 0;
   }
-  // A refused input ends the walk with its libdwarf handle open; a run in
-  // process (the tests, the fuzz targets) would keep it for good.
+  // A refused input ends the walk with its handle open; a run in process
+  // (the tests, the fuzz targets) would keep it for good.
   ~DwarfWalk() {
-    if (dbg != nullptr)
-      dwarf_finish(dbg, nullptr);
+    if (dw != nullptr)
+      dwarf_end(dw);
   }
   DwarfWalk(const DwarfWalk &) = delete;
   DwarfWalk &operator=(const DwarfWalk &) = delete;
@@ -81,7 +149,7 @@ public:
   void resolve_inline_notes();
 
 private:
-  Dwarf_Debug dbg = nullptr;
+  Dwarf *dw = nullptr;
   const FunctionSymbols *symbols;
   std::vector<InlineNote> notes;
   int made_up_names = 0;
@@ -93,10 +161,15 @@ private:
   // (a C++ inline function or template instance) is kept once by the
   // linker, and with -q every file's entry then describes that one copy.
   std::set<std::pair<uint64_t, uint64_t>> recorded;
+  // The entries of the unit being walked that were reached, a bit for each
+  // byte of the unit from its first; and the unit's bounds.
+  std::vector<uint64_t> reached;
+  uint64_t unit_start = 0, unit_end = 0;
+  std::vector<CodeRange> ranges;
 
   // Where the code of [lo, hi) of the original build lies in the input.
   // It was laid out in one piece, so one range of the table holds it.
-  void follow_table(const char *text, Dwarf_Addr *lo, Dwarf_Addr *hi) {
+  void follow_table(const char *text, uint64_t *lo, uint64_t *hi) {
     if (*lo < bin.exec_lo || *lo >= bin.exec_hi)
       return; // not code of this program (a discarded function's entry)
     uint64_t now = 0;
@@ -127,58 +200,34 @@ private:
     return bin.procs.keep(s.c_str());
   }
 
-  // Looks attribute `attr` of die up: true with *out set when present.
-  bool find_attr(Dwarf_Die die, Dwarf_Half attr, Dwarf_Attribute *out) {
-    Dwarf_Error err = nullptr;
-    int res = dwarf_attr(die, attr, out, &err);
-    if (res == DW_DLV_ERROR)
-      print_dwarf_error(dbg, res, err, "dwarf_attr");
-    return res == DW_DLV_OK;
-  }
-
-  bool has_attr(Dwarf_Die die, Dwarf_Half attr) {
-    Dwarf_Attribute a;
-    if (!find_attr(die, attr, &a))
-      return false;
-    dwarf_dealloc(dbg, a, DW_DLA_ATTR);
-    return true;
-  }
-
-  // A failed form read only means the attribute is not used.
-  void drop_error(int res, Dwarf_Error err) {
-    if (res == DW_DLV_ERROR && err != nullptr)
-      dwarf_dealloc(dbg, err, DW_DLA_ERROR);
-  }
-
   // The code range of a subprogram.  DW_AT_high_pc is either an address or,
   // from DWARF 4 on, an offset from DW_AT_low_pc.
   struct PcRange {
     bool have_high = false;
     bool have_low = false;
     bool declaration = false;
-    Dwarf_Addr low = 0;
-    Dwarf_Addr high = 0;
+    uint64_t low = 0;
+    uint64_t high = 0;
   };
 
-  PcRange read_pc_range(Dwarf_Die die, const char *text) {
+  PcRange read_pc_range(SubprogramAttrs &attrs, const char *text) {
     PcRange r;
-    Dwarf_Addr high = 0;
-    Dwarf_Half form = 0;
-    enum Dwarf_Form_Class form_class = DW_FORM_CLASS_UNKNOWN;
-    Dwarf_Error err = nullptr;
-    int res = dwarf_highpc_b(die, &high, &form, &form_class, &err);
-    if (res == DW_DLV_NO_ENTRY) {
-      r.declaration = has_attr(die, DW_AT_declaration);
+    Dwarf_Attribute *high = attrs.get(SubprogramAttrs::HIGH_PC);
+    if (high == nullptr) {
+      r.declaration = attrs.has(SubprogramAttrs::DECLARATION);
       return r;
     }
-    if (res == DW_DLV_ERROR)
-      print_dwarf_error(dbg, res, err, "dwarf_highpc in %s", text);
+    bool offset = is_constant_form(dwarf_whatform(high));
+    Dwarf_Word value = 0;
+    if (offset ? dwarf_formudata(high, &value) != 0 : dwarf_formaddr(high, &value) != 0)
+      print_dwarf_error("dwarf_highpc in %s", text);
     r.have_high = true;
-    res = dwarf_lowpc(die, &r.low, &err);
-    if (res == DW_DLV_ERROR)
-      print_dwarf_error(dbg, res, err, "dwarf_lowpc in %s", text);
-    r.have_low = res == DW_DLV_OK;
-    r.high = form_class == DW_FORM_CLASS_CONSTANT ? r.low + high : high;
+    if (Dwarf_Attribute *low = attrs.get(SubprogramAttrs::LOW_PC)) {
+      if (dwarf_formaddr(low, &r.low) != 0)
+        print_dwarf_error("dwarf_lowpc in %s", text);
+      r.have_low = true;
+    }
+    r.high = offset ? r.low + value : value;
     return r;
   }
 
@@ -187,9 +236,9 @@ private:
     const char *name; // may be null
     const char *text; // the name in messages
     bool have_origin;
-    Dwarf_Off origin;
+    uint64_t origin;
     const char *linkage_name; // may be null
-    Dwarf_Off offset;
+    uint64_t offset;
     const char *file_name;
     bool specification; // a C++ member's definition: its name is on the declaration
   };
@@ -205,7 +254,7 @@ private:
   // could not tell them apart; the symbol's (mangled) name can.  So when a
   // function symbol starts here and none has the entry's name, the
   // symbol's names the record (a C function keeps its name).
-  void make_record(const Subprogram &s, Dwarf_Addr lo, Dwarf_Addr hi, int part) {
+  void make_record(const Subprogram &s, uint64_t lo, uint64_t hi, int part) {
     // The entry of a function that the linker discarded (a C++ inline
     // function or template instance that another file's copy stands for)
     // kept the address its relocation resolved to: no code of this program.
@@ -241,86 +290,71 @@ private:
   }
 
   // One entry of a unit's tree; only subprograms matter.
-  void visit_entry(Dwarf_Die die, const Unit &unit) {
-    Dwarf_Error err = nullptr;
-    Dwarf_Half tag = 0;
-    int res = dwarf_tag(die, &tag, &err);
-    if (res != DW_DLV_OK)
-      print_dwarf_error(dbg, res, err, "dwarf_tag");
+  void visit_entry(Dwarf_Die *die, const Unit &unit) {
+    int tag = dwarf_tag(die);
+    if (tag == DW_TAG_invalid)
+      print_dwarf_error("dwarf_tag");
     if (tag != DW_TAG_subprogram)
       return;
+    SubprogramAttrs attrs;
+    if (dwarf_getattrs(die, SubprogramAttrs::gather, &attrs, 0) != 1)
+      print_dwarf_error("dwarf_attr");
 
     const char *name = nullptr;
-    char *raw = nullptr;
-    res = dwarf_diename(die, &raw, &err);
-    if (res == DW_DLV_ERROR)
-      print_dwarf_error(dbg, res, err, "dwarf_diename");
-    if (res == DW_DLV_OK) {
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::NAME)) {
+      const char *raw = dwarf_formstring(a);
+      if (raw == nullptr)
+        print_dwarf_error("dwarf_diename");
       name = bin.procs.keep(raw);
-      dwarf_dealloc(dbg, raw, DW_DLA_STRING);
     }
     std::string text = name ? name : kNoName;
 
-    PcRange pc = read_pc_range(die, text.c_str());
+    PcRange pc = read_pc_range(attrs, text.c_str());
     if (pc.declaration)
       return;
-    std::vector<CodeRange> ranges;
-    bool have_ranges = !pc.have_high && read_code_ranges(dbg, die, unit.base, text.c_str(), &ranges);
+    bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
+    if (have_ranges)
+      read_code_ranges(die, text.c_str(), &ranges);
 
     bool have_origin = false;
-    Dwarf_Off origin = 0;
-    Dwarf_Attribute a;
-    if (find_attr(die, DW_AT_abstract_origin, &a)) {
-      res = dwarf_global_formref(a, &origin, &err);
-      have_origin = res == DW_DLV_OK;
-      drop_error(res, err);
-      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    uint64_t origin = 0;
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ORIGIN)) {
+      Dwarf_Die target;
+      have_origin = dwarf_formref_die(a, &target) != nullptr;
+      if (have_origin)
+        origin = dwarf_dieoffset(&target);
+      else
+        forget_dwarf_error();
     }
 
     // Any value but DW_INL_not_inlined makes the entry an abstract instance
     // root, whose code, if any, other entries describe.
     bool inlined = false;
-    if (find_attr(die, DW_AT_inline, &a)) {
-      Dwarf_Unsigned how = 0;
-      res = dwarf_formudata(a, &how, &err);
-      drop_error(res, err);
-      if (res == DW_DLV_OK) {
-        inlined = how != DW_INL_not_inlined;
-      } else {
-        // DWARF 5 writers give the value as an implicit constant, which
-        // this libdwarf reads only as a signed number.
-        Dwarf_Signed signed_how = 0;
-        res = dwarf_formsdata(a, &signed_how, &err);
-        drop_error(res, err);
-        inlined = res == DW_DLV_OK && signed_how != DW_INL_not_inlined;
-      }
-      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::INLINE)) {
+      Dwarf_Word how = 0;
+      inlined = dwarf_formudata(a, &how) == 0 && how != DW_INL_not_inlined;
+      forget_dwarf_error();
     }
 
     const char *linkage_name = nullptr;
-    if (find_attr(die, kAbstractNameAttr, &a)) {
-      char *s = nullptr;
-      res = dwarf_formstring(a, &s, &err);
-      if (res == DW_DLV_OK)
-        linkage_name = bin.procs.keep(s);
-      drop_error(res, err);
-      dwarf_dealloc(dbg, a, DW_DLA_ATTR);
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ABSTRACT_NAME)) {
+      if (const char *raw = dwarf_formstring(a))
+        linkage_name = bin.procs.keep(raw);
+      forget_dwarf_error();
     }
     if (name == nullptr && linkage_name != nullptr)
       text = std::string("abstract name: ") + linkage_name + "\n";
 
-    Dwarf_Off offset = 0;
-    if (dwarf_dieoffset(die, &offset, &err) != DW_DLV_OK)
-      error("Unable to get dieoffset for %s\n", text.c_str());
-
+    uint64_t offset = dwarf_dieoffset(die);
     Subprogram s{name,   text.c_str(), have_origin,    origin, linkage_name,
-                 offset, unit.file_name, has_attr(die, DW_AT_specification)};
+                 offset, unit.file_name, attrs.has(SubprogramAttrs::SPECIFICATION)};
     if (pc.have_high || have_ranges) {
       if (pc.have_high && !pc.have_low)
         error("Have highpc but no lowpc on %s\n", text.c_str());
       if (pc.have_high)
         ranges.assign(1, CodeRange{pc.low, pc.high});
-      size_t entry = pc.have_high ? 0 : entry_range(dbg, die, ranges);
+      size_t entry = pc.have_high ? 0 : entry_range(attrs.get(SubprogramAttrs::ENTRY_PC), ranges);
+      forget_dwarf_error();
       for (size_t i = 0, part = 0; i < ranges.size(); ++i)
         make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
     } else if (have_origin || linkage_name != nullptr || inlined) {
@@ -337,63 +371,74 @@ private:
   }
 
   // Entries nested deeper than this are refused.  Compilers stay far below
-  // it; the limit is there because libdwarf finds the sibling of an entry
-  // without a DW_AT_sibling link by reading through all of the entry's
-  // descendants, so the walk costs the size of the tree times its depth.
+  // it; the limit is there because the library finds the sibling of an
+  // entry without a DW_AT_sibling link by reading through all of the
+  // entry's descendants, so the walk costs the size of the tree times its
+  // depth.
   static constexpr int kMaxDepth = 2048;
 
-  // Walks the tree below and beside `root` (a unit's entry).  All later
-  // siblings of an entry are visited before its children, and the children of
-  // a later sibling before those of an earlier one: the order in which the
-  // records are made.  A stack of entries whose children are still to be
-  // looked at gives that order without recursion, so neither a long sibling
-  // chain nor deep nesting can exhaust the machine stack.  In a sound tree
-  // every entry is reached once; a damaged sibling link that leads back into
-  // the tree is caught by the second arrival, which also bounds the work.
-  void walk_entries(Dwarf_Die root, const Unit &unit) {
+  // Marks the entry at offset reached; false when it was reached before.
+  bool reach(uint64_t offset) {
+    if (offset < unit_start || offset >= unit_end)
+      error("%s: the DWARF entry at offset %#llx lies outside its unit", option.program,
+            (unsigned long long)offset);
+    uint64_t bit = offset - unit_start;
+    uint64_t &word = reached[bit / 64];
+    uint64_t mask = uint64_t(1) << (bit % 64);
+    if (word & mask)
+      return false;
+    word |= mask;
+    return true;
+  }
+
+  // Walks the tree below `root` (a unit's entry).  All later siblings of an
+  // entry are visited before its children, and the children of a later
+  // sibling before those of an earlier one: the order in which the records
+  // are made.  A stack of entries whose children are still to be looked at
+  // gives that order without recursion, so neither a long sibling chain nor
+  // deep nesting can exhaust the machine stack.  In a sound tree every
+  // entry is reached once; a damaged sibling link that leads back into the
+  // tree is caught by the second arrival, which also bounds the work.
+  void walk_entries(Dwarf_Die *root, const Unit &unit) {
     struct Pending {
       Dwarf_Die die;
       int depth;
     };
-    std::unordered_set<Dwarf_Off> reached;
     std::vector<Pending> stack;
-    auto visit_chain = [&](Dwarf_Die die, int depth) {
+    auto visit_chain = [&](Dwarf_Die die, int depth, bool last) {
       for (;;) {
-        Dwarf_Off offset = 0;
-        Dwarf_Error err = nullptr;
-        int res = dwarf_dieoffset(die, &offset, &err);
-        if (res != DW_DLV_OK)
-          print_dwarf_error(dbg, res, err, "dwarf_dieoffset");
-        if (!reached.insert(offset).second)
+        uint64_t offset = dwarf_dieoffset(&die);
+        if (!reach(offset))
           error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
                 (unsigned long long)offset);
         if (depth > kMaxDepth)
           error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
                 (unsigned long long)offset, kMaxDepth);
         stack.push_back({die, depth});
-        visit_entry(die, unit);
-        Dwarf_Die sibling = nullptr;
-        res = dwarf_siblingof(dbg, die, &sibling, &err);
-        if (res == DW_DLV_ERROR)
-          print_dwarf_error(dbg, res, err, "dwarf_dibling");
-        if (res != DW_DLV_OK)
+        visit_entry(&die, unit);
+        // A unit's entry has no siblings: asking would read through the
+        // whole unit.
+        if (last)
+          return;
+        Dwarf_Die sibling;
+        int res = dwarf_siblingof(&die, &sibling);
+        if (res < 0)
+          print_dwarf_error("dwarf_dibling");
+        if (res > 0)
           return;
         die = sibling;
       }
     };
-    visit_chain(root, 0);
+    visit_chain(*root, 0, true);
     while (!stack.empty()) {
       Pending p = stack.back();
       stack.pop_back();
-      Dwarf_Die child = nullptr;
-      Dwarf_Error err = nullptr;
-      int res = dwarf_child(p.die, &child, &err);
-      if (res == DW_DLV_ERROR)
-        print_dwarf_error(dbg, res, err, "dwarf_child");
-      if (p.die != root)
-        dwarf_dealloc(dbg, p.die, DW_DLA_DIE);
-      if (res == DW_DLV_OK)
-        visit_chain(child, p.depth + 1);
+      Dwarf_Die child;
+      int res = dwarf_child(&p.die, &child);
+      if (res < 0)
+        print_dwarf_error("dwarf_child");
+      if (res == 0)
+        visit_chain(child, p.depth + 1, false);
     }
   }
 
@@ -438,53 +483,50 @@ void DwarfWalk::resolve_inline_notes() {
 }
 
 void DwarfWalk::walk_units(Elf *elf) {
-  Dwarf_Error err = nullptr;
   // Executables linked with kept relocations carry .rel.debug_* sections;
-  // applying them would add every address a second time.
-  dwarf_set_reloc_application(0);
-  int i = dwarf_elf_init(elf, DW_DLC_READ, nullptr, nullptr, &dbg, &err);
-  if (i == DW_DLV_ERROR)
-    print_dwarf_error(dbg, i, err, "%s: cannot read its DWARF information", option.program);
-  if (i == DW_DLV_NO_ENTRY)
+  // the library leaves them alone in an executable, as it must: applying
+  // them would add every address a second time.  The section's size
+  // bounds the units: a damaged unit length may claim more.
+  GElf_Shdr sh;
+  Elf_Scn *info = find_section_by_name(elf, ".debug_info");
+  if (info == nullptr || gelf_getshdr(info, &sh) == nullptr)
     error("%s: no DWARF information", option.program);
-
-  Dwarf_Unsigned header_length = 0, cu_offset = 0;
-  Dwarf_Half version = 0, address_size = 0;
-  Dwarf_Off abbrev_offset = 0;
+  uint64_t info_size = sh.sh_size;
+  dw = dwarf_begin_elf(elf, DWARF_C_READ, nullptr);
+  if (dw == nullptr)
+    print_dwarf_error("%s: cannot read its DWARF information", option.program);
+  Dwarf_Off at = 0, next = 0;
+  size_t header_size = 0;
   int res;
-  while ((res = dwarf_next_cu_header(dbg, &header_length, &version, &abbrev_offset, &address_size, &cu_offset,
-                                     &err)) == DW_DLV_OK) {
-    if (cu_offset == DW_DLV_BADOFFSET)
+  while ((res = dwarf_next_unit(dw, at, &next, &header_size, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                nullptr)) == 0) {
+    if (next <= at)
       error("%s: a DWARF unit header gives no offset for the next unit", option.program);
-    Dwarf_Die cu_die = nullptr;
-    int r = dwarf_siblingof(dbg, nullptr, &cu_die, &err);
-    if (r != DW_DLV_OK)
-      print_dwarf_error(dbg, r, err, "dwarf_siblingof");
-    char *raw = nullptr;
-    r = dwarf_diename(cu_die, &raw, &err);
-    if (r == DW_DLV_ERROR)
-      print_dwarf_error(dbg, r, err, "dwarf_diename");
+    Dwarf_Die cu_die;
+    if (dwarf_offdie(dw, at + header_size, &cu_die) == nullptr)
+      print_dwarf_error("dwarf_siblingof");
     // A unit without a name files its procedures under no file name.
     const char *unit_name = nullptr;
-    if (r == DW_DLV_OK) {
+    Dwarf_Attribute a;
+    if (dwarf_attr(&cu_die, DW_AT_name, &a) != nullptr) {
+      const char *raw = dwarf_formstring(&a);
+      if (raw == nullptr)
+        print_dwarf_error("dwarf_diename");
       unit_name = bin.procs.keep(raw);
-      dwarf_dealloc(dbg, raw, DW_DLA_STRING);
     }
     if (option.debug & 1)
       dump("File:  %s", unit_name ? unit_name : "");
-    Unit unit{unit_name ? basename(unit_name) : nullptr, 0};
-    r = dwarf_lowpc(cu_die, &unit.base, &err);
-    if (r == DW_DLV_ERROR)
-      print_dwarf_error(dbg, r, err, "dwarf_lowpc");
-    walk_entries(cu_die, unit);
-    dwarf_dealloc(dbg, cu_die, DW_DLA_DIE);
+    Unit unit{unit_name ? basename(unit_name) : nullptr};
+    unit_start = at;
+    unit_end = std::min<uint64_t>(next, info_size);
+    reached.assign((unit_end - std::min(unit_end, at) + 63) / 64, 0);
+    walk_entries(&cu_die, unit);
+    at = next;
   }
-  if (res == DW_DLV_ERROR)
-    print_dwarf_error(dbg, res, err, "dwarf_next_cu_header");
-  res = dwarf_finish(dbg, &err);
-  if (res != DW_DLV_OK)
-    print_dwarf_error(dbg, res, err, "dwarf_next_cu_header");
-  dbg = nullptr;
+  if (res < 0)
+    print_dwarf_error("dwarf_next_cu_header");
+  dwarf_end(dw);
+  dw = nullptr;
 }
 
 } // namespace

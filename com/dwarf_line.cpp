@@ -135,6 +135,8 @@ std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version)
 class Encoder {
 public:
   Encoder(Out &out, const Header &h, SectionCursor &c) : o(out), h(h), c(c) {}
+  // The pieces of the sequence being written, kept from one to the next.
+  std::vector<Piece> pieces;
 
   void start(uint64_t addr) {
     st = Row{};
@@ -230,7 +232,9 @@ private:
 // layout: one sequence per piece of its code that moved as one.
 void write_sequence(Encoder &e, const std::vector<Row> &rows, size_t first, size_t last) {
   uint64_t lo = rows[first].addr, hi = rows[last].addr;
-  std::vector<Piece> pieces = map_range(lo, hi);
+  std::vector<Piece> &pieces = e.pieces;
+  pieces.clear();
+  map_range(lo, hi, &pieces);
   size_t k = first;
   for (size_t p = 0; p < pieces.size(); ++p) {
     const Piece &pc = pieces[p];
@@ -248,58 +252,93 @@ void write_sequence(Encoder &e, const std::vector<Row> &rows, size_t first, size
   }
 }
 
+// One program of .debug_line: its header read, its rows played.
+struct Program {
+  size_t start, body, program, end;
+  unsigned offset_size, version;
+  Header h;
+  std::vector<Row> rows;
+};
+
+// Reads the program at c.pos and leaves c at its end.
+Program read_program(SectionCursor &c, const uint8_t *in, unsigned addr_size) {
+  Program p{};
+  p.start = c.pos;
+  uint64_t length = c.u32();
+  p.offset_size = 4;
+  if (length == 0xffffffffu) {
+    length = c.u64();
+    p.offset_size = 8;
+  } else if (length >= 0xfffffff0u) {
+    c.fail("a line program with a reserved length");
+  }
+  c.need(length);
+  p.end = c.pos + length, p.body = c.pos;
+  p.version = c.u16();
+  if (p.version < 2 || p.version > 5)
+    c.fail("a line program of a version vesk does not know");
+  Header &h = p.h;
+  h.addr_size = addr_size;
+  if (p.version >= 5) {
+    h.addr_size = c.u8();
+    c.u8();
+    if (h.addr_size != 4 && h.addr_size != 8)
+      c.fail("a line program whose addresses are neither 4 nor 8 bytes");
+  }
+  uint64_t header_length = p.offset_size == 8 ? c.u64() : c.u32();
+  if (header_length > p.end - c.pos)
+    c.fail("a line program header runs past its program");
+  p.program = c.pos + header_length;
+  h.min_inst = c.u8();
+  uint8_t max_ops = p.version >= 4 ? c.u8() : 1;
+  h.default_is_stmt = c.u8();
+  h.line_base = int8_t(c.u8());
+  h.line_range = c.u8();
+  h.opcode_base = c.u8();
+  if (h.min_inst == 0 || h.line_range == 0 || h.opcode_base == 0)
+    c.fail("a line program header with a zero instruction length, line range or opcode base");
+  if (max_ops != 1)
+    c.fail("a line program for several operations per instruction");
+  for (unsigned i = 1; i < h.opcode_base; ++i)
+    h.std_lengths.push_back(c.u8());
+  if (c.pos > p.program)
+    c.fail("a line program header runs past its length");
+  SectionCursor prog(in, p.end, 0, ".debug_line");
+  prog.pos = p.program;
+  p.rows = play(prog, p.end, h, p.version);
+  c.pos = p.end;
+  return p;
+}
+
 } // namespace
+
+std::vector<std::pair<uint64_t, std::vector<LineRow>>> read_line_rows(const uint8_t *in, size_t size,
+                                                                      unsigned addr_size) {
+  std::vector<std::pair<uint64_t, std::vector<LineRow>>> out;
+  SectionCursor c(in, size, 0, ".debug_line");
+  while (c.pos < size) {
+    Program p = read_program(c, in, addr_size);
+    std::vector<LineRow> rows;
+    rows.reserve(p.rows.size());
+    for (const Row &r : p.rows)
+      rows.push_back({r.addr, r.file, r.line, r.end_sequence});
+    out.emplace_back(p.start, std::move(rows));
+  }
+  return out;
+}
 
 std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsigned addr_size,
                                            std::map<uint64_t, uint64_t> *offsets) {
   Out out;
   SectionCursor c(in, size, 0, ".debug_line");
   while (c.pos < size) {
-    size_t start = c.pos;
-    uint64_t length = c.u32();
-    unsigned offset_size = 4;
-    if (length == 0xffffffffu) {
-      length = c.u64();
-      offset_size = 8;
-    } else if (length >= 0xfffffff0u) {
-      c.fail("a line program with a reserved length");
-    }
-    c.need(length);
-    size_t end = c.pos + length, body = c.pos;
-    uint16_t version = c.u16();
-    if (version < 2 || version > 5)
-      c.fail("a line program of a version vesk does not know");
-    Header h;
-    h.addr_size = addr_size;
-    if (version >= 5) {
-      h.addr_size = c.u8();
-      c.u8();
-      if (h.addr_size != 4 && h.addr_size != 8)
-        c.fail("a line program whose addresses are neither 4 nor 8 bytes");
-    }
-    uint64_t header_length = offset_size == 8 ? c.u64() : c.u32();
-    if (header_length > end - c.pos)
-      c.fail("a line program header runs past its program");
-    size_t program = c.pos + header_length;
-    h.min_inst = c.u8();
-    uint8_t max_ops = version >= 4 ? c.u8() : 1;
-    h.default_is_stmt = c.u8();
-    h.line_base = int8_t(c.u8());
-    h.line_range = c.u8();
-    h.opcode_base = c.u8();
-    if (h.min_inst == 0 || h.line_range == 0 || h.opcode_base == 0)
-      c.fail("a line program header with a zero instruction length, line range or opcode base");
-    if (max_ops != 1)
-      c.fail("a line program for several operations per instruction");
-    for (unsigned i = 1; i < h.opcode_base; ++i)
-      h.std_lengths.push_back(c.u8());
-    if (c.pos > program)
-      c.fail("a line program header runs past its length");
-
-    c.pos = program;
+    Program p = read_program(c, in, addr_size);
+    size_t start = p.start, body = p.body, program = p.program, end = p.end;
+    unsigned offset_size = p.offset_size;
+    const Header &h = p.h;
+    std::vector<Row> &rows = p.rows;
     SectionCursor prog(in, end, 0, ".debug_line");
-    prog.pos = program;
-    std::vector<Row> rows = play(prog, end, h, version);
+    prog.pos = end;
 
     (*offsets)[start] = out.size();
     size_t length_at = out.size();

@@ -12,10 +12,10 @@ namespace vesk {
 namespace {
 
 // The DWARF 5 sections that are a sequence of tables, each opening with a
-// unit length and a 16-bit version.  libdwarf reads their table headers
-// while it loads the compilation units, and some damaged lengths send it
-// into a double free instead of an error; so their framing is checked here
-// first.
+// unit length and a 16-bit version.  DWARF libraries read their table
+// headers while they load the compilation units, and some damaged lengths
+// have sent them into a double free instead of an error; so their framing
+// is checked here first, and a damaged one is refused naming the section.
 const char *const kTableSections[] = {".debug_rnglists", ".debug_loclists", ".debug_addr",
                                       ".debug_str_offsets"};
 

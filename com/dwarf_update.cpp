@@ -44,20 +44,6 @@ namespace vesk {
 
 namespace dwarf_update {
 
-void Out::u16(uint64_t v) { u8(v >> 8), u8(v); }
-void Out::u32(uint64_t v) { u16(v >> 16), u16(v); }
-void Out::u64(uint64_t v) { u32(v >> 32), u32(v); }
-void Out::sized(uint64_t v, unsigned n) {
-  for (unsigned i = n; i-- > 0;)
-    u8(i < 8 ? v >> (8 * i) : 0);
-}
-void Out::uleb(uint64_t v) {
-  do {
-    uint8_t b = v & 0x7f;
-    v >>= 7;
-    u8(b | (v ? 0x80 : 0));
-  } while (v);
-}
 void Out::sleb(int64_t v) {
   for (;;) {
     uint8_t b = v & 0x7f;
@@ -101,12 +87,11 @@ void find_breaks() {
 
 } // namespace
 
-std::vector<Piece> map_range(uint64_t lo, uint64_t hi) {
-  std::vector<Piece> out;
+void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   if (hi <= lo) {
     uint64_t n = map_byte(lo);
-    out.push_back({lo, lo, n, n});
-    return out;
+    out->push_back({lo, lo, n, n});
+    return;
   }
   // Only where a word of .text meets another word can the code have come
   // apart.
@@ -118,12 +103,11 @@ std::vector<Piece> map_range(uint64_t lo, uint64_t hi) {
   uint64_t w = std::max(lo & ~uint64_t(3), bin.text_lo >= 4 ? bin.text_lo - 4 : 0);
   uint64_t stop = std::min(last, text_end);
   for (auto b = std::lower_bound(breaks.at.begin(), breaks.at.end(), w); b != breaks.at.end() && *b < stop; ++b) {
-    out.push_back({start, *b + 4, new_start, map_byte(*b) + 4});
+    out->push_back({start, *b + 4, new_start, map_byte(*b) + 4});
     start = *b + 4;
     new_start = map_byte(*b + 4);
   }
-  out.push_back({start, hi, new_start, map_byte(hi - 1) + 1});
-  return out;
+  out->push_back({start, hi, new_start, map_byte(hi - 1) + 1});
 }
 
 } // namespace dwarf_update
@@ -427,37 +411,44 @@ struct Die {
 struct Entry {
   bool is_default = false; // DW_LLE_default_location: no range
   uint64_t lo = 0, hi = 0;
-  std::vector<uint8_t> expr;
+  size_t expr_at = 0, expr_size = 0; // the expression, in the list's pool
   bool has_view = false; // a DW_LLE_GNU_view_pair came before it
   uint64_t vbegin = 0, vend = 0;
 };
 
-// Reads the list at c.pos up to its end entry.  Offsets count from base
-// (the unit's), until a base address entry gives another.
-std::vector<Entry> read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint64_t base) {
-  std::vector<Entry> out;
+// Reads the list at c.pos up to its end entry into out, the expressions
+// of its entries into pool (both emptied first; kept from list to list so
+// that reading costs no allocation).  Offsets count from base (the
+// unit's), until a base address entry gives another.
+void read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint64_t base, std::vector<Entry> *entries,
+               std::vector<uint8_t> *pool) {
+  std::vector<Entry> &out = *entries;
+  out.clear();
+  pool->clear();
+  auto take_expr = [&](Entry &e, uint64_t n) {
+    c.need(n);
+    e.expr_at = pool->size(), e.expr_size = n;
+    pool->insert(pool->end(), c.here(), c.here() + n);
+    c.pos += n;
+  };
   uint64_t max_addr = addr_size == 4 ? 0xffffffffu : ~uint64_t(0);
   Entry e;
   for (;;) {
     if (!v5) {
       uint64_t a = c.sized(addr_size), b = c.sized(addr_size);
       if (a == 0 && b == 0)
-        return out;
+        return;
       if (a == max_addr) {
         base = b;
         continue;
       }
       e.lo = a + base, e.hi = b + base;
-      if (loc) {
-        uint64_t n = c.u16();
-        c.need(n);
-        e.expr.assign(c.here(), c.here() + n);
-        c.pos += n;
-      }
+      if (loc)
+        take_expr(e, c.u16());
     } else {
       uint8_t kind = c.u8();
       if (kind == DW_LLE_end_of_list)
-        return out;
+        return;
       if (loc && kind == kLleGnuViewPair) {
         e.has_view = true;
         e.vbegin = c.uleb();
@@ -482,18 +473,14 @@ std::vector<Entry> read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint
               "does not know), which vesk cannot carry over to the new layout",
               option.program, c.section(), c.pos - 1, unsigned(kind));
       }
-      if (loc) {
-        uint64_t n = c.uleb();
-        c.need(n);
-        e.expr.assign(c.here(), c.here() + n);
-        c.pos += n;
-      }
+      if (loc)
+        take_expr(e, c.uleb());
     }
     if (addr_size == 4)
       e.lo = uint32_t(e.lo), e.hi = uint32_t(e.hi);
     if (e.hi < e.lo)
       c.fail("a list entry that ends before it starts");
-    out.push_back(std::move(e));
+    out.push_back(e);
     e = Entry{};
   }
 }
@@ -522,9 +509,16 @@ private:
   const AbbrevTable &abbrev_table(uint64_t offset);
   void walk_unit(size_t u);
   void rewrite_lists(bool is_loc, bool v5);
-  void write_list(Out &o, std::vector<Entry> &entries, bool is_loc, bool v5, const Unit &u,
-                  const std::vector<std::pair<uint64_t, uint64_t>> *views, const char *section, size_t where,
-                  uint64_t *list_at);
+  void write_list(Out &o, const std::vector<Entry> &entries, std::vector<uint8_t> &pool, bool is_loc, bool v5,
+                  const Unit &u, const std::vector<std::pair<uint64_t, uint64_t>> *views, const char *section,
+                  size_t where, uint64_t *list_at);
+  // Kept from one list or entry to the next: the pieces of a range, a
+  // list's entries, their expressions, pieces and view pairs.
+  std::vector<Piece> scratch_pieces, list_pieces;
+  std::vector<size_t> piece_at;
+  std::vector<Entry> list_entries;
+  std::vector<uint8_t> list_exprs;
+  std::vector<std::pair<uint64_t, uint64_t>> list_views;
   void rewrite_line();
   void rewrite_aranges();
   void write_abbrevs();
@@ -744,7 +738,9 @@ void DwarfUpdate::walk_unit(size_t ui) {
         hi = uint32_t(hi);
       if (hi < lo)
         error("%s: section %s: the entry at offset %#zx ends before it starts", option.program, s.name, die_pos);
-      std::vector<Piece> pieces = map_range(lo, hi);
+      std::vector<Piece> &pieces = scratch_pieces;
+      pieces.clear();
+      map_range(lo, hi, &pieces);
       if (pieces.size() == 1) {
         put(low->field, pieces[0].new_lo);
         if (high)
@@ -770,22 +766,30 @@ void DwarfUpdate::walk_unit(size_t ui) {
 // address, split into the pieces of its code.  When the list has a view
 // list, that goes in front, one pair per piece; *list_at gets the offset of
 // the list itself.
-void DwarfUpdate::write_list(Out &o, std::vector<Entry> &entries, bool is_loc, bool v5, const Unit &u,
-                             const std::vector<std::pair<uint64_t, uint64_t>> *views, const char *section,
-                             size_t where, uint64_t *list_at) {
-  std::vector<std::vector<Piece>> pieces(entries.size());
+void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vector<uint8_t> &pool, bool is_loc,
+                             bool v5, const Unit &u, const std::vector<std::pair<uint64_t, uint64_t>> *views,
+                             const char *section, size_t where, uint64_t *list_at) {
+  // The pieces of entry i are list_pieces[piece_at[i], piece_at[i + 1]).
+  list_pieces.clear();
+  piece_at.assign(1, 0);
   size_t ranges = 0;
   bool any = false;
-  for (size_t i = 0; i < entries.size(); ++i) {
-    Entry &e = entries[i];
-    if (!e.expr.empty())
-      patch_expression(e.expr.data(), e.expr.size(), u.addr_size, u.offset_size, u.version, section, where);
-    if (e.is_default)
-      continue;
-    ++ranges;
-    for (const Piece &p : map_range(e.lo, e.hi))
-      if (p.new_hi > p.new_lo)
-        pieces[i].push_back(p), any = true;
+  for (const Entry &e : entries) {
+    if (e.expr_size != 0)
+      patch_expression(pool.data() + e.expr_at, e.expr_size, u.addr_size, u.offset_size, u.version, section, where);
+    if (!e.is_default) {
+      ++ranges;
+      size_t from = list_pieces.size();
+      map_range(e.lo, e.hi, &list_pieces);
+      // Pieces without code are dropped.
+      size_t to = from;
+      for (size_t k = from; k < list_pieces.size(); ++k)
+        if (list_pieces[k].new_hi > list_pieces[k].new_lo)
+          list_pieces[to++] = list_pieces[k];
+      list_pieces.resize(to);
+      any = any || to > from;
+    }
+    piece_at.push_back(list_pieces.size());
   }
   if (views != nullptr) {
     if (views->size() != ranges)
@@ -796,8 +800,9 @@ void DwarfUpdate::write_list(Out &o, std::vector<Entry> &entries, bool is_loc, b
       if (entries[i].is_default)
         continue;
       const auto &v = (*views)[k++];
-      for (size_t j = 0; j < pieces[i].size(); ++j)
-        o.uleb(j == 0 ? v.first : 0), o.uleb(j + 1 == pieces[i].size() ? v.second : 0);
+      size_t n = piece_at[i + 1] - piece_at[i];
+      for (size_t j = 0; j < n; ++j)
+        o.uleb(j == 0 ? v.first : 0), o.uleb(j + 1 == n ? v.second : 0);
     }
   }
   *list_at = o.size();
@@ -806,27 +811,29 @@ void DwarfUpdate::write_list(Out &o, std::vector<Entry> &entries, bool is_loc, b
     o.sized(as == 4 ? 0xffffffffu : ~uint64_t(0), as), o.sized(0, as); // base address 0
   for (size_t i = 0; i < entries.size(); ++i) {
     const Entry &e = entries[i];
+    const uint8_t *expr = pool.data() + e.expr_at;
     if (e.is_default) {
-      o.u8(DW_LLE_default_location), o.uleb(e.expr.size()), o.bytes(e.expr.data(), e.expr.size());
+      o.u8(DW_LLE_default_location), o.uleb(e.expr_size), o.bytes(expr, e.expr_size);
       continue;
     }
-    for (size_t j = 0; j < pieces[i].size(); ++j) {
-      const Piece &p = pieces[i][j];
+    size_t n = piece_at[i + 1] - piece_at[i];
+    for (size_t j = 0; j < n; ++j) {
+      const Piece &p = list_pieces[piece_at[i] + j];
       if (v5) {
         if (e.has_view)
-          o.u8(kLleGnuViewPair), o.uleb(j == 0 ? e.vbegin : 0), o.uleb(j + 1 == pieces[i].size() ? e.vend : 0);
+          o.u8(kLleGnuViewPair), o.uleb(j == 0 ? e.vbegin : 0), o.uleb(j + 1 == n ? e.vend : 0);
         o.u8(is_loc ? DW_LLE_start_length : DW_RLE_start_length);
         o.sized(p.new_lo, as);
         o.uleb(p.new_hi - p.new_lo);
         if (is_loc)
-          o.uleb(e.expr.size()), o.bytes(e.expr.data(), e.expr.size());
+          o.uleb(e.expr_size), o.bytes(expr, e.expr_size);
       } else {
         o.sized(p.new_lo, as), o.sized(p.new_hi, as);
         if (is_loc) {
-          if (e.expr.size() > 0xffff)
+          if (e.expr_size > 0xffff)
             error("%s: section %s: a location expression at offset %#zx is too long", option.program, section,
                   where);
-          o.u16(e.expr.size()), o.bytes(e.expr.data(), e.expr.size());
+          o.u16(e.expr_size), o.bytes(expr, e.expr_size);
         }
       }
     }
@@ -957,7 +964,8 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
       error("%s: section %s: a list at offset %#llx lies past the end of its table", option.program, name,
             (unsigned long long)b.list);
     Cur c(s.in, end, name);
-    std::vector<std::pair<uint64_t, uint64_t>> views;
+    std::vector<std::pair<uint64_t, uint64_t>> &views = list_views;
+    views.clear();
     c.pos = size_t(b.start);
     while (c.pos < b.list) {
       uint64_t vb = c.uleb();
@@ -965,11 +973,12 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     }
     if (c.pos != b.list)
       c.fail("location views that run into their list");
-    std::vector<Entry> entries = read_list(c, is_loc, v5, u.addr_size, u.base);
+    read_list(c, is_loc, v5, u.addr_size, u.base, &list_entries, &list_exprs);
     if (b.has_views)
       moved_views[b.start] = o.size();
     uint64_t at = 0;
-    write_list(o, entries, is_loc, v5, u, b.has_views ? &views : nullptr, name, size_t(b.list), &at);
+    write_list(o, list_entries, list_exprs, is_loc, v5, u, b.has_views ? &views : nullptr, name, size_t(b.list),
+               &at);
     moved[b.list] = at;
   }
   // The range lists of the entries whose code came apart (in a table of
@@ -982,11 +991,12 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
       t->addr_size = u.addr_size, t->offset_size = u.offset_size;
       open_table(t);
     }
-    std::vector<Entry> entries;
+    list_entries.clear();
+    list_exprs.clear();
     for (const Piece &p : cv->pieces)
-      entries.push_back(Entry{false, p.old_lo, p.old_hi, {}, false, 0, 0});
+      list_entries.push_back(Entry{false, p.old_lo, p.old_hi, 0, 0, false, 0, 0});
     uint64_t at = 0;
-    write_list(o, entries, false, v5, u, nullptr, name, cv->die, &at);
+    write_list(o, list_entries, list_exprs, false, v5, u, nullptr, name, cv->die, &at);
     cv->list_offset = at;
   }
   close_table();
@@ -1057,7 +1067,9 @@ void DwarfUpdate::rewrite_aranges() {
       if (a == 0 && n == 0)
         break;
       uint64_t hi = as == 4 ? uint32_t(a + n) : a + n;
-      for (const Piece &p : map_range(a, hi < a ? a : hi))
+      scratch_pieces.clear();
+      map_range(a, hi < a ? a : hi, &scratch_pieces);
+      for (const Piece &p : scratch_pieces)
         if (p.new_hi > p.new_lo)
           pieces.emplace_back(p.new_lo, p.new_hi);
     }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <utility>
 #include <vector>
 
 namespace vesk {
@@ -32,23 +33,45 @@ struct Piece {
 
 // The new address of the byte at old address a (outside .text: a).
 uint64_t map_byte(uint64_t a);
-// The new pieces of old [lo, hi), in old order; an empty range gives one
-// empty piece.
-std::vector<Piece> map_range(uint64_t lo, uint64_t hi);
+// Appends the new pieces of old [lo, hi) to out, in old order; an empty
+// range gives one empty piece.  Callers keep out from one range to the
+// next, so that the many small ranges of a program cost no allocation.
+void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out);
 
 // Growing big-endian output.
 struct Out {
   std::vector<uint8_t> b;
   size_t size() const { return b.size(); }
   void u8(uint64_t v) { b.push_back(uint8_t(v)); }
-  void u16(uint64_t v);
-  void u32(uint64_t v);
-  void u64(uint64_t v);
-  void sized(uint64_t v, unsigned n); // 1, 2, 4 or 8 bytes
-  void uleb(uint64_t v);
+  void u16(uint64_t v) { u8(v >> 8), u8(v); }
+  void u32(uint64_t v) { u16(v >> 16), u16(v); }
+  void u64(uint64_t v) { u32(v >> 32), u32(v); }
+  void sized(uint64_t v, unsigned n) { // 1, 2, 4 or 8 bytes
+    for (unsigned i = n; i-- > 0;)
+      u8(i < 8 ? v >> (8 * i) : 0);
+  }
+  void uleb(uint64_t v) {
+    do {
+      uint8_t x = v & 0x7f;
+      v >>= 7;
+      u8(x | (v ? 0x80 : 0));
+    } while (v);
+  }
   void sleb(int64_t v);
   void bytes(const uint8_t *p, size_t n) { b.insert(b.end(), p, p + n); }
 };
+
+// A row of a line program, as a reader of addresses needs it.
+struct LineRow {
+  uint64_t addr, file, line;
+  bool end_sequence;
+};
+
+// The rows of every line program of .debug_line (in, size bytes), in
+// table order, each program's with its offset.  A damaged program ends
+// the run.
+std::vector<std::pair<uint64_t, std::vector<LineRow>>> read_line_rows(const uint8_t *in, size_t size,
+                                                                      unsigned addr_size);
 
 // The line programs of .debug_line (in, size bytes) rewritten for the new
 // layout: every sequence re-based, split where its code moved apart.

@@ -31,42 +31,6 @@ void SectionCursor::fail(const char *what) const {
   error("%s: section %s is damaged: %s at offset %#zx", option.program, section_, what, pos);
 }
 
-void SectionCursor::need(size_t n) const {
-  if (pos > size_ || n > size_ - pos)
-    fail("a record runs past the end of the section");
-}
-
-uint8_t SectionCursor::u8() {
-  need(1);
-  return buf_[pos++];
-}
-uint16_t SectionCursor::u16() {
-  need(2);
-  pos += 2;
-  return load16(buf_ + pos - 2);
-}
-uint32_t SectionCursor::u32() {
-  need(4);
-  pos += 4;
-  return load32(buf_ + pos - 4);
-}
-uint64_t SectionCursor::u64() {
-  need(8);
-  pos += 8;
-  return load64(buf_ + pos - 8);
-}
-
-uint64_t SectionCursor::uleb() {
-  uint64_t v = 0;
-  for (unsigned shift = 0;; shift += 7) {
-    uint8_t b = u8();
-    if (shift < 64)
-      v |= uint64_t(b & 0x7f) << shift;
-    if ((b & 0x80) == 0)
-      return v;
-  }
-}
-
 int64_t SectionCursor::sleb() {
   uint64_t v = 0;
   unsigned shift = 0;

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/bytes.h"
+
 namespace vesk {
 
 // DW_EH_PE_* pointer encodings: the low four bits say how the value is
@@ -44,13 +46,42 @@ public:
   uint64_t addr() const { return addr_; }
   const char *section() const { return section_; }
   [[noreturn]] void fail(const char *what) const;
-  void need(size_t n) const;
+  // The readers are inline: the DWARF and unwind passes call them for
+  // every field of every record.
+  void need(size_t n) const {
+    if (pos > size_ || n > size_ - pos)
+      fail("a record runs past the end of the section");
+  }
   void skip(size_t n) { need(n), pos += n; }
-  uint8_t u8();
-  uint16_t u16();
-  uint32_t u32();
-  uint64_t u64();
-  uint64_t uleb();
+  uint8_t u8() {
+    need(1);
+    return buf_[pos++];
+  }
+  uint16_t u16() {
+    need(2);
+    pos += 2;
+    return load16(buf_ + pos - 2);
+  }
+  uint32_t u32() {
+    need(4);
+    pos += 4;
+    return load32(buf_ + pos - 4);
+  }
+  uint64_t u64() {
+    need(8);
+    pos += 8;
+    return load64(buf_ + pos - 8);
+  }
+  uint64_t uleb() {
+    uint64_t v = 0;
+    for (unsigned shift = 0;; shift += 7) {
+      uint8_t b = u8();
+      if (shift < 64)
+        v |= uint64_t(b & 0x7f) << shift;
+      if ((b & 0x80) == 0)
+        return v;
+    }
+  }
   int64_t sleb();
   // An encoded pointer; pc-relative values count from the field's
   // address, data-relative ones from data_base, function-relative ones

@@ -25,15 +25,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dwarf.h>
 #include <fcntl.h>
+#include <map>
 #include <memory>
 #include <gelf.h>
-#include <libdwarf.h>
+#include <elfutils/libdw.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "base/diag.h"
+#include "com/dwarf_update.h"
 #include "xlate/xlate.h"
 
 namespace {
@@ -115,36 +118,58 @@ public:
 
   // Every row of every unit's line table, by address.  An executable
   // without DWARF has none.
-  void read_lines() {
-    Dwarf_Debug dbg = nullptr;
-    Dwarf_Error err = nullptr;
-    // The executables vesk reads keep their relocations (-Wl,-q); the
-    // addresses in the DWARF are final already and must not be relocated
-    // again.
-    dwarf_set_reloc_application(0);
-    if (dwarf_elf_init(elf_, DW_DLC_READ, nullptr, nullptr, &dbg, &err) != DW_DLV_OK)
-      return;
-    Dwarf_Unsigned header_length = 0, abbrev_offset = 0, next = 0;
-    Dwarf_Half version = 0, address_size = 0;
-    while (dwarf_next_cu_header(dbg, &header_length, &version, &abbrev_offset, &address_size, &next, &err) ==
-           DW_DLV_OK) {
-      Dwarf_Die cu = nullptr;
-      if (dwarf_siblingof(dbg, nullptr, &cu, &err) != DW_DLV_OK)
-        break;
-      Dwarf_Unsigned line_version = 0;
-      Dwarf_Small table_count = 0;
-      Dwarf_Line_Context context = nullptr;
-      if (dwarf_srclines_b(cu, &line_version, &table_count, &context, &err) == DW_DLV_OK) {
-        Dwarf_Line *lines = nullptr;
-        Dwarf_Signed count = 0;
-        if (dwarf_srclines_from_linecontext(context, &lines, &count, &err) == DW_DLV_OK)
-          for (Dwarf_Signed i = 0; i < count; ++i)
-            add_row(dbg, lines[i]);
-        dwarf_srclines_dealloc_b(context);
-      }
-      dwarf_dealloc(dbg, cu, DW_DLA_DIE);
+  // The raw contents of the section called name, or empty.
+  std::vector<uint8_t> section_named(const char *name) const {
+    size_t strndx = 0;
+    if (elf_getshdrstrndx(elf_, &strndx) != 0)
+      return {};
+    for (Elf_Scn *s = elf_nextscn(elf_, nullptr); s != nullptr; s = elf_nextscn(elf_, s)) {
+      GElf_Shdr sh;
+      const char *n = gelf_getshdr(s, &sh) ? elf_strptr(elf_, strndx, sh.sh_name) : nullptr;
+      if (n == nullptr || std::strcmp(n, name) != 0 || sh.sh_type == SHT_NOBITS)
+        continue;
+      Elf_Data *d = elf_rawdata(s, nullptr);
+      const uint8_t *p = d ? static_cast<const uint8_t *>(d->d_buf) : nullptr;
+      return std::vector<uint8_t>(p, p + (p ? d->d_size : 0));
     }
-    dwarf_finish(dbg, &err);
+    return {};
+  }
+
+  // Every row of every unit's line table, in table order.  The rows come
+  // from vesk's own reader of .debug_line: the DWARF library hands them out
+  // sorted by address, which mixes a row at the end of one sequence into
+  // the next; the file names come from the library.  An executable without
+  // DWARF has none.
+  void read_lines() {
+    std::vector<uint8_t> line = section_named(".debug_line");
+    Dwarf *dw = line.empty() ? nullptr : dwarf_begin_elf(elf_, DWARF_C_READ, nullptr);
+    if (dw == nullptr)
+      return;
+    unsigned addr_size = gelf_getclass(elf_) == ELFCLASS64 ? 8 : 4;
+    std::map<uint64_t, std::vector<vesk::dwarf_update::LineRow>> programs;
+    for (auto &[offset, rows] : vesk::dwarf_update::read_line_rows(line.data(), line.size(), addr_size))
+      programs.emplace(offset, std::move(rows));
+    Dwarf_Off at = 0, next = 0;
+    size_t header_size = 0;
+    while (dwarf_nextcu(dw, at, &next, &header_size, nullptr, nullptr, nullptr) == 0) {
+      Dwarf_Die cu;
+      Dwarf_Attribute a;
+      Dwarf_Word offset = 0;
+      Dwarf_Files *files = nullptr;
+      size_t file_count = 0;
+      if (dwarf_offdie(dw, at + header_size, &cu) != nullptr && dwarf_attr(&cu, DW_AT_stmt_list, &a) != nullptr &&
+          dwarf_formudata(&a, &offset) == 0 && programs.count(offset) != 0 &&
+          dwarf_getsrcfiles(&cu, &files, &file_count) == 0) {
+        const char *dir = dwarf_attr(&cu, DW_AT_comp_dir, &a) ? dwarf_formstring(&a) : nullptr;
+        for (const vesk::dwarf_update::LineRow &r : programs[offset]) {
+          const char *name = r.file < file_count ? dwarf_filesrc(files, r.file, nullptr, nullptr) : nullptr;
+          std::string file = name == nullptr ? "??" : name[0] == '/' || dir == nullptr ? name : std::string(dir) + "/" + name;
+          rows_.push_back({r.addr, unsigned(r.line), r.end_sequence, file});
+        }
+      }
+      at = next;
+    }
+    dwarf_end(dw);
     for (size_t i = 0, first = 0; i < rows_.size(); ++i)
       if (rows_[i].end_sequence) {
         if (i > first && rows_[first].addr <= rows_[i].addr)
@@ -200,22 +225,6 @@ private:
   };
   std::vector<Sequence> sequences_;
 
-  void add_row(Dwarf_Debug dbg, Dwarf_Line line) {
-    Dwarf_Error err = nullptr;
-    Dwarf_Addr addr = 0;
-    Dwarf_Unsigned lineno = 0;
-    Dwarf_Bool end = 0;
-    char *src = nullptr;
-    if (dwarf_lineaddr(line, &addr, &err) != DW_DLV_OK || dwarf_lineno(line, &lineno, &err) != DW_DLV_OK ||
-        dwarf_lineendsequence(line, &end, &err) != DW_DLV_OK)
-      return;
-    std::string file = "??";
-    if (dwarf_linesrc(line, &src, &err) == DW_DLV_OK) {
-      file = src;
-      dwarf_dealloc(dbg, src, DW_DLA_STRING);
-    }
-    rows_.push_back({addr, unsigned(lineno), end != 0, file});
-  }
 };
 
 bool parse_address(const char *s, uint64_t *out) {
