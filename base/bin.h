@@ -29,8 +29,11 @@ struct Bin {
   uint64_t exec_lo = 0;    // lowest start of an executable section
   uint64_t stubs_lo = 0;   // .MIPS.stubs, lowered to text_lo
   uint64_t entry = 0;      // e_entry
-  uint64_t *text_map = nullptr; // new address of every input .text word
-  std::vector<uint64_t> text_map_store; // what text_map points to during a run
+  // Where every input .text word went: the index of its word in the new
+  // text (4 bytes a word where an address would take 8; the map is as
+  // large as .text itself).
+  uint32_t *text_map = nullptr;
+  std::vector<uint32_t> text_map_store; // what text_map points to during a run
   uint32_t text_words = 0; // 4-byte words in .text
   const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
   uint32_t gp_value = 0;
@@ -111,6 +114,8 @@ inline bool in_text(uint64_t a) {
 }
 inline bool is_o32() { return bin.is_elf32 == 1 && bin.is_n32 == 0; }
 // The new address of an old .text address (caller checks in_text).
-inline uint64_t text_map_of(uint64_t a) { return bin.text_map[(a - bin.text_lo) >> 2]; }
+inline uint64_t text_map_of(uint64_t a) { return bin.text_lo + 4 * uint64_t(bin.text_map[(a - bin.text_lo) >> 2]); }
+// The new address of input .text word k.
+inline uint64_t text_map_word(uint64_t k) { return bin.text_lo + 4 * uint64_t(bin.text_map[k]); }
 
 } // namespace vesk

@@ -69,7 +69,7 @@ namespace {
 // front of .text to its last one.  Found once per layout: the ranges of
 // units, scopes and line sequences ask about the same words many times.
 struct Breaks {
-  const uint64_t *map = nullptr;
+  const uint32_t *map = nullptr;
   uint64_t words = 0;
   std::vector<uint64_t> at;
 };

@@ -30,7 +30,7 @@ bool map_text_address(uint64_t a, uint64_t *new_addr) {
   uint64_t k = (a - bin.text_lo) >> 2;
   if (k >= bin.text_words)
     return false; // the partial word at the end of an odd-sized .text
-  *new_addr = bin.text_map[k];
+  *new_addr = text_map_word(k);
   return true;
 }
 
@@ -103,20 +103,27 @@ void update_gp_ranges() {
       out.push_back({r.lo, lo, r.gp});
     if (hi < r.hi)
       out.push_back({hi, r.hi, r.gp});
+    // The words of the stretch, read straight from the text map: a run
+    // ends where the next word no longer follows in the new layout.
     bool open = false;
     Bin::GpRange run{0, 0, r.gp};
-    for (uint64_t a = lo & ~uint64_t(3); a < hi; a += 4) {
-      uint64_t moved = a;
-      map_text_address(a, &moved);
+    auto add_word = [&](uint64_t moved) {
       if (open && moved == run.hi) {
         run.hi += 4;
-        continue;
+        return;
       }
       if (open)
         out.push_back(run);
       run = {moved, moved + 4, r.gp};
       open = true;
-    }
+    };
+    uint64_t first = ((lo & ~uint64_t(3)) - bin.text_lo) >> 2;
+    uint64_t words = std::min<uint64_t>(bin.text_words, (hi - bin.text_lo + 3) >> 2);
+    for (uint64_t k = first; k < words; ++k)
+      add_word(bin.text_map != nullptr ? text_map_word(k) : bin.text_lo + 4 * k);
+    // The partial word at the end of an odd-sized .text stays.
+    for (uint64_t a = bin.text_lo + 4 * std::max(first, words); a < hi; a += 4)
+      add_word(a);
     if (open)
       out.push_back(run);
   }

@@ -110,8 +110,8 @@ struct NewToOld {
   std::vector<uint32_t> old_word;
   NewToOld() : old_word(bin.text_words, none) {
     for (uint32_t k = 0; k < bin.text_words; ++k) {
-      uint64_t j = (bin.text_map[k] - bin.text_lo) / 4;
-      if (bin.text_map[k] >= bin.text_lo && j < bin.text_words)
+      uint64_t j = bin.text_map[k];
+      if (j < bin.text_words)
         old_word[j] = k;
     }
   }

@@ -47,7 +47,7 @@ void load_input(const std::string &path, const std::string &output) {
   StepResult r = run_step(read_input); // the reader without procedure discovery
   ASSERT_EQ(r.status, 0) << path << ": " << r.err;
   bin.out_fd = open(option.output, O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  bin.text_map = static_cast<uint64_t *>(std::calloc(bin.text_words + 1, sizeof(uint64_t)));
+  bin.text_map = static_cast<uint32_t *>(std::calloc(bin.text_words + 1, sizeof(uint32_t)));
   duplicate_elf();
 }
 
@@ -71,7 +71,7 @@ void lay_out(const std::vector<TextBlock> &order) {
     uint64_t first = (b.first - bin.text_lo) / 4;
     for (uint64_t k = 0; k < b.second / 4; ++k) {
       set_word_at(bin.new_text, bin.new_text_fill, word_at(bin.text_buf, first + k));
-      bin.text_map[first + k] = bin.text_lo + 4 * uint64_t(bin.new_text_fill++);
+      bin.text_map[first + k] = bin.new_text_fill++;
     }
   }
   if (bin.new_text_fill != bin.text_words)
@@ -111,7 +111,9 @@ template <class Arrange> std::string rewrite(const std::string &exe, Arrange arr
   lay_out(arrange(text_blocks(exe)));
   layout->lo = bin.text_lo;
   layout->hi = bin.text_hi;
-  layout->map.assign(bin.text_map, bin.text_map + bin.text_words);
+  layout->map.clear();
+  for (uint64_t k = 0; k < bin.text_words; ++k)
+    layout->map.push_back(text_map_word(k));
   testing::internal::CaptureStderr();
   update_elf_header();
   update_dynamic();

@@ -24,7 +24,7 @@ using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
 // name a table of descriptors with the given first words; it is loaded
 // into bin with the text reversed word by word.
 struct RptImage {
-  std::vector<uint64_t> map;
+  std::vector<uint32_t> map;
   std::string path = temp_path("rpt");
   Elf *elf = nullptr;
 
@@ -67,7 +67,7 @@ struct RptImage {
     bin.text_hi = TEXT + 32;
     bin.text_words = 8;
     for (uint32_t i = 0; i < 8; ++i)
-      map.push_back(TEXT + 28 - 4 * i);
+      map.push_back(7 - i);
     bin.text_map = map.data();
   }
   ~RptImage() { unlink(path.c_str()); }

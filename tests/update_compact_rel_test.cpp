@@ -36,7 +36,7 @@ struct Image {
   std::vector<CompactRelEntry> entries;
 
   std::vector<uint8_t> old_text_bytes, new_text_bytes, got_bytes;
-  std::vector<uint64_t> map;
+  std::vector<uint32_t> map;
   Elf *elf = nullptr;
   int fd = -1;
 
@@ -72,7 +72,7 @@ struct Image {
     bin.text_buf = old_text_bytes.data();
     // B moves to the front, A behind it; new_text holds the moved words.
     for (uint32_t i = 0; i < 8; ++i)
-      map.push_back(TEXT + 4 * ((i + 4) % 8));
+      map.push_back((i + 4) % 8);
     bin.text_map = map.data();
     std::rotate_copy(old_text_bytes.begin(), old_text_bytes.begin() + 16, old_text_bytes.end(),
                      std::back_inserter(new_text_bytes));

@@ -46,9 +46,9 @@ struct Layout {
         ++j;
       std::memset(&done[i], 1, j - i);
       std::memcpy(bin.new_text + 4 * uint64_t(bin.new_text_fill), bin.text_buf + 4 * i, 4 * (j - i));
-      uint64_t to = bin.text_lo + 4 * uint64_t(bin.new_text_fill);
-      for (uint64_t k = i; k < j; ++k, to += 4)
-        bin.text_map[k] = to;
+      uint32_t to = bin.new_text_fill;
+      for (uint64_t k = i; k < j; ++k)
+        bin.text_map[k] = to++;
       bin.new_text_fill += uint32_t(j - i);
       i = j;
     }
@@ -125,8 +125,8 @@ void page_statistics() {
     TextSpan span = text_span(p);
     if (span.size() == 0)
       continue;
-    uint64_t new_first = bin.text_map[span.first] / PAGE - base;
-    uint64_t new_last = bin.text_map[span.end - 1] / PAGE - base;
+    uint64_t new_first = text_map_word(span.first) / PAGE - base;
+    uint64_t new_last = text_map_word(span.end - 1) / PAGE - base;
     if (new_last < n_pages)
       new_pages.mark(new_first, new_last);
   }
@@ -152,7 +152,7 @@ void dump_address_mapping() {
       dump("[%d] %20s old(%#llx) not changed", i, name_of(p), (unsigned long long)p->old_addr);
       continue;
     }
-    uint64_t n = bin.text_map[*start];
+    uint64_t n = text_map_word(*start);
     dump("[%d] %20s old(%#llx) new(%#llx - %#llx)", i, name_of(p), (unsigned long long)p->old_addr,
          (unsigned long long)n, (unsigned long long)(n + p->size));
   }
@@ -179,7 +179,7 @@ void refuse_unrepairable_moves() {
     return;
   uint64_t moved = 0, first = 0;
   for (uint64_t i = 0; i < bin.text_words; ++i)
-    if (bin.text_map[i] != bin.text_lo + 4 * i && moved++ == 0)
+    if (bin.text_map[i] != i && moved++ == 0)
       first = bin.text_lo + 4 * i;
   if (moved == 0)
     return;
