@@ -143,8 +143,8 @@ public:
             pending_gp.push_back(h);
           } else {
             his_.push_back(h);
-            hi_at_[h.offset] = his_.size() - 1;
-            his_of_sym_[h.sym].push_back(his_.size() - 1);
+            hi_at_.push_back({h.offset, his_.size() - 1});
+            his_of_sym_.push_back({h.sym, his_.size() - 1});
             pending.push_back(his_.size() - 1);
           }
         }
@@ -157,7 +157,7 @@ public:
         if (code) {
           unrelax(checked(r.r_offset));
           if (sym < im_.symbols.size() && im_.symbols[sym].st_shndx != SHN_UNDEF)
-            call_target_[r.r_offset] = im_.symbols[sym].st_value;
+            call_target_.push_back({r.r_offset, uint32_t(im_.symbols[sym].st_value)});
         }
         break;
       default: break;
@@ -166,23 +166,30 @@ public:
   }
 
   Description finish() {
+    index_his();
     gp_relative_words();
     // The address every %lo serves, and which %hi feed it.
     std::vector<std::optional<uint32_t>> lo_formed(los_.size());
     for (size_t i = 0; i < los_.size(); ++i)
       lo_formed[i] = serve(i);
+    // Each %hi's users together, the %hi in order, each one's users in
+    // the order they were found.
+    std::stable_sort(users_.begin(), users_.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
     // A %hi that the table paired with no %lo serves what its users serve.
-    for (const auto &[h, users] : users_) {
+    for_each_users([&](size_t h, const std::pair<size_t, size_t> *first, const std::pair<size_t, size_t> *last) {
       Hi &hi = his_[h];
       if (hi.formed)
-        continue;
-      std::set<uint32_t> seen;
-      for (size_t u : users)
-        if (lo_formed[u])
-          seen.insert(*lo_formed[u]);
-      if (seen.size() == 1)
-        hi.formed = *seen.begin();
-    }
+        return;
+      std::optional<uint32_t> seen;
+      bool several = false;
+      for (auto *u = first; u != last; ++u)
+        if (lo_formed[u->second]) {
+          several = several || (seen && *seen != *lo_formed[u->second]);
+          seen = *lo_formed[u->second];
+        }
+      if (seen && !several)
+        hi.formed = *seen;
+    });
     check_shared_his(lo_formed);
 
     for (const Hi &h : his_) {
@@ -236,13 +243,52 @@ private:
   const RelSection *rs_ = nullptr;
   std::vector<Function> functions_; // by start address
   std::vector<Hi> his_;
-  std::unordered_map<uint32_t, size_t> hi_at_;
-  std::map<uint32_t, std::vector<size_t>> his_of_sym_;
+  // Lookups by address or symbol come once every relocation is read: these
+  // are filled as pairs and sorted then (index_his), which costs far less
+  // than a node per %hi.
+  std::vector<std::pair<uint32_t, size_t>> hi_at_;      // address -> %hi (the last at an address)
+  std::vector<std::pair<uint32_t, size_t>> his_of_sym_; // symbol -> its %hi, in the order read
   std::vector<Lo> los_;
-  std::vector<bool> got_lo_;                     // the %lo adds to a GOT page
-  std::map<size_t, std::vector<size_t>> users_;  // %hi -> the %lo it feeds
+  std::vector<bool> got_lo_;                          // the %lo adds to a GOT page
+  std::vector<std::pair<size_t, size_t>> users_;      // %hi -> a %lo it feeds
   std::set<uint32_t> got_pages_;
-  std::unordered_map<uint32_t, uint32_t> call_target_; // jalr $25 -> the function its relocation names
+  std::vector<std::pair<uint32_t, uint32_t>> call_target_; // jalr $25 -> the function its relocation names (the last)
+
+  // Sorts the lookups of the %hi and the calls.  Of several entries for
+  // one address the last read counts.
+  void index_his() {
+    auto last_wins = [](auto &v) {
+      std::stable_sort(v.begin(), v.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+      size_t out = 0;
+      for (size_t i = 0; i < v.size(); ++i) {
+        if (i + 1 < v.size() && v[i + 1].first == v[i].first)
+          continue;
+        v[out++] = v[i];
+      }
+      v.resize(out);
+    };
+    last_wins(hi_at_);
+    last_wins(call_target_);
+    std::stable_sort(his_of_sym_.begin(), his_of_sym_.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+  }
+
+  template <class V> static auto find_key(const V &v, uint32_t key) {
+    auto it = std::lower_bound(v.begin(), v.end(), key, [](const auto &e, uint32_t k) { return e.first < k; });
+    return it != v.end() && it->first == key ? &*it : nullptr;
+  }
+
+  // Calls f(h, first, last) for each %hi h with users, over its run of
+  // users_ (sorted by %hi).
+  template <class F> void for_each_users(F f) const {
+    for (size_t i = 0; i < users_.size();) {
+      size_t j = i;
+      while (j < users_.size() && users_[j].first == users_[i].first)
+        ++j;
+      f(users_[i].first, users_.data() + i, users_.data() + j);
+      i = j;
+    }
+  }
   std::vector<std::pair<uint64_t, uint32_t>> patches_;
   std::vector<CompactRelEntry> out_;
 
@@ -260,16 +306,12 @@ private:
   }
 
   void index_functions() {
-    std::map<std::string, size_t> groups;
+    std::unordered_map<std::string_view, size_t> groups;
     for (size_t i = 0; i < im_.symbols.size(); ++i) {
       const GElf_Sym &s = im_.symbols[i];
       if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
         continue;
-      std::string name = im_.symbol_name(uint32_t(i));
-      size_t cold = name.find(".cold");
-      if (cold != std::string::npos)
-        name.resize(cold);
-      size_t g = groups.emplace(name, groups.size()).first->second;
+      size_t g = groups.emplace(function_group_name(im_.symbol_name(uint32_t(i))), groups.size()).first->second;
       functions_.push_back({uint32_t(s.st_value), uint32_t(s.st_value + s.st_size), g});
     }
     std::sort(functions_.begin(), functions_.end(),
@@ -462,8 +504,8 @@ private:
       }
       if (written != int(reg))
         continue;
-      auto h = hi_at_.find(a);
-      if (h != hi_at_.end() && his_[h->second].sym == l.sym)
+      auto h = find_key(hi_at_, a);
+      if (h != nullptr && his_[h->second].sym == l.sym)
         return h->second;
       return std::nullopt;
     }
@@ -474,7 +516,7 @@ private:
   std::optional<uint32_t> serve(size_t i) {
     const Lo &l = los_[i];
     if (auto h = nearest_hi(l)) {
-      users_[*h].push_back(i);
+      users_.push_back({*h, i});
       got_lo_[i] = his_[*h].got;
       return formed(his_[*h], *l.sec, l.offset);
     }
@@ -484,11 +526,13 @@ private:
     const Function *f = function_at(l.offset);
     std::set<uint32_t> addresses;
     std::vector<size_t> feeding;
-    auto of_sym = his_of_sym_.find(l.sym);
-    if (of_sym == his_of_sym_.end())
+    auto of_sym = std::equal_range(his_of_sym_.begin(), his_of_sym_.end(), std::pair<uint32_t, size_t>{l.sym, 0},
+                                   [](const auto &a, const auto &b) { return a.first < b.first; });
+    if (of_sym.first == of_sym.second)
       error("%s: the %%lo at %s refers to code, but no %%hi or GOT page load that feeds it was found; %s", path(),
             im_.where(l.offset).c_str(), KEEP_TOGETHER);
-    for (size_t h : of_sym->second) {
+    for (auto e = of_sym.first; e != of_sym.second; ++e) {
+      size_t h = e->second;
       const Hi &hi = his_[h];
       if (hi.sec != l.sec || !hi.formed)
         continue;
@@ -512,7 +556,7 @@ private:
       std::optional<uint32_t> callee;
       if (mips::rt(word(*l.sec, l.offset)) == 25)
         for (uint32_t a = l.offset + 4; a <= l.offset + 16 && !callee; a += 4)
-          if (auto t = call_target_.find(a); t != call_target_.end())
+          if (auto t = find_key(call_target_, a))
             callee = t->second;
       if (!callee || addresses.count(*callee) == 0)
         error("%s: the %%lo at %s refers to code through one of several %%hi that form different addresses; %s",
@@ -523,7 +567,7 @@ private:
                     feeding.end());
     }
     for (size_t h : feeding)
-      users_[h].push_back(i);
+      users_.push_back({h, i});
     got_lo_[i] = his_[feeding.front()].got;
     return *addresses.begin();
   }
@@ -531,11 +575,12 @@ private:
   // A %hi (or page load) shared by references to different addresses
   // cannot follow them when one of them is code that moves.
   void check_shared_his(const std::vector<std::optional<uint32_t>> &lo_formed) const {
-    for (const auto &[h, users] : users_) {
+    for_each_users([&](size_t h, const std::pair<size_t, size_t> *first, const std::pair<size_t, size_t> *last) {
       const Hi &hi = his_[h];
       if (!hi.formed)
-        continue;
-      for (size_t u : users) {
+        return;
+      for (auto *e = first; e != last; ++e) {
+        size_t u = e->second;
         uint32_t f = lo_formed[u].value_or(*hi.formed);
         if (f == *hi.formed || (!im_.in_text(f) && !im_.in_text(*hi.formed)))
           continue;
@@ -543,7 +588,7 @@ private:
               path(), hi_kind(hi.got), im_.where(hi.offset).c_str(), *hi.formed, f,
               im_.where(los_[u].offset).c_str(), KEEP_TOGETHER);
       }
-    }
+    });
   }
 };
 

@@ -48,24 +48,17 @@ std::vector<Got> got_list(const Image &im) {
   return out;
 }
 
-std::string group_name(std::string name) {
-  size_t cold = name.find(".cold");
-  if (cold != std::string::npos)
-    name.resize(cold);
-  return name;
-}
-
 } // namespace
 
 GpMap::GpMap(const Image &im) : im_(im), gots_(got_list(im)), whole_{0, ~uint32_t(0), im.gp_value, true} {
   if (!multi())
     return;
-  std::map<std::string, size_t> groups;
+  std::unordered_map<std::string_view, size_t> groups;
   for (size_t i = 0; i < im.symbols.size(); ++i) {
     const GElf_Sym &s = im.symbols[i];
     if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
       continue;
-    size_t group = groups.emplace(group_name(im.symbol_names[i]), groups.size()).first->second;
+    size_t group = groups.emplace(function_group_name(im.symbol_names[i]), groups.size()).first->second;
     functions_.push_back({s.st_value, s.st_value + s.st_size, group});
   }
   group_gp_.assign(groups.size(), 0);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <gelf.h>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vesk::annotate {
@@ -69,6 +70,11 @@ struct Image {
   bool dynamically_relocated(uint64_t addr) const;
   const std::string &symbol_name(uint32_t index) const;
 };
+
+// The name of the function that a function symbol is part of: foo for
+// foo, foo.cold and foo.cold.1 (the cold part uses what the hot part
+// loaded).  A view into name.
+inline std::string_view function_group_name(std::string_view name) { return name.substr(0, name.find(".cold")); }
 
 // Reads and checks path; refuses (with a clear error) anything that is not
 // a big-endian MIPS executable with kept relocations.
