@@ -72,6 +72,9 @@ struct Breaks {
   const uint32_t *map = nullptr;
   uint64_t words = 0;
   std::vector<uint64_t> at;
+  // Where the last search ended: the lists and scopes of one function ask
+  // about the same stretch one after another.
+  size_t hint = 0;
 };
 Breaks breaks;
 
@@ -79,6 +82,7 @@ void find_breaks() {
   breaks.map = bin.text_map;
   breaks.words = bin.text_words;
   breaks.at.clear();
+  breaks.hint = 0;
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
   for (uint64_t w = bin.text_lo >= 4 ? bin.text_lo - 4 : 0; w < text_end; w += 4)
     if (map_byte(w + 4) != map_byte(w) + 4)
@@ -102,10 +106,16 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
   uint64_t w = std::max(lo & ~uint64_t(3), bin.text_lo >= 4 ? bin.text_lo - 4 : 0);
   uint64_t stop = std::min(last, text_end);
-  for (auto b = std::lower_bound(breaks.at.begin(), breaks.at.end(), w); b != breaks.at.end() && *b < stop; ++b) {
-    out->push_back({start, *b + 4, new_start, map_byte(*b) + 4});
-    start = *b + 4;
-    new_start = map_byte(*b + 4);
+  // The first break at or behind w.
+  const std::vector<uint64_t> &at = breaks.at;
+  size_t k = breaks.hint;
+  if (k > at.size() || (k > 0 && at[k - 1] >= w) || (k < at.size() && at[k] < w))
+    k = size_t(std::lower_bound(at.begin(), at.end(), w) - at.begin());
+  breaks.hint = k;
+  for (; k < at.size() && at[k] < stop; ++k) {
+    out->push_back({start, at[k] + 4, new_start, map_byte(at[k]) + 4});
+    start = at[k] + 4;
+    new_start = map_byte(at[k] + 4);
   }
   out->push_back({start, hi, new_start, map_byte(hi - 1) + 1});
 }
@@ -334,6 +344,18 @@ struct Abbrev {
 struct AbbrevTable {
   std::map<uint64_t, Abbrev> by_code;
   std::vector<uint64_t> order; // the codes as the table lists them
+  // by_code's entries by code, for the small codes compilers give (the
+  // walk looks one up for every entry).
+  std::vector<const Abbrev *> dense;
+  static constexpr uint64_t kDense = 1 << 16;
+  const Abbrev *find(uint64_t code) const {
+    if (code < dense.size())
+      return dense[code];
+    if (code < kDense)
+      return nullptr;
+    auto it = by_code.find(code);
+    return it == by_code.end() ? nullptr : &it->second;
+  }
 };
 
 struct Unit {
@@ -343,7 +365,18 @@ struct Unit {
   size_t abbrev_field = 0; // where the header holds the abbreviation offset
   uint64_t abbrev_offset = 0;
   uint64_t base = 0; // the unit entry's DW_AT_low_pc, in the input
-  std::map<uint64_t, size_t> code_uses;
+  // How many entries use each abbreviation code: the small codes counted
+  // by index, the others in the map.
+  std::vector<size_t> dense_uses;
+  std::map<uint64_t, size_t> sparse_uses;
+  size_t &code_uses(uint64_t code) {
+    if (code < AbbrevTable::kDense) {
+      if (code >= dense_uses.size())
+        dense_uses.resize(code + 1);
+      return dense_uses[code];
+    }
+    return sparse_uses[code];
+  }
 };
 
 // A section offset that an attribute of the output's .debug_info (or
@@ -405,6 +438,11 @@ struct Die {
   unsigned high_size = 0;
   uint64_t high_value = 0;
   long loc_ref = -1, views_ref = -1;
+  // Ready for the next entry; the vector keeps its storage.
+  void clear() {
+    addrs.clear();
+    have_data_high = false, high_field = nullptr, high_size = 0, high_value = 0, loc_ref = -1, views_ref = -1;
+  }
 };
 
 // One entry of a range or location list.
@@ -515,6 +553,7 @@ private:
   // Kept from one list or entry to the next: the pieces of a range, a
   // list's entries, their expressions, pieces and view pairs.
   std::vector<Piece> scratch_pieces, list_pieces;
+  Die die; // the entry being walked
   std::vector<size_t> piece_at;
   std::vector<Entry> list_entries;
   std::vector<uint8_t> list_exprs;
@@ -592,7 +631,15 @@ const AbbrevTable &DwarfUpdate::abbrev_table(uint64_t offset) {
       c.fail("an abbreviation table that gives one code twice");
     t.order.push_back(a.code);
   }
-  return tables.emplace(offset, std::move(t)).first->second;
+  AbbrevTable &kept = tables.emplace(offset, std::move(t)).first->second;
+  for (const auto &[code, a] : kept.by_code) {
+    if (code >= AbbrevTable::kDense)
+      break;
+    if (code >= kept.dense.size())
+      kept.dense.resize(code + 1);
+    kept.dense[code] = &a;
+  }
+  return kept;
 }
 
 void DwarfUpdate::walk_unit(size_t ui) {
@@ -608,12 +655,13 @@ void DwarfUpdate::walk_unit(size_t ui) {
     size_t code_len = c.pos - die_pos;
     if (code == 0)
       continue; // the end of a list of children, or padding
-    auto it = t.by_code.find(code);
-    if (it == t.by_code.end())
+    const Abbrev *found = t.find(code);
+    if (found == nullptr)
       c.fail("an entry whose abbreviation code its table does not give");
-    const Abbrev &a = it->second;
-    ++u.code_uses[code];
-    Die d;
+    const Abbrev &a = *found;
+    ++u.code_uses(code);
+    Die &d = die;
+    d.clear();
     for (const Spec &spec : a.specs) {
       uint64_t form = spec.form;
       if (form == DW_FORM_indirect) {
@@ -844,19 +892,34 @@ void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vec
     o.sized(0, as), o.sized(0, as);
 }
 
-// The new offsets of lists and view lists, by their old ones.
+// The new offsets of line programs, by their old ones.
 using Moves = std::map<uint64_t, uint64_t>;
 
-void patch_refs(const std::vector<Ref> &refs, const std::vector<Unit> &units, bool v5, const Moves &moved,
+// The new offsets of lists and view lists, by their old ones: pairs
+// sorted by old offset once all are in.  Of two for one offset (view lists
+// that two lists share) the later counts.
+struct ListMoves {
+  std::vector<std::pair<uint64_t, uint64_t>> v;
+  void add(uint64_t from, uint64_t to) { v.push_back({from, to}); }
+  void sort() {
+    std::stable_sort(v.begin(), v.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+  }
+  const uint64_t *find(uint64_t from) const {
+    auto it = std::upper_bound(v.begin(), v.end(), from, [](uint64_t f, const auto &e) { return f < e.first; });
+    return it != v.begin() && std::prev(it)->first == from ? &std::prev(it)->second : nullptr;
+  }
+};
+
+void patch_refs(const std::vector<Ref> &refs, const std::vector<Unit> &units, bool v5, const ListMoves &moved,
                 const char *section, const char *what) {
   for (const Ref &r : refs) {
     if ((units[r.unit].version >= 5) != v5)
       continue;
-    auto it = moved.find(r.value);
-    if (it == moved.end())
+    const uint64_t *to = moved.find(r.value);
+    if (to == nullptr)
       error("%s: section %s: %s at offset %#llx of %s is not where a list begins", option.program,
             units[r.unit].sec->name, what, (unsigned long long)r.value, section);
-    store_sized(r.field, it->second, r.size);
+    store_sized(r.field, *to, r.size);
   }
 }
 
@@ -864,18 +927,32 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   Sec &s = is_loc ? (v5 ? loclists : loc) : (v5 ? rnglists : ranges);
   const char *name = is_loc ? (v5 ? ".debug_loclists" : ".debug_loc") : (v5 ? ".debug_rnglists" : ".debug_ranges");
   const std::vector<Ref> &list_refs = refs[is_loc ? REF_LOC : REF_RANGES];
-  // The lists that units of these versions lead to, each with its unit.
-  std::map<uint64_t, size_t> lists;
-  for (const Ref &r : list_refs) {
-    const Unit &u = units[r.unit];
-    if ((u.version >= 5) != v5)
+  // The lists that units of these versions lead to, each with the unit
+  // of the first reference to it, by offset.  A list that serves units of
+  // different bases is refused, the first such reference named.
+  std::vector<std::pair<uint64_t, size_t>> lists; // offset, reference
+  for (size_t i = 0; i < list_refs.size(); ++i)
+    if ((units[list_refs[i].unit].version >= 5) == v5)
+      lists.push_back({list_refs[i].value, i});
+  std::sort(lists.begin(), lists.end());
+  size_t clash = SIZE_MAX;
+  size_t unique = 0;
+  for (size_t i = 0; i < lists.size(); ++i) {
+    if (i > 0 && lists[i].first == lists[unique - 1].first) {
+      const Unit &first = units[list_refs[lists[unique - 1].second].unit];
+      const Unit &u = units[list_refs[lists[i].second].unit];
+      if (first.base != u.base || first.addr_size != u.addr_size)
+        clash = std::min(clash, lists[i].second);
       continue;
-    auto [it, fresh] = lists.emplace(r.value, r.unit);
-    const Unit &other = units[it->second];
-    if (!fresh && (other.base != u.base || other.addr_size != u.addr_size))
-      error("%s: section %s: the list at offset %#llx serves units of different base addresses", option.program,
-            name, (unsigned long long)r.value);
+    }
+    lists[unique++] = lists[i];
   }
+  lists.resize(unique);
+  if (clash != SIZE_MAX)
+    error("%s: section %s: the list at offset %#llx serves units of different base addresses", option.program, name,
+          (unsigned long long)list_refs[clash].value);
+  for (auto &l : lists)
+    l.second = list_refs[l.second].unit;
   std::vector<Conversion *> converted;
   if (!is_loc)
     for (Conversion &cv : conversions)
@@ -928,7 +1005,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   std::sort(blocks.begin(), blocks.end(), [](const Block &a, const Block &b) { return a.start < b.start; });
 
   Out o;
-  Moves moved, moved_views;
+  ListMoves moved, moved_views;
   const Table *table = nullptr;
   size_t length_at = 0;
   auto close_table = [&] {
@@ -975,11 +1052,11 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
       c.fail("location views that run into their list");
     read_list(c, is_loc, v5, u.addr_size, u.base, &list_entries, &list_exprs);
     if (b.has_views)
-      moved_views[b.start] = o.size();
+      moved_views.add(b.start, o.size());
     uint64_t at = 0;
     write_list(o, list_entries, list_exprs, is_loc, v5, u, b.has_views ? &views : nullptr, name, size_t(b.list),
                &at);
-    moved[b.list] = at;
+    moved.add(b.list, at);
   }
   // The range lists of the entries whose code came apart (in a table of
   // their own when the last one does not fit them).
@@ -1000,6 +1077,8 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     cv->list_offset = at;
   }
   close_table();
+  moved.sort();
+  moved_views.sort();
   patch_refs(list_refs, units, v5, moved, name, is_loc ? "a location list" : "a range list");
   if (is_loc)
     patch_refs(refs[REF_VIEWS], units, v5, moved_views, name, "a location view list");
@@ -1144,7 +1223,7 @@ void DwarfUpdate::write_abbrevs() {
       // itself changes meaning; else the converted entries get a new code,
       // which must fit where their old one is written.
       uint64_t c = code;
-      if (count != u.code_uses[code]) {
+      if (count != u.code_uses(code)) {
         c = next_code++;
         t.order.push_back(c);
       }
