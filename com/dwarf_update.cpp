@@ -870,7 +870,7 @@ void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vec
       if (v5) {
         if (e.has_view)
           o.u8(kLleGnuViewPair), o.uleb(j == 0 ? e.vbegin : 0), o.uleb(j + 1 == n ? e.vend : 0);
-        o.u8(is_loc ? DW_LLE_start_length : DW_RLE_start_length);
+        o.u8(is_loc ? unsigned(DW_LLE_start_length) : unsigned(DW_RLE_start_length));
         o.sized(p.new_lo, as);
         o.uleb(p.new_hi - p.new_lo);
         if (is_loc)
