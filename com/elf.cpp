@@ -122,12 +122,8 @@ std::vector<OwnWrite> take_byte_sections(Elf *elf) {
   return own;
 }
 
-// Every page of the input that the run read stays resident as long as it
-// is mapped, though nothing reads it any more once the output is complete:
-// the output's unchanged contents come from their own mapping.  Dropping
-// them before the write keeps the input from counting twice in the run's
-// memory (libelf maps the file read-only, so they hold nothing but the
-// file's bytes, which a later read would fetch again).
+} // namespace
+
 void release_input_pages() {
   size_t size = 0;
   char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, &size) : nullptr;
@@ -135,8 +131,6 @@ void release_input_pages() {
     madvise(raw, size, MADV_DONTNEED);
   elf_errno();
 }
-
-} // namespace
 
 void write_it() {
   release_input_pages();

@@ -23,6 +23,14 @@ uint8_t *get_textdata_range(Elf *elf, uint64_t addr, size_t n);
 void expand_section(Elf_Scn *scn, uint32_t n);
 void expand_section32(Elf_Scn *scn, uint32_t n);
 void expand_section64(Elf_Scn *scn, uint32_t n);
+// Every page of the input that the run has read stays resident as long as
+// it is mapped, whether it is read again or not.  This drops them: libelf
+// maps the file read-only, so they hold nothing but the file's bytes, which
+// a later read fetches again.  Called once the input has been read (the
+// typed sections are converted copies by then) and before the output is
+// written (its unchanged contents come from their own mapping), it keeps
+// the input from counting twice in the run's memory.
+void release_input_pages();
 // Writes the image, restores from the input every byte of the file that no
 // header or section contents cover, and ends bin.out_elf (left null).
 void write_it();

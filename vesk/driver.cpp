@@ -119,6 +119,7 @@ void commit_output() {
 void reorder_it() {
   bin.text_map_store.assign(bin.text_words ? bin.text_words : 1, 0);
   bin.text_map = bin.text_map_store.data();
+  release_input_pages(); // of what reading the input touched, the rewrite reads only some again
   duplicate_elf();
   read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
