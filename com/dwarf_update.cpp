@@ -55,12 +55,6 @@ void Out::sleb(int64_t v) {
   }
 }
 
-uint64_t map_byte(uint64_t a) {
-  uint64_t w = a & ~uint64_t(3);
-  if (bin.text_map == nullptr || !in_text(w))
-    return a;
-  return text_map_of(w) + (a & 3);
-}
 
 namespace {
 
@@ -84,9 +78,24 @@ void find_breaks() {
   breaks.at.clear();
   breaks.hint = 0;
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
-  for (uint64_t w = bin.text_lo >= 4 ? bin.text_lo - 4 : 0; w < text_end; w += 4)
-    if (map_byte(w + 4) != map_byte(w) + 4)
-      breaks.at.push_back(w);
+  uint64_t w = bin.text_lo >= 4 ? bin.text_lo - 4 : 0;
+  // In front of .text, and the last word: the words beside them stay.
+  auto check = [](uint64_t x) {
+    if (map_byte(x + 4) != map_byte(x) + 4)
+      breaks.at.push_back(x);
+  };
+  for (; w < bin.text_lo; w += 4)
+    check(w);
+  // Inside, word k + 1 follows word k where its new index does.
+  const uint32_t *map = bin.text_map;
+  for (uint64_t k = 0; map != nullptr && k + 1 < bin.text_words; ++k)
+    if (map[k + 1] != map[k] + 1)
+      breaks.at.push_back(bin.text_lo + 4 * k);
+  if (map == nullptr)
+    for (; w + 4 < text_end; w += 4)
+      check(w);
+  if (bin.text_words != 0)
+    check(text_end - 4);
 }
 
 } // namespace

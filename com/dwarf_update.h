@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/bin.h"
+
 namespace vesk {
 
 // Whether this run rewrites the DWARF.  It does for every DWARF input
@@ -32,7 +34,12 @@ struct Piece {
 };
 
 // The new address of the byte at old address a (outside .text: a).
-uint64_t map_byte(uint64_t a);
+inline uint64_t map_byte(uint64_t a) {
+  uint64_t w = a & ~uint64_t(3);
+  if (bin.text_map == nullptr || !in_text(w))
+    return a;
+  return text_map_of(w) + (a & 3);
+}
 // Appends the new pieces of old [lo, hi) to out, in old order; an empty
 // range gives one empty piece.  Callers keep out from one range to the
 // next, so that the many small ranges of a program cost no allocation.
