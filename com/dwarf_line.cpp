@@ -330,6 +330,8 @@ std::vector<std::pair<uint64_t, std::vector<LineRow>>> read_line_rows(const uint
 std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsigned addr_size,
                                            std::map<uint64_t, uint64_t> *offsets) {
   Out out;
+  // The programs come out about as large as they went in.
+  out.b.reserve(size + size / 8 + 64);
   SectionCursor c(in, size, 0, ".debug_line");
   while (c.pos < size) {
     Program p = read_program(c, in, addr_size);

@@ -1014,6 +1014,9 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   std::sort(blocks.begin(), blocks.end(), [](const Block &a, const Block &b) { return a.start < b.start; });
 
   Out o;
+  // The lists come out about as large as they went in: room for that and
+  // some pieces, so that the buffer is not copied as it grows.
+  o.b.reserve(s.size + s.size / 8 + 64);
   ListMoves moved, moved_views;
   const Table *table = nullptr;
   size_t length_at = 0;

@@ -139,7 +139,13 @@ template <class C> void duplicate_elf_t() {
       error("cannot copy the contents of section %zu", i);
     }
     *out_d = *in_d;
-    if (in_d->d_buf != nullptr)
+    // The relocations the link kept (-Wl,-q) are written as they were
+    // read, or emptied: the output shares libelf's host-order copy of the
+    // input's records, which lives as long as the input, instead of
+    // copying them.  Everything else gets contents of its own.
+    bool kept_relocations = (in_sh->sh_type == SHT_REL || in_sh->sh_type == SHT_RELA) &&
+                            (in_sh->sh_flags & SHF_ALLOC) == 0 && in_d->d_type != ELF_T_BYTE;
+    if (in_d->d_buf != nullptr && !kept_relocations)
       out_d->d_buf = output_contents(in_d);
     if (out_d->d_type == ELF_T_ADDR && out_d->d_buf != nullptr)
       addresses_to_file_order<C>(out_d);
