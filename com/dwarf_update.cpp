@@ -1370,14 +1370,21 @@ void DwarfUpdate::run() {
     read_units(info);
   if (types.present())
     read_units(types);
+  // Each input section is dropped from memory once it has been read: the
+  // rewritten sections and the patched copies take its place.
   for (size_t i = 0; i < units.size(); ++i)
     walk_unit(i);
+  release_input_pages(info.in, info.size);
+  release_input_pages(types.in, types.size);
   for (bool v5 : {false, true}) {
     rewrite_lists(false, v5);
     rewrite_lists(true, v5);
   }
+  for (const Sec *s : {&rnglists, &ranges, &loclists, &loc})
+    release_input_pages(s->in, s->size);
   write_abbrevs();
   rewrite_line();
+  release_input_pages(line.in, line.size);
   rewrite_aranges();
   for (Rewritten &r : rewritten)
     bin.is_elf32 ? place_section<Elf32Class>(r.name, r.type, r.bytes)

@@ -132,6 +132,21 @@ void release_input_pages() {
   elf_errno();
 }
 
+void release_input_pages(const void *p, size_t n) {
+  size_t size = 0;
+  char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, &size) : nullptr;
+  elf_errno();
+  uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE)), base = reinterpret_cast<uintptr_t>(raw);
+  uintptr_t lo = reinterpret_cast<uintptr_t>(p), hi = lo + n;
+  // Only whole pages of the mapping, none that holds bytes outside [p, p + n).
+  if (raw == nullptr || base % page != 0 || lo < base || hi > base + size || hi < lo)
+    return;
+  lo = (lo + page - 1) / page * page;
+  hi = hi / page * page;
+  if (lo < hi)
+    madvise(reinterpret_cast<void *>(lo), hi - lo, MADV_DONTNEED);
+}
+
 void write_it() {
   release_input_pages();
   std::vector<OwnWrite> own = take_byte_sections(bin.out_elf);

@@ -31,6 +31,9 @@ void expand_section64(Elf_Scn *scn, uint32_t n);
 // written (its unchanged contents come from their own mapping), it keeps
 // the input from counting twice in the run's memory.
 void release_input_pages();
+// The same for the input's pages that lie wholly inside [p, p + n); nothing
+// when those bytes are not the mapped input's.
+void release_input_pages(const void *p, size_t n);
 // Writes the image, restores from the input every byte of the file that no
 // header or section contents cover, and ends bin.out_elf (left null).
 void write_it();
