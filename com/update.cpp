@@ -24,24 +24,6 @@ uint64_t repoint_code_address(uint64_t a) {
   return a + bin.text_shift;
 }
 
-bool map_text_address(uint64_t a, uint64_t *new_addr) {
-  if (!in_text(a) || bin.text_map == nullptr)
-    return false;
-  uint64_t k = (a - bin.text_lo) >> 2;
-  if (k >= bin.text_words)
-    return false; // the partial word at the end of an odd-sized .text
-  *new_addr = text_map_word(k);
-  return true;
-}
-
-uint8_t *new_text_word(uint64_t new_addr) {
-  if (bin.new_text == nullptr || new_addr < bin.text_lo)
-    return nullptr;
-  uint64_t k = (new_addr - bin.text_lo) >> 2;
-  if (k >= bin.text_words)
-    return nullptr;
-  return bin.new_text + k * 4;
-}
 
 void update_elf_header() { bin.is_elf32 ? update_elf_header32() : update_elf_header64(); }
 void update_dynamic() { bin.is_elf32 ? update_dynamic32() : update_dynamic64(); }

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "base/bin.h"
+
 namespace vesk {
 
 // Run steps; each picks its ELF class by bin.is_elf32 and returns quietly
@@ -28,11 +30,25 @@ void update_dynsym64();
 void update_symtab64();
 
 // The new address of the old .text address a, through bin.text_map; false
-// (and *new_addr untouched) when a is not in .text.
-bool map_text_address(uint64_t a, uint64_t *new_addr);
+// (and *new_addr untouched) when a is not in .text.  Inline: the branch
+// fix-up and the repairs ask for every word.
+inline bool map_text_address(uint64_t a, uint64_t *new_addr) {
+  if (!in_text(a) || bin.text_map == nullptr)
+    return false;
+  // in_text leaves out the partial word at the end of an odd-sized .text.
+  *new_addr = text_map_word((a - bin.text_lo) >> 2);
+  return true;
+}
 // The output .text word whose new address is new_addr (low two bits
 // ignored); null when new_addr lies outside the new text.
-uint8_t *new_text_word(uint64_t new_addr);
+inline uint8_t *new_text_word(uint64_t new_addr) {
+  if (bin.new_text == nullptr || new_addr < bin.text_lo)
+    return nullptr;
+  uint64_t k = (new_addr - bin.text_lo) >> 2;
+  if (k >= bin.text_words)
+    return nullptr;
+  return bin.new_text + k * 4;
+}
 
 // Re-points one stored code address in place (host-order value): .text
 // through the text map, executable code behind .text by bin.text_shift,
