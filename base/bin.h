@@ -36,6 +36,11 @@ struct Bin {
   std::vector<uint32_t> text_map_store; // what text_map points to during a run
   uint32_t text_words = 0; // 4-byte words in .text
   const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
+  // The words of text_buf that hold a branch or a jump, by index, found
+  // by the branch check's pass over the text so that the fix-up need not
+  // make another; fixup_words_of is the text they were found in.
+  std::vector<uint32_t> fixup_words;
+  const uint8_t *fixup_words_of = nullptr;
   uint32_t gp_value = 0;
   uint64_t gp_full = 0;     // gp in full: an n64 gp lies above 4 GB, gp_value holds its low 32 bits
   uint32_t local_gotno = 0;

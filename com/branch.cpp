@@ -21,7 +21,7 @@ constexpr uint64_t REGION_MASK = ~uint64_t(0x0fffffff); // a j/jal reaches its o
 void update_branch_offset() {
   if (bin.text_buf == nullptr || bin.text_map == nullptr || bin.new_text == nullptr)
     return;
-  for (uint32_t k = 0; k < bin.text_words; ++k) {
+  auto fix = [](uint32_t k) {
     uint32_t word = word_at(bin.text_buf, k);
     uint64_t old_pc = bin.text_lo + uint64_t(k) * 4;
     switch (mips::fixup_kind(word)) {
@@ -29,7 +29,15 @@ void update_branch_offset() {
     case mips::Fixup::jump: update_jump(word, old_pc); break;
     case mips::Fixup::none: break;
     }
+  };
+  // The branch check found the branches and jumps already, in this text.
+  if (bin.fixup_words_of == bin.text_buf) {
+    for (uint32_t k : bin.fixup_words)
+      fix(k);
+    return;
   }
+  for (uint32_t k = 0; k < bin.text_words; ++k)
+    fix(k);
 }
 
 void update_one_branch(uint32_t word, uint64_t old_pc) {

@@ -226,8 +226,12 @@ void verify_proc() {
 void check_branch_out_of_procedure() {
   ChainEndsScope scope;
   bin.procs.chain_ends.contiguous_walks = !procedures_overlap();
+  bin.fixup_words.clear();
+  bin.fixup_words_of = nullptr;
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);
+    if (mips::fixup_kind(w) != mips::Fixup::none)
+      bin.fixup_words.push_back(uint32_t(i));
     if (!mips::ties_as_branch(w))
       continue;
     uint64_t a = bin.text_lo + 4 * i;
@@ -279,6 +283,7 @@ void check_branch_out_of_procedure() {
       n = cur == to && contiguous ? nullptr : physically_next(cur);
     }
   }
+  bin.fixup_words_of = bin.text_buf;
 }
 
 // Walks the list as the ties change it, examining every procedure once

@@ -41,9 +41,8 @@ struct Layout {
         ++i;
         continue;
       }
-      uint64_t j = i;
-      while (j < end && !done[j])
-        ++j;
+      const void *next_done = std::memchr(&done[i], 1, end - i);
+      uint64_t j = next_done ? uint64_t(static_cast<const uint8_t *>(next_done) - done.data()) : end;
       std::memset(&done[i], 1, j - i);
       std::memcpy(bin.new_text + 4 * uint64_t(bin.new_text_fill), bin.text_buf + 4 * i, 4 * (j - i));
       uint32_t to = bin.new_text_fill;

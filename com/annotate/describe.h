@@ -115,7 +115,12 @@ private:
   std::vector<uint64_t> group_gp_;  // 0: not set
   std::vector<GpRange> data_;       // by start
   std::vector<GpRange> code_;       // by start, made by freeze()
-  std::vector<const Function *> holding(uint64_t addr) const;
+  // The last answer of gp_at and the addresses [lo, hi) it holds for.
+  struct Known {
+    uint64_t lo = 1, hi = 0, gp = 0;
+  };
+  mutable Known known_;
+  template <class F> bool for_each_holding(uint64_t addr, F f) const;
   bool leaves_gp_alone(uint64_t lo, uint64_t hi) const; // no word of the text in [lo, hi) names $28
 };
 

@@ -79,36 +79,39 @@ const Got &GpMap::got_of_entry(uint32_t index) const {
   return gots_.empty() ? whole_ : gots_.front();
 }
 
-// Every function holding addr (aliases, and symbols inside a function,
-// share its code).
-std::vector<const GpMap::Function *> GpMap::holding(uint64_t addr) const {
-  std::vector<const Function *> out;
+// Calls f for every function holding addr (aliases, and symbols inside a
+// function, share its code), the nearest start first; says whether there
+// was one.
+template <class F> bool GpMap::for_each_holding(uint64_t addr, F f) const {
+  bool any = false;
   auto it = std::upper_bound(functions_.begin(), functions_.end(), addr,
                              [](uint64_t a, const Function &f) { return a < f.lo; });
   for (size_t looked = 0; it != functions_.begin() && looked < 64; ++looked) {
     --it;
-    if (addr < it->hi)
-      out.push_back(&*it);
+    if (addr < it->hi) {
+      f(*it);
+      any = true;
+    }
   }
-  return out;
+  return any;
 }
 
 bool GpMap::set_function_gp(uint64_t addr, uint64_t gp) {
-  std::vector<const Function *> fs = holding(addr);
-  for (const Function *f : fs) {
+  return for_each_holding(addr, [&](const Function &fn) {
+    const Function *f = &fn;
     uint64_t &slot = group_gp_[f->group];
     if (slot != 0 && slot != gp)
       error("%s: the code at %s sets up the gp %#llx, but other code of its function uses %#llx; vesk cannot tell "
             "which GOT it reads",
             im_.path.c_str(), im_.where(addr).c_str(), (unsigned long long)gp, (unsigned long long)slot);
     slot = gp;
-  }
-  return !fs.empty();
+  });
 }
 
 void GpMap::set_data_gp(uint64_t addr, uint64_t n, uint64_t gp) {
   if (gp == im_.gp_value)
     return;
+  known_ = Known{};
   if (!data_.empty() && data_.back().hi == addr && data_.back().gp == gp && data_.back().lo <= addr) {
     data_.back().hi = addr + n;
     return;
@@ -131,11 +134,41 @@ const GpRange *range_holding(const std::vector<GpRange> &rs, uint64_t addr) {
 // The gp of code is read from the stretches that the description will
 // carry, so that what the describers decide is what vesk will see.
 uint64_t GpMap::gp_at(uint64_t addr) const {
-  if (const GpRange *r = range_holding(data_, addr))
-    return r->gp;
-  if (const GpRange *r = range_holding(code_, addr))
-    return r->gp;
-  return im_.gp_value;
+  // Loads ask about the code of one function after another: the stretch
+  // of addresses that the last answer holds for is asked first.
+  if (addr >= known_.lo && addr < known_.hi)
+    return known_.gp;
+  auto first_behind = [](const std::vector<GpRange> &rs, uint64_t a) {
+    return std::upper_bound(rs.begin(), rs.end(), a, [](uint64_t x, const GpRange &r) { return x < r.lo; });
+  };
+  // Where the answer stays the same: up to the next start, and, outside a
+  // stretch, from the end of the one before.
+  uint64_t lo = 0, hi = ~uint64_t(0);
+  auto d = first_behind(data_, addr);
+  if (d != data_.end())
+    hi = d->lo;
+  if (d != data_.begin()) {
+    auto r = std::prev(d);
+    if (addr < r->hi) {
+      known_ = {r->lo, std::min(hi, r->hi), r->gp};
+      return r->gp;
+    }
+    lo = r->hi;
+  }
+  auto c = first_behind(code_, addr);
+  if (c != code_.end())
+    hi = std::min(hi, c->lo);
+  uint64_t gp = im_.gp_value;
+  if (c != code_.begin()) {
+    auto r = std::prev(c);
+    if (addr < r->hi) {
+      lo = std::max(lo, r->lo), hi = std::min(hi, r->hi), gp = r->gp;
+    } else {
+      lo = std::max(lo, r->hi);
+    }
+  }
+  known_ = {lo, hi, gp};
+  return gp;
 }
 
 const Got &GpMap::got_at(uint64_t addr) const {
@@ -169,6 +202,7 @@ void GpMap::freeze() {
   // Neighbours with one gp become one stretch, across code between them
   // that never touches gp (padding, leaf functions).
   code_.clear();
+  known_ = Known{};
   for (const GpRange &r : out) {
     if (!code_.empty() && code_.back().gp == r.gp && (r.lo <= code_.back().hi || leaves_gp_alone(code_.back().hi, r.lo))) {
       code_.back().hi = std::max(code_.back().hi, r.hi);

@@ -188,10 +188,28 @@ void read_relocations(Image &im, Elf *elf) {
 } // namespace
 
 const Section *Image::section_holding(uint64_t addr, uint64_t n) const {
-  for (const Section &s : sections)
-    if ((s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && addr >= s.sh.sh_addr && n <= s.sh.sh_size &&
-        addr - s.sh.sh_addr <= s.sh.sh_size - n)
-      return &s;
+  auto holds = [&](const Section &s) {
+    return (s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && addr >= s.sh.sh_addr && n <= s.sh.sh_size &&
+           addr - s.sh.sh_addr <= s.sh.sh_size - n;
+  };
+  if (sections_overlap_ < 0) {
+    std::vector<std::pair<uint64_t, uint64_t>> spans;
+    for (const Section &s : sections)
+      if ((s.sh.sh_flags & SHF_ALLOC) && s.raw != nullptr && s.sh.sh_size != 0)
+        spans.push_back({s.sh.sh_addr, s.sh.sh_addr + s.sh.sh_size});
+    std::sort(spans.begin(), spans.end());
+    sections_overlap_ = 0;
+    for (size_t i = 1; i < spans.size(); ++i)
+      if (spans[i].first < spans[i - 1].second || spans[i - 1].second < spans[i - 1].first)
+        sections_overlap_ = 1;
+  }
+  if (sections_overlap_ == 0 && last_held_ < sections.size() && holds(sections[last_held_]))
+    return &sections[last_held_];
+  for (size_t i = 0; i < sections.size(); ++i)
+    if (holds(sections[i])) {
+      last_held_ = i;
+      return &sections[i];
+    }
   return nullptr;
 }
 

@@ -60,6 +60,11 @@ struct Image {
   bool in_text(uint64_t a) const { return a >= text_lo && a < text_hi; }
   // The section whose addresses hold [addr, addr + n), with contents.
   const Section *section_holding(uint64_t addr, uint64_t n) const;
+  // The last section section_holding found, asked first when no two
+  // sections with contents share an address (then at most one holds any);
+  // -1 before the sections were looked at, 1 when some overlap.
+  mutable size_t last_held_ = 0;
+  mutable int sections_overlap_ = -1;
   // The 32-bit word at addr inside section s (addr checked by the caller).
   uint32_t word(const Section &s, uint64_t addr) const;
   // The address word (4 or 8 bytes) at addr inside section s.
