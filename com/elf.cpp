@@ -107,7 +107,9 @@ std::vector<OwnWrite> take_byte_sections(Elf *elf) {
   std::vector<OwnWrite> own;
   for (Elf_Scn *scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
     GElf_Shdr sh;
-    if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
+    // An empty section may have no contents at all; asking libelf for
+    // them would give it a descriptor it then refuses to write.
+    if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS || sh.sh_size == 0)
       continue;
     Elf_Data *d = elf_getdata(scn, nullptr);
     if (d == nullptr || d->d_type != ELF_T_BYTE || d->d_buf == nullptr || elf_getdata(scn, d) != nullptr)

@@ -162,26 +162,31 @@ template <class C> void expand_section_t(Elf_Scn *scn, uint32_t n) {
     print_elf_error(option.program);
     error("cannot read the output ELF header");
   }
-  bool behind = false;
-  for (size_t i = 0;; ++i) {
+  typename C::Shdr *grown = C::getshdr(scn);
+  if (grown == nullptr) {
+    print_elf_error(option.program);
+    error("cannot read the header of a section that grows");
+  }
+  // What lies behind the section in the file moves back by n: the
+  // sections whose contents start at or behind its end, and the section
+  // header table.  That is file order, which need not be the order of the
+  // headers: a section that an earlier run of vesk moved to the end of the
+  // file has a lower index than the ones it now follows.
+  uint64_t end = uint64_t(grown->sh_offset) + grown->sh_size;
+  for (size_t i = 1;; ++i) {
     Elf_Scn *s = elf_getscn(bin.out_elf, i);
     if (s == nullptr)
       break;
     typename C::Shdr *sh = C::getshdr(s);
-    if (sh == nullptr)
-      continue;
-    if (behind) {
+    if (sh != nullptr && s != scn && sh->sh_offset >= end)
       sh->sh_offset += n;
-    } else if (s == scn) {
-      if (sh->sh_offset < eh->e_shoff)
-        eh->e_shoff += n;
-      sh->sh_size += n;
-      if (Elf_Data *d = elf_getdata(s, nullptr))
-        d->d_size += n;
-      behind = true;
-    }
   }
   elf_errno();
+  if (eh->e_shoff >= end)
+    eh->e_shoff += n;
+  grown->sh_size += n;
+  if (Elf_Data *d = elf_getdata(scn, nullptr))
+    d->d_size += n;
 }
 
 // A byte range [begin, end) of the output file.

@@ -76,8 +76,10 @@ public:
     bool absolute = false;
     for (const Elf32_Rel &r : rs.rels) {
       uint32_t type = ELF32_R_TYPE(r.r_info);
+      if (type != R_MIPS_HI16 && type != R_MIPS_LO16)
+        continue;
       const std::string &name = im_.symbol_name(ELF32_R_SYM(r.r_info));
-      if ((type != R_MIPS_HI16 && type != R_MIPS_LO16) || (name != "_gp_disp" && name != "__gnu_local_gp"))
+      if (name != "_gp_disp" && name != "__gnu_local_gp")
         continue;
       uint32_t at = checked(r.r_offset);
       if (type == R_MIPS_HI16) {
@@ -132,12 +134,12 @@ public:
         break;
       case R_MIPS_CALL16:
         if (code && gps_.multi())
-          exact_reads_.insert(got_index_at(checked(r.r_offset)));
+          exact_reads_.push_back(got_index_at(checked(r.r_offset)));
         break;
       case R_MIPS_HI16:
       case R_MIPS_GOT16:
         if (type == R_MIPS_GOT16 && code && gps_.multi() && !im_.symbol_is_local(sym))
-          exact_reads_.insert(got_index_at(checked(r.r_offset)));
+          exact_reads_.push_back(got_index_at(checked(r.r_offset)));
         if (Hi h; code && hi_of(r, &h)) {
           if (!h.got && im_.symbol_name(sym) == "_gp_disp") {
             pending_gp.push_back(h);
@@ -192,9 +194,10 @@ public:
     });
     check_shared_his(lo_formed);
 
+    std::vector<uint32_t> pages;
     for (const Hi &h : his_) {
       if (h.got)
-        got_pages_.insert(got_index(h));
+        pages.push_back(got_index(h));
       if (!h.formed || !im_.in_text(*h.formed))
         continue;
       if (!im_.in_text(h.offset))
@@ -211,6 +214,8 @@ public:
       out_.push_back({got_lo_[i] ? CR_GOT_PAIR : CR_HI_LO, *lo_formed[i], 0, los_[i].offset});
     }
 
+    got_pages_ = as_set(pages);
+
     std::stable_sort(out_.begin(), out_.end(),
                      [](const CompactRelEntry &a, const CompactRelEntry &b) { return a.vaddr < b.vaddr; });
     auto same = [](const CompactRelEntry &a, const CompactRelEntry &b) {
@@ -224,11 +229,12 @@ public:
     d.got_pages.assign(got_pages_.begin(), got_pages_.end());
     {
       // Entries something else than a described page load of code reads.
-      std::set<uint32_t> fixed = exact_reads_;
+      std::vector<uint32_t> fixed = std::move(exact_reads_);
       for (const Hi &h : his_)
         if (h.got && (!im_.in_text(h.offset) || !h.formed || !im_.in_text(*h.formed)))
-          fixed.insert(got_index(h));
-      d.free_pages = free_page_entries(im_, gps_, got_pages_, fixed, [this](uint32_t k) { return got_word(im_, k); });
+          fixed.push_back(got_index(h));
+      d.free_pages =
+          free_page_entries(im_, gps_, got_pages_, as_set(fixed), [this](uint32_t k) { return got_word(im_, k); });
     }
     d.patches = std::move(patches_);
     return d;
@@ -239,7 +245,7 @@ private:
   GpMap gps_;
   std::vector<std::pair<uint32_t, uint32_t>> setups_; // _gp_disp lui -> the gp it computes
   std::vector<std::pair<uint32_t, const Section *>> gp_words_; // gp-relative data words
-  std::set<uint32_t> exact_reads_; // GOT entries that loads of global symbols' addresses read
+  std::vector<uint32_t> exact_reads_; // GOT entries that loads of global symbols' addresses read (repeats too)
   const RelSection *rs_ = nullptr;
   std::vector<Function> functions_; // by start address
   std::vector<Hi> his_;
@@ -293,6 +299,15 @@ private:
   std::vector<CompactRelEntry> out_;
 
   const char *path() const { return im_.path.c_str(); }
+
+  // The set of the indexes in v, built in one pass from them sorted (a
+  // node per relocation inserted one by one cost more than the rest of
+  // the description).
+  static std::set<uint32_t> as_set(std::vector<uint32_t> &v) {
+    std::sort(v.begin(), v.end());
+    v.erase(std::unique(v.begin(), v.end()), v.end());
+    return std::set<uint32_t>(v.begin(), v.end());
+  }
 
   // Spare GOT entries take the pages of the stretches of .text that no
   // page entry reaches.
