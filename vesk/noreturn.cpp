@@ -90,9 +90,13 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
     }
   }
   elf_errno();
-  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
-    if (p->name != nullptr)
-      s_->named.push_back(p);
+  // In the order of the records, which lie (with their names) in memory in
+  // that order; the list's order (the feedback's) sends every step to
+  // another place.  The order of the parts of one function does not change
+  // what never_returns finds.
+  for (Proc &p : bin.procs.records)
+    if (p.name != nullptr)
+      s_->named.push_back(&p);
   s_->parts.build(s_->named.size(), [this](size_t i, size_t &h) {
     h = hash_of(function_name(s_->named[i]->name));
     return true;
