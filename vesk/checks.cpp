@@ -48,10 +48,12 @@ void forget_chains() {
 }
 
 bool procedures_overlap() {
+  // The records, not the list: they lie in memory in order (usually the
+  // order of their addresses too), the list in the feedback's.
   std::vector<const Proc *> v;
-  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
-    if (p->size != 0)
-      v.push_back(p);
+  for (const Proc &p : bin.procs.records)
+    if (p.size != 0)
+      v.push_back(&p);
   std::sort(v.begin(), v.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
   for (size_t i = 1; i < v.size(); ++i)
     if (v[i]->old_addr < v[i - 1]->old_addr + v[i - 1]->size)
