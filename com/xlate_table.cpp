@@ -300,10 +300,18 @@ void build_xlate_table() {
   // The procedures in new order, each with the hole before it.  A
   // procedure that shares words with one before it was laid out partly
   // there: only what lies beyond the cursor is left to describe.
-  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
-    if (!in_text(p->old_addr) || p->size == 0)
-      continue;
-    uint64_t n = text_map_of(p->old_addr), end = n + p->size;
+  // Their places in the old text are all over it (the map is read in old
+  // order): gathered first, so that the map entries of the procedures a
+  // few ahead can be fetched early.
+  std::vector<std::pair<uint64_t, uint32_t>> moved; // old address, size
+  moved.reserve(bin.procs.records.size());
+  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
+    if (in_text(p->old_addr) && p->size != 0)
+      moved.push_back({p->old_addr, p->size});
+  for (size_t i = 0; i < moved.size(); ++i) {
+    if (i + 8 < moved.size())
+      __builtin_prefetch(bin.text_map + ((moved[i + 8].first - bin.text_lo) >> 2));
+    uint64_t n = text_map_of(moved[i].first), end = n + moved[i].second;
     if (cursor != 0 && cursor < n)
       ranges.fill(cursor, n, true);
     else if (cursor != 0 && n < cursor)
