@@ -65,6 +65,7 @@ struct Bin {
   uint32_t text_shift = 0;
   uint32_t text_grow = 0;
   int in_fd = -1;
+  int input_mapped = 0; // the input's image is its file mapped read-only: 1 yes, -1 no, 0 not known yet
   int out_fd = -1;
   std::string output_temp; // the output being written, until it is renamed into place
   // got_page[i] != 0: GOT entry i holds a 64 KB page that page loads read,

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gelf.h>
+#include <memory>
+#include <sys/stat.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
@@ -126,18 +129,46 @@ std::vector<OwnWrite> take_byte_sections(Elf *elf) {
 
 } // namespace
 
+namespace {
+
+// The input's image when it is the input file mapped from its start, which
+// holds nothing but the file's bytes; else null.  libelf reads a file it
+// cannot map into memory of its own, where dropping a page would lose
+// its contents: so the mapping is looked up in the process's own list.
+const char *mapped_input(size_t *size) {
+  char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, size) : nullptr;
+  elf_errno();
+  if (bin.input_mapped == 0 && raw != nullptr) {
+    bin.input_mapped = -1;
+    struct stat st;
+    std::unique_ptr<FILE, int (*)(FILE *)> maps(std::fopen("/proc/self/maps", "r"), std::fclose);
+    char line[512];
+    uintptr_t at = reinterpret_cast<uintptr_t>(raw);
+    while (maps && fstat(bin.in_fd, &st) == 0 && std::fgets(line, sizeof line, maps.get()) != nullptr) {
+      unsigned long lo = 0, hi = 0, offset = 0, inode = 0;
+      char perms[8] = {};
+      if (std::sscanf(line, "%lx-%lx %7s %lx %*s %lu", &lo, &hi, perms, &offset, &inode) != 5 || at < lo ||
+          at >= hi)
+        continue;
+      if (at == lo && offset == 0 && inode == st.st_ino && perms[1] == '-' && *size <= hi - lo)
+        bin.input_mapped = 1;
+      break;
+    }
+  }
+  return bin.input_mapped == 1 ? raw : nullptr;
+}
+
+} // namespace
+
 void release_input_pages() {
   size_t size = 0;
-  char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, &size) : nullptr;
-  if (raw != nullptr && size != 0 && reinterpret_cast<uintptr_t>(raw) % uintptr_t(sysconf(_SC_PAGESIZE)) == 0)
-    madvise(raw, size, MADV_DONTNEED);
-  elf_errno();
+  if (const char *raw = mapped_input(&size); raw != nullptr && size != 0)
+    madvise(const_cast<char *>(raw), size, MADV_DONTNEED);
 }
 
 void release_input_pages(const void *p, size_t n) {
   size_t size = 0;
-  char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, &size) : nullptr;
-  elf_errno();
+  const char *raw = mapped_input(&size);
   uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE)), base = reinterpret_cast<uintptr_t>(raw);
   uintptr_t lo = reinterpret_cast<uintptr_t>(p), hi = lo + n;
   // Only whole pages of the mapping, none that holds bytes outside [p, p + n).
