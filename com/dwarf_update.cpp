@@ -55,7 +55,6 @@ void Out::sleb(int64_t v) {
   }
 }
 
-
 namespace {
 
 // The words w behind which the code comes apart (the word at w + 4 does
@@ -1203,6 +1202,7 @@ void DwarfUpdate::write_abbrevs() {
   for (auto &[ui, list] : by_unit) {
     Unit &u = units[ui];
     AbbrevTable t = abbrev_table(u.abbrev_offset);
+    t.dense.clear(); // it points into the table copied, which the codes below do not change
     uint64_t next_code = t.order.empty() ? 1 : t.by_code.rbegin()->first + 1;
     std::map<uint64_t, size_t> converted;
     for (Conversion *cv : list)

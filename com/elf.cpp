@@ -142,7 +142,7 @@ const char *mapped_input(size_t *size) {
     bin.input_mapped = -1;
     struct stat st;
     std::unique_ptr<FILE, int (*)(FILE *)> maps(std::fopen("/proc/self/maps", "r"), std::fclose);
-    char line[512];
+    char line[4352]; // room for a path of PATH_MAX bytes behind the fields
     uintptr_t at = reinterpret_cast<uintptr_t>(raw);
     while (maps && fstat(bin.in_fd, &st) == 0 && std::fgets(line, sizeof line, maps.get()) != nullptr) {
       unsigned long lo = 0, hi = 0, offset = 0, inode = 0;

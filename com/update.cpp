@@ -24,7 +24,6 @@ uint64_t repoint_code_address(uint64_t a) {
   return a + bin.text_shift;
 }
 
-
 void update_elf_header() { bin.is_elf32 ? update_elf_header32() : update_elf_header64(); }
 void update_dynamic() { bin.is_elf32 ? update_dynamic32() : update_dynamic64(); }
 void update_got() {

@@ -116,8 +116,6 @@ public:
     std::sort(symbols_.begin(), symbols_.end(), [](const Symbol &a, const Symbol &b) { return a.addr < b.addr; });
   }
 
-  // Every row of every unit's line table, by address.  An executable
-  // without DWARF has none.
   // The raw contents of the section called name, or empty.
   std::vector<uint8_t> section_named(const char *name) const {
     size_t strndx = 0;
