@@ -25,16 +25,15 @@ public:
       buckets *= 2;
     mask_ = buckets - 1;
     head_.assign(buckets, -1);
-    next_.assign(n, -1);
-    hash_.assign(n, 0);
+    items_.assign(n, Item{});
     // Built backwards, each item goes in front of its bucket's chain, so
     // that every chain runs in increasing order.
     for (size_t i = n; i-- > 0;) {
       size_t h = 0;
       if (!key_hash(i, h))
         continue;
-      hash_[i] = h;
-      next_[i] = head_[h & mask_];
+      items_[i].hash = h;
+      items_[i].next = head_[h & mask_];
       head_[h & mask_] = int32_t(i);
     }
   }
@@ -45,22 +44,45 @@ public:
   template <class Visit> void visit(size_t h, Visit visit) const {
     if (head_.empty())
       return;
-    for (int32_t i = head_[h & mask_]; i >= 0; i = next_[size_t(i)])
-      if (hash_[size_t(i)] == h && !visit(size_t(i)))
+    for (int32_t i = head_[h & mask_]; i >= 0; i = items_[size_t(i)].next)
+      if (items_[size_t(i)].hash == h && !visit(size_t(i)))
         return;
+  }
+
+  // Lookups of keys in no order each wait on memory three times: the
+  // bucket, the item, the caller's key.  A caller that knows the hashes of
+  // the lookups ahead starts fetching them in two steps, some lookups
+  // apart: the bucket first, then (the bucket having arrived) the first
+  // item of its chain, whose index it hands to fetch_key.
+  void prefetch_bucket(size_t h) const {
+    if (!head_.empty())
+      __builtin_prefetch(&head_[h & mask_]);
+  }
+  template <class FetchKey> void prefetch_first(size_t h, FetchKey fetch_key) const {
+    if (head_.empty())
+      return;
+    int32_t i = head_[h & mask_];
+    if (i >= 0) {
+      __builtin_prefetch(&items_[size_t(i)]);
+      fetch_key(size_t(i));
+    }
   }
 
   void clear() {
     head_.clear();
-    next_.clear();
-    hash_.clear();
+    items_.clear();
   }
 
 private:
+  // An item's hash and the next item of its chain, side by side: a chain
+  // step reads one line.
+  struct Item {
+    size_t hash = 0;
+    int32_t next = -1;
+  };
   size_t mask_ = 0;
   std::vector<int32_t> head_;
-  std::vector<int32_t> next_;
-  std::vector<size_t> hash_;
+  std::vector<Item> items_;
 };
 
 // The hash of a name.  Inline and eight bytes a step: the keys are short

@@ -173,7 +173,30 @@ Proc *get_proc_by_addr(uint64_t addr) {
   return found;
 }
 
+size_t proc_name_hash(const char *name, const char *file_name) { return name_hash(name, file_name); }
+
+void prefetch_proc_name(size_t hash, int step) {
+  ProcTable &t = table();
+  if (!t.name_index_valid)
+    build_name_index();
+  if (step == 0)
+    t.by_name.prefetch_bucket(hash);
+  else
+    t.by_name.prefetch_first(hash, [&t, step](size_t i) {
+      const Proc &p = t.records[i];
+      if (step == 1)
+        __builtin_prefetch(&p);
+      else if (p.name != nullptr)
+        __builtin_prefetch(p.name);
+    });
+}
+
 Proc *find_proc_by_name(const char *name, const char *file_name) {
+  return find_proc_by_name(name, file_name,
+                           name != nullptr && file_name != nullptr ? name_hash(name, file_name) : 0);
+}
+
+Proc *find_proc_by_name(const char *name, const char *file_name, size_t hash) {
   ProcTable &t = table();
   Proc *found = nullptr;
   if (name != nullptr && file_name != nullptr) {
@@ -182,7 +205,7 @@ Proc *find_proc_by_name(const char *name, const char *file_name) {
     // The first record not yet listed at or behind the one found last, else
     // the first one in front of it.
     Proc *in_front = nullptr;
-    t.by_name.visit(name_hash(name, file_name), [&](size_t i) {
+    t.by_name.visit(hash, [&](size_t i) {
       Proc &p = t.records[i];
       if (p.listed != 0 || std::strcmp(p.name, name) != 0 || std::strcmp(p.file_name, file_name) != 0)
         return true;

@@ -98,6 +98,14 @@ void attach_proc_with_no_feedback();
 int clear_proc_flag();
 Proc *get_proc_by_addr(uint64_t addr);
 Proc *find_proc_by_name(const char *name, const char *file_name);
+// For reading many names in no particular order: the hash a lookup of
+// (name, file_name) uses, a lookup that takes it, and the steps that fetch
+// what such a lookup will read (step 0 the bucket, 1 the first record of
+// its chain, 2 that record's name), each taken some lookups ahead of the
+// next: a step reads what the one before fetched.
+size_t proc_name_hash(const char *name, const char *file_name);
+Proc *find_proc_by_name(const char *name, const char *file_name, size_t hash);
+void prefetch_proc_name(size_t hash, int step);
 int cmp_begin(const void *a, const void *b);
 void mdebug_derive_proc_highpc();
 void dump_procs();

@@ -156,15 +156,29 @@ struct BodyFields {
   uint32_t count = 0;
 };
 
-void read_body_line(const char *path, const char *line, BodyFields &f) {
+// A body line as read, before its procedure is looked up.
+struct BodyLine {
+  BodyFields fields;
+  bool count_too_large = false;
+  char number[NUMBER_BUF] = "";
+  const char *file = nullptr; // the file name to look the procedure up under
+  size_t hash = 0;
+};
+
+// Reads a line into b; the fields the line lacks are those of the line
+// before.
+void read_body_line(const char *line, const BodyFields &before, BodyLine &b) {
+  BodyFields &f = b.fields;
+  f.count = before.count;
   const char *s = line;
-  if (!next_word(s, f.name, sizeof f.name))
-    return;
-  if (!next_word(s, f.file, sizeof f.file))
-    return;
-  char number[NUMBER_BUF];
-  if (next_word(s, number, sizeof number) && parse_unsigned(number, 10, f.count) == Parsed::too_large)
-    warning("%s: the count %s of %s(%s) is out of range; taken as %u", path, number, f.name, f.file, UINT32_MAX);
+  bool name = next_word(s, f.name, sizeof f.name);
+  bool file = name && next_word(s, f.file, sizeof f.file);
+  if (!name)
+    std::strcpy(f.name, before.name);
+  if (!file)
+    std::strcpy(f.file, before.file);
+  b.count_too_large =
+      file && next_word(s, b.number, sizeof b.number) && parse_unsigned(b.number, 10, f.count) == Parsed::too_large;
 }
 
 constexpr int32_t IN_EARLIER = 1;
@@ -198,24 +212,55 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
 
   // Each record is listed at most once per file: a found record is marked
   // listed, and listed records are not found again.
+  //
+  // The lines are read a batch at a time and then looked up in order: the
+  // names of a feedback file come in no order the table's memory follows,
+  // and knowing the names a few lines ahead lets the index, the records
+  // and their names be fetched before their lookups need them.
   int n = 0;
-  BodyFields fields;
-  while (std::fgets(line, sizeof line, f) != nullptr) {
-    if (line[0] == '#')
-      continue;
-    if (line[0] == '$')
+  constexpr size_t kBatch = 256, kAhead = 8;
+  std::vector<BodyLine> batch(kBatch);
+  BodyFields fields; // a line with fewer fields keeps the rest of the line before
+  bool more = true;
+  while (more) {
+    size_t lines = 0;
+    bool directive = false;
+    while (lines < kBatch && (more = std::fgets(line, sizeof line, f) != nullptr)) {
+      if (line[0] == '#')
+        continue;
+      if (line[0] == '$') {
+        directive = true;
+        more = false;
+        break;
+      }
+      BodyLine &b = batch[lines];
+      read_body_line(line, lines == 0 ? fields : batch[lines - 1].fields, b);
+      ++lines;
+      // DWARF keeps compilation-unit names without their directories.
+      b.file = bin.debug_kind == DEBUG_DWARF ? basename(b.fields.file) : b.fields.file;
+      b.hash = proc_name_hash(b.fields.name, b.file);
+    }
+    if (lines != 0)
+      fields = batch[lines - 1].fields;
+    for (size_t i = 0; i < lines; ++i) {
+      for (int step = 0; step < 3; ++step)
+        if (size_t ahead = i + (3 - step) * kAhead; ahead < lines)
+          prefetch_proc_name(batch[ahead].hash, step);
+      BodyLine &b = batch[i];
+      if (b.count_too_large)
+        warning("%s: the count %s of %s(%s) is out of range; taken as %u", path, b.number, b.fields.name,
+                b.fields.file, UINT32_MAX);
+      Proc *p = find_proc_by_name(b.fields.name, b.file, b.hash);
+      if (p == nullptr)
+        continue;
+      p->listed = 1;
+      p->freq = saturating_add(p->freq, b.fields.count);
+      list[n].proc = p;
+      list[n].count = b.fields.count;
+      ++n;
+    }
+    if (directive)
       error("%s: directive after $start", path);
-    read_body_line(path, line, fields);
-    // DWARF keeps compilation-unit names without their directories.
-    const char *file = bin.debug_kind == DEBUG_DWARF ? basename(fields.file) : fields.file;
-    Proc *p = find_proc_by_name(fields.name, file);
-    if (p == nullptr)
-      continue;
-    p->listed = 1;
-    p->freq = saturating_add(p->freq, fields.count);
-    list[n].proc = p;
-    list[n].count = fields.count;
-    ++n;
   }
   for (int i = 0; i < n; ++i)
     list[i].proc->listed = 0;
