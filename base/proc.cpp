@@ -91,6 +91,8 @@ Proc *new_proc() {
   return &r.back();
 }
 
+void reserve_procs(size_t n) { table().records.reserve(n); }
+
 int get_n_procs() { return int(table().records.size()); }
 
 Proc *get_proc_by_index(long i) {

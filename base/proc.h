@@ -90,6 +90,9 @@ struct ProcTable {
 };
 
 Proc *new_proc();
+// Room for n records in all, made before a discovery adds about that many:
+// growing the table record by record copies it again and again.
+void reserve_procs(size_t n);
 int get_n_procs();
 Proc *get_proc_by_index(long i);
 ProcMapEntry *alloc_proc_map();

@@ -534,6 +534,8 @@ void DwarfWalk::walk_units(Elf *elf) {
 void dwarf_interface(Elf *elf) {
   check_dwarf_table_sections(elf);
   FunctionSymbols syms = read_function_symbols(elf);
+  // A record for about every function symbol.
+  reserve_procs(syms.by_addr.size() + syms.by_addr.size() / 8 + 64);
   DwarfWalk walk(syms);
   walk.walk_units(elf);
   walk.resolve_inline_notes();

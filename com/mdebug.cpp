@@ -77,6 +77,9 @@ void mdebug_interface() {
 
   // The code at the start of .text that no descriptor describes (library
   // stubs and the like) is one pseudo procedure.
+  // A record for every descriptor, and some for code that only the symbol
+  // table describes.
+  reserve_procs(size_t(st->ipd_max) + size_t(st->ipd_max) / 8 + 64);
   Proc *stub = new_proc();
   stub->name = ".libstub";
   stub->file_name = ".libstub";

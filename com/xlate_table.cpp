@@ -275,7 +275,7 @@ bool open_input_xlate(XlateTable *t) {
   return true;
 }
 
-void build_xlate_table() {
+void build_xlate_table(const std::vector<Proc *> &order) {
   XlateTable input;
   bool composed = open_input_xlate(&input);
   XlateProducer *raw = nullptr;
@@ -304,10 +304,14 @@ void build_xlate_table() {
   // order): gathered first, so that the map entries of the procedures a
   // few ahead can be fetched early.
   std::vector<std::pair<uint64_t, uint32_t>> moved; // old address, size
-  moved.reserve(bin.procs.records.size());
-  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
+  moved.reserve(order.size());
+  for (size_t i = 0; i < order.size(); ++i) {
+    if (i + 8 < order.size())
+      __builtin_prefetch(order[i + 8]);
+    const Proc *p = order[i];
     if (in_text(p->old_addr) && p->size != 0)
       moved.push_back({p->old_addr, p->size});
+  }
   for (size_t i = 0; i < moved.size(); ++i) {
     if (i + 8 < moved.size())
       __builtin_prefetch(bin.text_map + ((moved[i + 8].first - bin.text_lo) >> 2));

@@ -10,6 +10,8 @@
 
 namespace vesk {
 
+struct Proc;
+
 // The section being written and where its next piece goes.  The output of
 // an earlier run already has one; it is reused (old_offset and old_size
 // are where it lay and what it held).
@@ -32,8 +34,9 @@ uint32_t add_section_name(Elf *elf, const char *name);
 
 // Builds the table of the new layout (bin.text_map) into
 // bin.xlate_pieces; for an input that carries a table of its own, the new
-// table translates straight back to that table's old addresses.
-void build_xlate_table();
+// table translates straight back to that table's old addresses.  order
+// is the new-order list of procedures.
+void build_xlate_table(const std::vector<Proc *> &order);
 // Adds the built table to the output image as its last section.  Runs
 // after every update that grows a section, since those move the sections
 // behind them.
