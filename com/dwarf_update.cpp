@@ -1034,10 +1034,14 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     const Unit &u = units[b.unit];
     size_t end = s.size;
     if (v5) {
+      // The tables follow each other in the section without overlapping:
+      // only the last one whose lists begin at or before the block can
+      // hold it.
       const Table *t = nullptr;
-      for (const Table &x : tables_of)
-        if (b.start >= x.body && b.start < x.end)
-          t = &x;
+      auto after = std::upper_bound(tables_of.begin(), tables_of.end(), b.start,
+                                    [](uint64_t at, const Table &x) { return at < x.body; });
+      if (after != tables_of.begin() && b.start < (after - 1)->end)
+        t = &*(after - 1);
       if (t == nullptr)
         error("%s: section %s: a list at offset %#llx lies in no table", option.program, name,
               (unsigned long long)b.start);
