@@ -93,40 +93,6 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
     copy(pos, end);
 }
 
-// A section's contents that vesk writes itself.
-struct OwnWrite {
-  uint64_t offset;
-  const void *buf;
-  size_t size;
-};
-
-// libelf copies everything it writes into a buffer of its own first, to
-// turn it to the file's byte order, plain bytes too: for .text and the
-// debug sections that is a second copy in memory and one more pass over
-// them.  The sections of plain bytes are written from their own buffers
-// instead, and taken off libelf's list (it writes the headers and the
-// sections of typed records).
-std::vector<OwnWrite> take_byte_sections(Elf *elf) {
-  std::vector<OwnWrite> own;
-  for (Elf_Scn *scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
-    GElf_Shdr sh;
-    // An empty section may have no contents at all; asking libelf for
-    // them would give it a descriptor it then refuses to write.
-    if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS || sh.sh_size == 0)
-      continue;
-    Elf_Data *d = elf_getdata(scn, nullptr);
-    if (d == nullptr || d->d_type != ELF_T_BYTE || d->d_buf == nullptr || elf_getdata(scn, d) != nullptr)
-      continue; // libelf writes what is not one block of bytes
-    own.push_back({sh.sh_offset + uint64_t(d->d_off), d->d_buf, d->d_size});
-    elf_flagdata(d, ELF_C_CLR, ELF_F_DIRTY);
-    elf_flagscn(scn, ELF_C_CLR, ELF_F_DIRTY);
-  }
-  elf_errno();
-  // The file's own flag would have libelf write every section.
-  elf_flagelf(elf, ELF_C_CLR, ELF_F_DIRTY);
-  return own;
-}
-
 } // namespace
 
 namespace {
@@ -182,11 +148,14 @@ void release_input_pages(const void *p, size_t n) {
 
 void write_it() {
   release_input_pages();
-  std::vector<OwnWrite> own = take_byte_sections(bin.out_elf);
-  if (elf_update(bin.out_elf, ELF_C_WRITE) == -1)
+  // libelf checks the image and settles its headers; vesk writes it (see
+  // write_image).
+  int64_t size = elf_update(bin.out_elf, ELF_C_NULL);
+  if (size < 0)
     error("cannot write %s: %s", option.output, elf_errmsg(-1));
-  for (const OwnWrite &w : own)
-    write_at(bin.out_fd, w.offset, w.buf, w.size, "contents", option.output);
+  if (ftruncate(bin.out_fd, off_t(size)) != 0)
+    sysfatal("writing %s", option.output);
+  bin.is_elf32 ? write_image<Elf32Class>(bin.out_elf) : write_image<Elf64Class>(bin.out_elf);
   std::vector<FileRange> ranges =
       bin.is_elf32 ? written_ranges<Elf32Class>(bin.out_elf) : written_ranges<Elf64Class>(bin.out_elf);
   elf_end(bin.out_elf);

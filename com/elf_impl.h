@@ -5,12 +5,14 @@
 #pragma once
 
 #include <cstring>
+#include <gelf.h>
 #include <vector>
 
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
+#include "base/file_io.h"
 #include "base/options.h"
 #include "com/elf.h"
 
@@ -128,7 +130,13 @@ template <class C> void duplicate_elf_t() {
       error("cannot copy section %zu", i);
     }
     *out_sh = *in_sh;
-    Elf_Data *in_d = elf_getdata(in_scn, nullptr);
+    // The relocations the link kept (-Wl,-q) are written as they were
+    // read, or emptied: their bytes as the file has them, which the output
+    // shares with the input's image.  (Their records in host order would
+    // be a converted copy as large as they are, which nothing reads.)
+    bool kept_relocations =
+        (in_sh->sh_type == SHT_REL || in_sh->sh_type == SHT_RELA) && (in_sh->sh_flags & SHF_ALLOC) == 0;
+    Elf_Data *in_d = kept_relocations ? elf_rawdata(in_scn, nullptr) : elf_getdata(in_scn, nullptr);
     if (in_d == nullptr) {
       elf_errno();
       continue;
@@ -139,12 +147,9 @@ template <class C> void duplicate_elf_t() {
       error("cannot copy the contents of section %zu", i);
     }
     *out_d = *in_d;
-    // The relocations the link kept (-Wl,-q) are written as they were
-    // read, or emptied: the output shares libelf's host-order copy of the
-    // input's records, which lives as long as the input, instead of
-    // copying them.  Everything else gets contents of its own.
-    bool kept_relocations = (in_sh->sh_type == SHT_REL || in_sh->sh_type == SHT_RELA) &&
-                            (in_sh->sh_flags & SHF_ALLOC) == 0 && in_d->d_type != ELF_T_BYTE;
+    if (kept_relocations)
+      out_d->d_type = ELF_T_BYTE; // already in the file's order
+    // Everything else gets contents of its own.
     if (in_d->d_buf != nullptr && !kept_relocations)
       out_d->d_buf = output_contents(in_d);
     if (out_d->d_type == ELF_T_ADDR && out_d->d_buf != nullptr)
@@ -197,6 +202,101 @@ struct FileRange {
 // The ranges of the file that elf_update writes from the image's headers
 // and contents: ELF header, program header table, the contents of every
 // section that has some, section header table.
+// Notes as libelf holds them (the three words of each header in the
+// host's order, names and descriptions as the file has them) turned back
+// to the file's order into out (size bytes).  libelf's own translation
+// takes only whole numbers of headers.
+inline void notes_to_file_order(const uint8_t *in, size_t size, size_t align, unsigned encoding, uint8_t *out) {
+  std::memcpy(out, in, size);
+  auto pad = [align](uint64_t n) { return (n + align - 1) / align * align; };
+  for (size_t at = 0; size - at >= 12;) {
+    uint32_t word[3];
+    std::memcpy(word, in + at, sizeof word);
+    for (int k = 0; k < 3; ++k) {
+      uint32_t w = word[k];
+      uint8_t *p = out + at + 4 * k;
+      if (encoding == ELFDATA2MSB)
+        p[0] = uint8_t(w >> 24), p[1] = uint8_t(w >> 16), p[2] = uint8_t(w >> 8), p[3] = uint8_t(w);
+      else
+        p[3] = uint8_t(w >> 24), p[2] = uint8_t(w >> 16), p[1] = uint8_t(w >> 8), p[0] = uint8_t(w);
+    }
+    // The description starts aligned, and so does the next note.
+    uint64_t length = pad(pad(12 + uint64_t(word[0])) + word[1]);
+    if (length > size - at)
+      break;
+    at += size_t(length);
+  }
+}
+
+// Writes the output image to bin.out_fd: the ELF header, the program
+// headers, every block of every section's contents and the section header
+// table, each where the headers place it, in the file's byte order.
+// libelf would write them too, but it copies every block it writes into a
+// buffer of its own first (to turn it to the file's byte order, plain
+// bytes too), and it cannot be told that a block was written already:
+// with vesk writing the large sections itself, libelf would write their
+// bytes a second time.  Plain bytes go out from where they are kept;
+// typed records are turned to the file's order in a buffer of their size.
+template <class C> void write_image(Elf *elf) {
+  typename C::Ehdr *eh = C::getehdr(elf);
+  if (eh == nullptr) {
+    print_elf_error(option.output);
+    error("cannot write %s: no ELF header", option.output);
+  }
+  unsigned encoding = eh->e_ident[EI_DATA];
+  std::vector<uint8_t> file_order;
+  auto put = [&](uint64_t offset, const void *buf, size_t size, Elf_Type type) {
+    if (size == 0 || buf == nullptr)
+      return;
+    if (type == ELF_T_BYTE) {
+      write_at(bin.out_fd, offset, buf, size, "contents", option.output);
+      release_input_pages(buf, size); // the kept relocations are written from the input's image
+      return;
+    }
+    file_order.resize(size);
+    if (type == ELF_T_NHDR || type == ELF_T_NHDR8) {
+      notes_to_file_order(static_cast<const uint8_t *>(buf), size, type == ELF_T_NHDR8 ? 8 : 4, encoding,
+                          file_order.data());
+      write_at(bin.out_fd, offset, file_order.data(), size, "contents", option.output);
+      return;
+    }
+    Elf_Data src{}, dst{};
+    src.d_buf = const_cast<void *>(buf), src.d_size = size, src.d_type = type, src.d_version = EV_CURRENT;
+    dst.d_buf = file_order.data(), dst.d_size = size, dst.d_version = EV_CURRENT;
+    if (gelf_xlatetof(elf, &dst, &src, encoding) == nullptr) {
+      print_elf_error(option.output);
+      error("cannot write %s: records libelf cannot turn to the file's byte order", option.output);
+    }
+    write_at(bin.out_fd, offset, dst.d_buf, dst.d_size, "contents", option.output);
+  };
+  typename C::Ehdr header = *eh;
+  put(0, &header, sizeof header, ELF_T_EHDR);
+  if (eh->e_phnum != 0)
+    if (typename C::Phdr *ph = C::getphdr(elf))
+      put(eh->e_phoff, ph, sizeof(typename C::Phdr) * eh->e_phnum, ELF_T_PHDR);
+  size_t shnum = 0;
+  if (elf_getshdrnum(elf, &shnum) != 0)
+    print_elf_error(option.output);
+  std::vector<typename C::Shdr> headers;
+  headers.reserve(shnum);
+  for (size_t i = 0; i < shnum; ++i) {
+    Elf_Scn *scn = elf_getscn(elf, i);
+    typename C::Shdr *sh = scn ? C::getshdr(scn) : nullptr;
+    if (sh == nullptr) {
+      print_elf_error(option.output);
+      error("cannot write %s: section %zu has no header", option.output, i);
+    }
+    headers.push_back(*sh);
+    if (i == 0 || sh->sh_type == SHT_NOBITS || sh->sh_type == SHT_NULL)
+      continue;
+    for (Elf_Data *d = elf_getdata(scn, nullptr); d != nullptr; d = elf_getdata(scn, d))
+      put(sh->sh_offset + uint64_t(d->d_off), d->d_buf, d->d_size, d->d_type);
+    elf_errno(); // a section without contents
+  }
+  if (shnum != 0)
+    put(eh->e_shoff, headers.data(), headers.size() * sizeof(typename C::Shdr), ELF_T_SHDR);
+}
+
 template <class C> std::vector<FileRange> written_ranges(Elf *elf) {
   std::vector<FileRange> r;
   typename C::Ehdr *eh = C::getehdr(elf);
