@@ -19,6 +19,7 @@
 
 #include "com/branch.h"
 #include "com/elf.h"
+#include "com/elf_impl.h"
 #include "com/update.h"
 #include "support/bench.h"
 #include "support/step.h"
@@ -328,5 +329,61 @@ TEST(Relayout, SyntheticImagesWithTheHalvesOfTheTextSwappedKeepEveryOwnedCodeAdd
     check_rewrite(in, out, layout);
     unlink(in.c_str());
     unlink(out.c_str());
+  }
+}
+
+// libelf hands notes out with their header words in the host's order and
+// the rest as the file has it; the writer turns them back.  Each note's
+// description and the next note start aligned to 4 bytes, or to 8 for the
+// notes of 8-byte alignment (there the name's padding depends on the
+// header's 12 bytes), and a damaged last note keeps its bytes.
+TEST(WriteImage, NotesGoBackToTheFilesOrder) {
+  auto be32 = [](std::vector<uint8_t> &v, uint32_t w) {
+    for (int s = 24; s >= 0; s -= 8)
+      v.push_back(uint8_t(w >> s));
+  };
+  auto note = [&](std::vector<uint8_t> &v, size_t align, const char *name, std::vector<uint8_t> desc, uint32_t type) {
+    size_t start = v.size(), namesz = std::strlen(name) + 1;
+    be32(v, uint32_t(namesz)), be32(v, uint32_t(desc.size())), be32(v, type);
+    v.insert(v.end(), name, name + namesz);
+    while ((v.size() - start) % align)
+      v.push_back(0);
+    v.insert(v.end(), desc.begin(), desc.end());
+    while ((v.size() - start) % align)
+      v.push_back(0);
+  };
+  auto host = [](std::vector<uint8_t> file, size_t align) { // as libelf holds it
+    for (size_t at = 0; file.size() - at >= 12;) {
+      uint32_t w[3];
+      for (int k = 0; k < 3; ++k) {
+        w[k] = vesk::load32(file.data() + at + 4 * k);
+        std::memcpy(file.data() + at + 4 * k, &w[k], 4);
+      }
+      auto pad = [align](size_t n) { return (n + align - 1) / align * align; };
+      size_t len = pad(pad(12 + w[0]) + w[1]);
+      if (len > file.size() - at)
+        break;
+      at += len;
+    }
+    return file;
+  };
+  struct Case {
+    size_t align;
+    std::vector<uint8_t> file;
+  };
+  std::vector<Case> cases(3);
+  cases[0].align = 4;
+  note(cases[0].file, 4, "GNU", {0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 2, 0, 0, 0, 0}, 1);
+  note(cases[0].file, 4, "GNU", std::vector<uint8_t>(20, 0xab), 3);
+  note(cases[0].file, 4, "Go", {1, 2, 3}, 4);
+  cases[1].align = 8;
+  note(cases[1].file, 8, "GNU", std::vector<uint8_t>(16, 0x5a), 5);
+  note(cases[1].file, 8, "GNU", std::vector<uint8_t>(8, 0x11), 5);
+  cases[2] = cases[0];
+  cases[2].file.resize(cases[2].file.size() - 3); // a last note cut short
+  for (const Case &c : cases) {
+    std::vector<uint8_t> in = host(c.file, c.align), out(in.size());
+    vesk::notes_to_file_order(in.data(), in.size(), c.align, ELFDATA2MSB, out.data());
+    EXPECT_EQ(out, c.file) << "align " << c.align << ", " << c.file.size() << " bytes";
   }
 }
