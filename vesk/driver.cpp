@@ -148,6 +148,8 @@ void reorder_it() {
     update_compact_rel();
   else if (has_events)
     process_update_events(); // without them nothing has moved (refused above)
+  // The input's code has been read for the last time but for a rare check.
+  release_input_pages(bin.text_buf, size_t(bin.text_words) * 4);
   update_gp_ranges();
   update_unwind_tables();
   if (option.r4000_fix != 0) // any nonzero value, unlike the fix above
