@@ -66,10 +66,8 @@ void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
 } // namespace
 
 void mdebug_interface() {
-  std::unique_ptr<MdebugHandle> handle = mdebug_open(option.program);
+  std::unique_ptr<MdebugHandle> handle = mdebug_open_elf(bin.in_elf, bin.in_fd, option.program);
   MdebugHandle *ldptr = handle.get();
-  if (ldptr == nullptr)
-    error("%s: cannot open its .mdebug symbol table", option.program);
   MdebugSymtab *st = mdebug_symtab(ldptr);
   if (st == nullptr)
     error("%s: cannot read the header of its .mdebug symbol table", option.program);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <gelf.h>
 #include <libelf.h>
@@ -73,14 +72,14 @@ const uint8_t *table_in_section(const MdebugHandle *h, const char *what, uint32_
                                 size_t entsize) {
   if (count == 0)
     return nullptr;
-  uint64_t size = h->section.size();
+  uint64_t size = h->size;
   uint64_t bytes = uint64_t(count) * entsize;
   uint64_t rel = uint64_t(off) - h->file_off;
   if (off < h->file_off || rel > size || bytes > size - rel)
     error("%s: the mdebug %s (%u entries at file offset %#x) lie outside the .mdebug section "
           "(file offset %#llx, %llu bytes)",
           h->name.c_str(), what, count, off, (unsigned long long)h->file_off, (unsigned long long)size);
-  return h->section.data() + rel;
+  return h->bytes + rel;
 }
 
 // The NUL-terminated string at offset off of a string table of max bytes.
@@ -99,35 +98,29 @@ bool has_local_symbols(const Fdr &f) { return int32_t(uint32_t(f.csym)) > 0; }
 
 } // namespace
 
-std::unique_ptr<MdebugHandle> mdebug_open(const char *path) {
-  int fd = open(path, O_RDONLY);
-  if (fd < 0)
-    return nullptr;
-  elf_version(EV_CURRENT);
-  Elf *e = elf_begin(fd, ELF_C_READ, nullptr);
-  if (e == nullptr || elf_kind(e) != ELF_K_ELF) {
-    if (e != nullptr)
-      elf_end(e);
-    close(fd);
-    elf_errno(); // nothing of this failure is left pending
-    return nullptr;
-  }
+std::unique_ptr<MdebugHandle> mdebug_open_elf(Elf *e, int fd, const char *path) {
   SectionPlace place;
   switch (gelf_getclass(e)) {
   case ELFCLASS32: place = find_mdebug_section<Elf32Class>(e); break;
   case ELFCLASS64: place = find_mdebug_section<Elf64Class>(e); break;
   default: break;
   }
-  elf_end(e);
   elf_errno();
-
   auto h = std::make_unique<MdebugHandle>();
   h->name = path;
   h->has_section = place.found;
   h->file_off = place.offset;
-  if (place.found && !place.nobits)
-    read_file_range(fd, path, place.offset, place.size, h->section);
-  close(fd);
+  if (!place.found || place.nobits)
+    return h;
+  size_t image_size = 0;
+  const char *image = elf_rawfile(e, &image_size);
+  elf_errno();
+  if (image != nullptr && place.offset <= image_size && place.size <= image_size - place.offset) {
+    h->bytes = reinterpret_cast<const uint8_t *>(image) + place.offset, h->size = size_t(place.size);
+    return h;
+  }
+  read_file_range(fd, path, place.offset, place.size, h->section);
+  h->bytes = h->section.data(), h->size = h->section.size();
   return h;
 }
 
@@ -136,7 +129,7 @@ std::unique_ptr<MdebugHandle> mdebug_open_image(const uint8_t *bytes, size_t siz
   auto h = std::make_unique<MdebugHandle>();
   h->name = name;
   h->has_section = true;
-  h->section.assign(bytes, bytes + size);
+  h->bytes = bytes, h->size = size;
   h->file_off = file_off;
   return h;
 }
@@ -145,10 +138,10 @@ MdebugSymtab *mdebug_symtab(MdebugHandle *h) {
   if (h == nullptr || !h->has_section)
     return nullptr;
   if (h->st.hdr == nullptr) {
-    if (h->section.size() < sizeof(Hdrr))
+    if (h->size < sizeof(Hdrr))
       error("%s: the .mdebug section of %zu bytes is too small for its symbolic header (%zu bytes)",
-            h->name.c_str(), h->section.size(), sizeof(Hdrr));
-    const Hdrr *hdr = record_at<Hdrr>(h->section.data(), 0);
+            h->name.c_str(), h->size, sizeof(Hdrr));
+    const Hdrr *hdr = record_at<Hdrr>(h->bytes, 0);
     if (hdr->magic == MDEBUG_MAGIC_64)
       error("%s: the .mdebug section holds a 64-bit symbolic table (magic %#x); only the 32-bit form "
             "(magic %#x) is handled",

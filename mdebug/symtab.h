@@ -6,8 +6,7 @@
 // contents end the run with a clear error; nothing reads past the section.
 //
 // The operations, in the order the procedure discovery uses them:
-//   mdebug_open         open an object file by path; null when it cannot be
-//                       opened or is not ELF
+//   mdebug_open_elf     the section of an ELF file already open
 //   mdebug_symtab       the symbol table of a handle; null when the file has
 //                       no .mdebug section
 //   mdebug_read_tables  check and load the file, procedure, local-symbol,
@@ -22,6 +21,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <libelf.h>
 
 #include "mdebug/records.h"
 
@@ -49,7 +50,9 @@ struct MdebugSymtab {
 struct MdebugHandle {
   std::string name;               // the file's path, for messages
   bool has_section = false;
-  std::vector<uint8_t> section;   // the .mdebug contents
+  std::vector<uint8_t> section;   // the .mdebug contents, when read into the handle
+  const uint8_t *bytes = nullptr; // the .mdebug contents: section's, or an image's that outlives the handle
+  size_t size = 0;
   uint64_t file_off = 0;          // file offset of section[0]
   MdebugSymtab st;
   // The files that own local symbols, ordered by isymBase, to find the
@@ -64,8 +67,11 @@ struct MdebugSymbol {
   uint32_t ifd;
 };
 
-std::unique_ptr<MdebugHandle> mdebug_open(const char *path);
-// A handle on section bytes already in memory, which lay at file_off.
+// The section of an ELF file already open (e, read from fd, named path):
+// read from the file's image where libelf holds one, without a copy.
+std::unique_ptr<MdebugHandle> mdebug_open_elf(Elf *e, int fd, const char *path);
+// A handle on section bytes already in memory, which lay at file_off; they
+// must outlive the handle.
 std::unique_ptr<MdebugHandle> mdebug_open_image(const uint8_t *bytes, size_t size, uint64_t file_off,
                                                 const char *name);
 MdebugSymtab *mdebug_symtab(MdebugHandle *h);
