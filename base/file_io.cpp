@@ -38,6 +38,10 @@ void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char 
 }
 
 void write_file_atomically(const std::string &path, const void *data, size_t size, mode_t mode) {
+  write_file_atomically(path, {{data, size}}, mode);
+}
+
+void write_file_atomically(const std::string &path, std::initializer_list<FilePiece> pieces, mode_t mode) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
     error("%s is not a regular file; name another output", path.c_str());
@@ -53,13 +57,15 @@ void write_file_atomically(const std::string &path, const void *data, size_t siz
   mode_t mask = umask(0);
   umask(mask);
   bool ok = fchmod(fd, mode & ~mask) == 0;
-  const char *bytes = static_cast<const char *>(data);
-  for (size_t done = 0; ok && done < size;) {
-    ssize_t n = write(fd, bytes + done, size - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    ok = n > 0;
-    done += n > 0 ? size_t(n) : 0;
+  for (const FilePiece &piece : pieces) {
+    const char *bytes = static_cast<const char *>(piece.data);
+    for (size_t done = 0; ok && done < piece.size;) {
+      ssize_t n = write(fd, bytes + done, piece.size - done);
+      if (n < 0 && errno == EINTR)
+        continue;
+      ok = n > 0;
+      done += n > 0 ? size_t(n) : 0;
+    }
   }
   int e = errno;
   ok = close(fd) == 0 && ok;

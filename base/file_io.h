@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <sys/types.h>
 #include <utility>
@@ -18,6 +19,12 @@ void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char 
 // one untouched.  path must not name anything but a regular file; the new
 // file gets mode (less the umask).
 void write_file_atomically(const std::string &path, const void *data, size_t size, mode_t mode);
+// The same for a file made of pieces, written one behind the other.
+struct FilePiece {
+  const void *data;
+  size_t size;
+};
+void write_file_atomically(const std::string &path, std::initializer_list<FilePiece> pieces, mode_t mode);
 
 // A private, writable mapping of a whole file: the pages nobody writes stay
 // shared with the file's cache, a page written is copied then.  The output

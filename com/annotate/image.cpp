@@ -269,7 +269,9 @@ Image read_image(const std::string &path, int fd) {
   im.path = path;
   if (lseek(fd, 0, SEEK_SET) != 0)
     sysfatal("reading %s", path.c_str());
-  im.file = read_whole(path, fd);
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0 || !im.file.map.map(fd, size_t(st.st_size)))
+    im.file.copy = read_whole(path, fd);
   elf_version(EV_CURRENT);
   // Ended however the reading ends: a refusal throws.
   std::unique_ptr<Elf, int (*)(Elf *)> elf(elf_begin(fd, ELF_C_READ_MMAP, nullptr), elf_end);

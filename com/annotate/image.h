@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/file_io.h"
+
 namespace vesk::annotate {
 
 struct Section {
@@ -35,9 +37,20 @@ struct RelSection {
   std::vector<Rela> relas;          // n32, n64: in table order
 };
 
+// The whole input: the file mapped privately where it can be (its pages
+// stay the file cache's until a patch writes one, and only that page is
+// copied), else read.
+struct FileBytes {
+  PrivateMap map;
+  std::vector<uint8_t> copy;
+  uint8_t *data() { return map.data() != nullptr ? map.data() : copy.data(); }
+  const uint8_t *data() const { return map.data() != nullptr ? map.data() : copy.data(); }
+  size_t size() const { return map.data() != nullptr ? map.size() : copy.size(); }
+};
+
 struct Image {
   std::string path;
-  std::vector<uint8_t> file; // the whole input
+  FileBytes file; // the whole input
   std::vector<Section> sections;
   std::vector<RelSection> rel_sections;
   std::vector<GElf_Sym> symbols;         // .symtab, host order

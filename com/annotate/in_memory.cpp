@@ -62,13 +62,14 @@ void describe_code_addresses_in_memory() {
     return;
   annotate::Image im = annotate::read_image(option.program, bin.in_fd);
   annotate::Description d = annotate::describe(im);
-  std::vector<uint8_t> file = annotate::annotated_file(im, d, annotate::annotation_sections(im, d));
+  annotate::AnnotatedFile file = annotate::annotated_file(im, d, annotate::annotation_sections(im, d));
   int fd = memfd_create("vesk-input", MFD_CLOEXEC);
   if (fd < 0)
     sysfatal("cannot make room for the description of %s", option.program);
   close(bin.in_fd);
   bin.in_fd = fd;
-  write_at(fd, 0, file.data(), file.size(), "contents", "the described input");
+  write_at(fd, 0, file.head, file.head_size, "contents", "the described input");
+  write_at(fd, file.head_size, file.tail.data(), file.tail.size(), "contents", "the described input");
   if (option.verbose) {
     if (im.is_o32())
       std::printf("%s: %zu code-address references described in memory (%zu GOT page entries)\n", option.program,

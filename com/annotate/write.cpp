@@ -56,11 +56,6 @@ template <class Shdr> std::vector<uint8_t> new_header(uint32_t name, const NewSe
   return std::vector<uint8_t>(b, b + sizeof sh);
 }
 
-void pad_to(std::vector<uint8_t> &v, size_t align) {
-  while (v.size() % align != 0)
-    v.push_back(0);
-}
-
 } // namespace
 
 std::vector<uint8_t> compact_rel_section(const Description &d) {
@@ -141,79 +136,88 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
   return out;
 }
 
-std::vector<uint8_t> annotated_file(const Image &im, const Description &d, const std::vector<NewSection> &added) {
-  std::vector<uint8_t> f = im.file;
+AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<NewSection> &added) {
+  uint8_t *f = im.file.data();
+  size_t size = im.file.size();
   for (const auto &[addr, w] : d.patches) {
     const Section *s = im.section_holding(addr, 4);
     if (s == nullptr)
       error("%s: no section holds the call at %#llx", im.path.c_str(), (unsigned long long)addr);
-    store32(f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
+    store32(f + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
   }
   for (const auto &[index, value] : d.got_entries) {
     uint64_t addr = im.got_addr + uint64_t(index) * im.word_size;
     const Section *s = im.section_holding(addr, im.word_size);
     if (s == nullptr)
       error("%s: no section holds GOT entry %u", im.path.c_str(), index);
-    uint8_t *p = f.data() + s->sh.sh_offset + (addr - s->sh.sh_addr);
+    uint8_t *p = f + s->sh.sh_offset + (addr - s->sh.sh_addr);
     im.is_64 ? store64(p, value) : store32(p, uint32_t(value));
   }
   const HeaderFields &hf = im.is_64 ? FIELDS64 : FIELDS32;
-  uint64_t old_shoff = im.is_64 ? load64(f.data() + hf.shoff) : load32(f.data() + hf.shoff);
-  uint16_t shnum = load16(f.data() + hf.shnum);
-  uint16_t shstrndx = load16(f.data() + hf.shstrndx);
-  if (old_shoff > f.size() || uint64_t(shnum) * hf.shdr_size > f.size() - old_shoff || shstrndx >= shnum)
+  uint64_t old_shoff = im.is_64 ? load64(f + hf.shoff) : load32(f + hf.shoff);
+  uint16_t shnum = load16(f + hf.shnum);
+  uint16_t shstrndx = load16(f + hf.shstrndx);
+  if (old_shoff > size || uint64_t(shnum) * hf.shdr_size > size - old_shoff || shstrndx >= shnum)
     error("%s: the section header table lies outside the file", im.path.c_str());
 
+  AnnotatedFile out;
+  out.head = f, out.head_size = size;
+  std::vector<uint8_t> &t = out.tail;
+  auto at = [&] { return size + t.size(); }; // a file offset in the tail
+  auto pad = [&](size_t align) {
+    while (at() % align != 0)
+      t.push_back(0);
+  };
   // The name table, copied with the new names behind the old ones.
   const Section &names = im.sections[shstrndx];
-  pad_to(f, 4);
-  uint64_t names_offset = f.size();
-  f.insert(f.end(), names.raw, names.raw + names.sh.sh_size);
+  pad(4);
+  uint64_t names_offset = at();
+  t.insert(t.end(), names.raw, names.raw + names.sh.sh_size);
   std::vector<uint32_t> new_names;
   for (const NewSection &s : added) {
-    new_names.push_back(uint32_t(f.size() - names_offset));
-    f.insert(f.end(), s.name.c_str(), s.name.c_str() + s.name.size() + 1);
+    new_names.push_back(uint32_t(at() - names_offset));
+    t.insert(t.end(), s.name.c_str(), s.name.c_str() + s.name.size() + 1);
   }
-  uint64_t names_size = f.size() - names_offset;
+  uint64_t names_size = at() - names_offset;
 
   // The added sections are the last in the file, so that vesk can grow
   // .compact_rel by moving only the section header table behind it.
   std::vector<uint64_t> offsets;
   for (const NewSection &s : added) {
-    pad_to(f, 8);
-    offsets.push_back(f.size());
-    f.insert(f.end(), s.bytes.begin(), s.bytes.end());
+    pad(8);
+    offsets.push_back(at());
+    t.insert(t.end(), s.bytes.begin(), s.bytes.end());
   }
 
-  pad_to(f, 8);
-  uint64_t shoff = f.size();
-  f.insert(f.end(), im.file.begin() + old_shoff, im.file.begin() + old_shoff + shnum * hf.shdr_size);
-  uint8_t *names_header = f.data() + shoff + shstrndx * hf.shdr_size;
+  pad(8);
+  uint64_t shoff = at();
+  size_t headers_at = t.size();
+  t.insert(t.end(), f + old_shoff, f + old_shoff + shnum * hf.shdr_size);
+  uint8_t *names_header = t.data() + headers_at + shstrndx * hf.shdr_size;
   im.is_64 ? set_placement<Shdr64>(names_header, names_offset, names_size)
            : set_placement<Shdr32>(names_header, names_offset, names_size);
   for (size_t i = 0; i < added.size(); ++i) {
     uint32_t link = added[i].link_text ? uint32_t(im.text->index) : 0;
     std::vector<uint8_t> h = im.is_64 ? new_header<Shdr64>(new_names[i], added[i], offsets[i], link)
                                       : new_header<Shdr32>(new_names[i], added[i], offsets[i], link);
-    f.insert(f.end(), h.begin(), h.end());
+    t.insert(t.end(), h.begin(), h.end());
   }
 
   if (im.is_64)
-    store64(f.data() + hf.shoff, shoff);
+    store64(f + hf.shoff, shoff);
   else
-    store32(f.data() + hf.shoff, uint32_t(shoff));
-  store16(f.data() + hf.shnum, uint16_t(shnum + added.size()));
-  return f;
+    store32(f + hf.shoff, uint32_t(shoff));
+  store16(f + hf.shnum, uint16_t(shnum + added.size()));
+  return out;
 }
 
-void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
-                     const std::string &out) {
-  std::vector<uint8_t> f = annotated_file(im, d, added);
+void write_annotated(Image &im, const Description &d, const std::vector<NewSection> &added, const std::string &out) {
+  AnnotatedFile f = annotated_file(im, d, added);
   struct stat st;
   mode_t mode = 0755;
   if (stat(im.path.c_str(), &st) == 0)
     mode = st.st_mode & 0777;
-  write_file_atomically(out, f.data(), f.size(), mode);
+  write_file_atomically(out, {{f.head, f.head_size}, {f.tail.data(), f.tail.size()}}, mode);
 }
 
 } // namespace vesk::annotate

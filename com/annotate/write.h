@@ -34,12 +34,18 @@ struct NewSection {
 // data records go into the events stream.
 std::vector<NewSection> annotation_sections(const Image &im, const Description &d);
 
-// im's bytes, with the description's patches applied, followed by a copy of the section name table that also names the added
-// sections, the added sections and a new section header table.  Every byte
-// of the input keeps its offset.
-std::vector<uint8_t> annotated_file(const Image &im, const Description &d, const std::vector<NewSection> &added);
+// The annotated copy: im's bytes, with the description's patches applied
+// to them in place (im's own bytes become the copy's: the input is not
+// copied again), followed by a tail: a copy of the section name table
+// that also names the added sections, the added sections and a new section
+// header table.  Every byte of the input keeps its offset.
+struct AnnotatedFile {
+  const uint8_t *head = nullptr; // im's bytes
+  size_t head_size = 0;
+  std::vector<uint8_t> tail;
+};
+AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<NewSection> &added);
 // The same, written to out through a temporary file renamed on success.
-void write_annotated(const Image &im, const Description &d, const std::vector<NewSection> &added,
-                     const std::string &out);
+void write_annotated(Image &im, const Description &d, const std::vector<NewSection> &added, const std::string &out);
 
 } // namespace vesk::annotate
