@@ -1,6 +1,8 @@
 #include "base/file_io.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -69,12 +71,21 @@ void write_file_atomically(const std::string &path, std::initializer_list<FilePi
   }
   int e = errno;
   ok = close(fd) == 0 && ok;
-  if (!ok || rename(name.data(), path.c_str()) != 0) {
+  if (!ok || !replace_file(name.data(), path.c_str())) {
     e = ok ? errno : e;
     unlink(name.data());
     errno = e;
     sysfatal("cannot write %s", path.c_str());
   }
+}
+
+bool replace_file(const char *temp, const char *path) {
+  if (renameat2(AT_FDCWD, temp, AT_FDCWD, path, RENAME_EXCHANGE) == 0) {
+    unlink(temp); // the old file, now under the temporary name
+    return true;
+  }
+  // No file to swap with, or a file system that cannot swap.
+  return rename(temp, path) == 0;
 }
 
 PrivateMap::~PrivateMap() {

@@ -26,6 +26,15 @@ struct FilePiece {
 };
 void write_file_atomically(const std::string &path, std::initializer_list<FilePiece> pieces, mode_t mode);
 
+// Puts the finished file temp in the place of path (same directory),
+// atomically: path names the old file or the new one, never neither.  An
+// existing path is swapped with temp and then removed, not replaced by a
+// rename: on ext4, a rename over an existing file makes the kernel write
+// the new file's data out at once (a guard for programs that do not sync
+// what they replace), which costs more than the whole rest of the write.
+// Returns false with errno set when the swap fails.
+bool replace_file(const char *temp, const char *path);
+
 // A private, writable mapping of a whole file: the pages nobody writes stay
 // shared with the file's cache, a page written is copied then.  The output
 // image starts from the input's contents this way, so what a run leaves

@@ -6,9 +6,12 @@
 // "prog.fb" beside it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <unistd.h>
 
+#include "base/file_io.h"
 #include "support/bench.h"
 
 using namespace vesk;
@@ -103,4 +106,29 @@ TEST(Refusals, OneErrorLineStatusOneNoOutputInputUntouched) {
     EXPECT_NE(access((dir / "out").c_str(), F_OK), 0) << "output left behind";
     EXPECT_TRUE(read_file(dir / "prog") == input) << "input changed";
   }
+}
+
+// A finished output takes the place of what was at its path, whatever was
+// there; nothing else is left in the directory, and a failed swap leaves
+// the path as it was.
+TEST(Refusals, ReplacingAFileLeavesOnlyTheNewOne) {
+  ScratchDir dir("replace");
+  auto entries = [&] {
+    std::vector<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir.path()))
+      names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  write_file(dir / ".tmp", "new");
+  EXPECT_TRUE(vesk::replace_file((dir / ".tmp").c_str(), (dir / "out").c_str())); // nothing there yet
+  EXPECT_EQ(read_file(dir / "out"), "new");
+  write_file(dir / ".tmp", "newer");
+  link((dir / "out").c_str(), (dir / "other-link").c_str());
+  EXPECT_TRUE(vesk::replace_file((dir / ".tmp").c_str(), (dir / "out").c_str()));
+  EXPECT_EQ(read_file(dir / "out"), "newer");
+  EXPECT_EQ(read_file(dir / "other-link"), "new"); // the old file, under its other name only
+  EXPECT_EQ(entries(), (std::vector<std::string>{"other-link", "out"}));
+  EXPECT_FALSE(vesk::replace_file((dir / ".missing").c_str(), (dir / "out").c_str()));
+  EXPECT_EQ(read_file(dir / "out"), "newer");
 }

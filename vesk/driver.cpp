@@ -111,7 +111,7 @@ void commit_output() {
   bin.out_fd = -1;
   if (close(fd) != 0)
     sysfatal("writing %s", option.output);
-  if (rename(bin.output_temp.c_str(), option.output) != 0)
+  if (!replace_file(bin.output_temp.c_str(), option.output))
     sysfatal("cannot write %s", option.output);
   bin.output_temp.clear();
 }
