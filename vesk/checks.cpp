@@ -312,7 +312,7 @@ void tie_procedures_ending_in_a_call() {
   NoReturn calls;
   tie_procedures_that_run_on(
       [&calls](const Proc *p) {
-        if ((p->name != nullptr && std::strcmp(p->name, ".libstub") == 0) || p->size <= 7)
+        if (p->size <= 7)
           return false;
         // The word before the last delay slot: a call there returns into
         // the next procedure.
@@ -320,7 +320,10 @@ void tie_procedures_ending_in_a_call() {
         if (!idx)
           return false;
         uint32_t w = word_at(bin.text_buf, *idx);
-        return (mips::is_jal(w) || mips::is_jalr(w)) && !calls.ends_in_call_that_never_returns(p);
+        // The name last: few procedures end in a call, and reading every
+        // name would fetch them all.
+        return (mips::is_jal(w) || mips::is_jalr(w)) && (p->name == nullptr || std::strcmp(p->name, ".libstub") != 0) &&
+               !calls.ends_in_call_that_never_returns(p);
       },
       "jal/jalr");
 }
@@ -353,12 +356,15 @@ void tie_procedures_without_a_return() {
 }
 
 void tie_procedures_sharing_unwind_info() {
+  std::vector<UnwindSpan> spans = unwind_spans();
+  if (spans.empty())
+    return;
   std::vector<Proc *> by_addr;
   for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next)
     if (p->size != 0 && start_in_text(p))
       by_addr.push_back(p);
   std::sort(by_addr.begin(), by_addr.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
-  for (const UnwindSpan &s : unwind_spans()) {
+  for (const UnwindSpan &s : spans) {
     // The procedures the span overlaps, in address order; each is tied to
     // the next when they lie back to back.  Code between them that no
     // procedure covers cannot be tied: the update refuses the layout if it
