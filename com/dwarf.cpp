@@ -17,7 +17,6 @@
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <gelf.h>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -128,6 +127,47 @@ bool is_constant_form(unsigned form) {
   }
 }
 
+// A set of ranges [lo, hi) with hi > lo, open addressing: one is added
+// for nearly every subprogram, and a tree would allocate a node each.
+class RangeSet {
+public:
+  // Adds [lo, hi); false when it was there already.
+  bool insert(uint64_t lo, uint64_t hi) {
+    if (2 * (count_ + 1) > slots_.size())
+      grow();
+    size_t mask = slots_.size() - 1;
+    for (size_t i = hash(lo, hi) & mask;; i = (i + 1) & mask) {
+      Slot &s = slots_[i];
+      if (s.hi == 0) { // empty: no range has hi 0
+        s = {lo, hi};
+        ++count_;
+        return true;
+      }
+      if (s.lo == lo && s.hi == hi)
+        return false;
+    }
+  }
+
+private:
+  struct Slot {
+    uint64_t lo = 0, hi = 0;
+  };
+  std::vector<Slot> slots_;
+  size_t count_ = 0;
+  static size_t hash(uint64_t lo, uint64_t hi) {
+    uint64_t h = (lo * 0x9e3779b97f4a7c15ull) ^ (hi * 0xc2b2ae3d27d4eb4full);
+    return size_t(h ^ (h >> 29));
+  }
+  void grow() {
+    std::vector<Slot> old = std::move(slots_);
+    slots_.assign(old.empty() ? 1024 : 2 * old.size(), Slot{});
+    count_ = 0;
+    for (const Slot &s : old)
+      if (s.hi != 0)
+        insert(s.lo, s.hi);
+  }
+};
+
 // The walk over the entries of every unit.  Names it hands to records or
 // notes are kept in the procedure table, for the whole run.
 class DwarfWalk {
@@ -160,7 +200,7 @@ private:
   // The ranges recorded so far.  A function that several files define
   // (a C++ inline function or template instance) is kept once by the
   // linker, and with -q every file's entry then describes that one copy.
-  std::set<std::pair<uint64_t, uint64_t>> recorded;
+  RangeSet recorded;
   // The entries of the unit being walked that were reached, a bit for each
   // byte of the unit from its first; and the unit's bounds.
   std::vector<uint64_t> reached;
@@ -265,7 +305,7 @@ private:
     }
     if (reordered)
       follow_table(s.text, &lo, &hi);
-    if (hi > lo && !recorded.insert({lo, hi}).second)
+    if (hi > lo && !recorded.insert(lo, hi))
       return;
     bool instance = s.have_origin || s.linkage_name != nullptr;
     const char *name = part == 0 ? s.name : nullptr;
@@ -307,14 +347,16 @@ private:
         print_dwarf_error("dwarf_diename");
       name = bin.procs.keep(raw);
     }
-    std::string text = name ? name : kNoName;
+    // The name in messages; a string only for the one case that builds it.
+    std::string built;
+    const char *text = name ? name : kNoName;
 
-    PcRange pc = read_pc_range(attrs, text.c_str());
+    PcRange pc = read_pc_range(attrs, text);
     if (pc.declaration)
       return;
     bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
     if (have_ranges)
-      read_code_ranges(die, text.c_str(), &ranges);
+      read_code_ranges(die, text, &ranges);
 
     bool have_origin = false;
     uint64_t origin = 0;
@@ -343,14 +385,14 @@ private:
       forget_dwarf_error();
     }
     if (name == nullptr && linkage_name != nullptr)
-      text = std::string("abstract name: ") + linkage_name + "\n";
+      built = std::string("abstract name: ") + linkage_name + "\n", text = built.c_str();
 
     uint64_t offset = dwarf_dieoffset(die);
-    Subprogram s{name,   text.c_str(), have_origin,    origin, linkage_name,
+    Subprogram s{name,   text, have_origin,    origin, linkage_name,
                  offset, unit.file_name, attrs.has(SubprogramAttrs::SPECIFICATION)};
     if (pc.have_high || have_ranges) {
       if (pc.have_high && !pc.have_low)
-        error("Have highpc but no lowpc on %s\n", text.c_str());
+        error("Have highpc but no lowpc on %s\n", text);
       if (pc.have_high)
         ranges.assign(1, CodeRange{pc.low, pc.high});
       size_t entry = pc.have_high ? 0 : entry_range(attrs.get(SubprogramAttrs::ENTRY_PC), ranges);
@@ -365,7 +407,7 @@ private:
       // its code folded into another function's or turned into a thunk; the
       // symbol table gives that code a record.
       if (name == nullptr || !symbols->has_sized(name))
-        warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text.c_str(),
+        warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text,
                 (unsigned long long)offset, (unsigned long long)offset);
     }
   }
