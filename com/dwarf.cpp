@@ -330,10 +330,7 @@ private:
   }
 
   // One entry of a unit's tree; only subprograms matter.
-  void visit_entry(Dwarf_Die *die, const Unit &unit) {
-    int tag = dwarf_tag(die);
-    if (tag == DW_TAG_invalid)
-      print_dwarf_error("dwarf_tag");
+  void visit_entry(Dwarf_Die *die, int tag, const Unit &unit) {
     if (tag != DW_TAG_subprogram)
       return;
     SubprogramAttrs attrs;
@@ -456,8 +453,14 @@ private:
         if (depth > kMaxDepth)
           error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
                 (unsigned long long)offset, kMaxDepth);
-        stack.push_back({die, depth});
-        visit_entry(&die, unit);
+        int tag = dwarf_tag(&die);
+        if (tag == DW_TAG_invalid)
+          print_dwarf_error("dwarf_tag");
+        // The children of a call site are its parameters, never code: a
+        // quarter of the entries of optimised code, not walked.
+        if (tag != DW_TAG_call_site && tag != DW_TAG_GNU_call_site)
+          stack.push_back({die, depth});
+        visit_entry(&die, tag, unit);
         // A unit's entry has no siblings: asking would read through the
         // whole unit.
         if (last)
