@@ -329,10 +329,13 @@ private:
            (unsigned long long)hi);
   }
 
-  // One entry of a unit's tree; only subprograms matter.
-  void visit_entry(Dwarf_Die *die, int tag, const Unit &unit) {
+  // One entry of a unit's tree; only subprograms matter.  False when the
+  // entry's children need not be walked: those of a function's declaration
+  // are its parameters (the entries of its nested functions are children
+  // of its definition's).
+  bool visit_entry(Dwarf_Die *die, int tag, const Unit &unit) {
     if (tag != DW_TAG_subprogram)
-      return;
+      return true;
     SubprogramAttrs attrs;
     if (dwarf_getattrs(die, SubprogramAttrs::gather, &attrs, 0) != 1)
       print_dwarf_error("dwarf_attr");
@@ -350,7 +353,7 @@ private:
 
     PcRange pc = read_pc_range(attrs, text);
     if (pc.declaration)
-      return;
+      return false;
     bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
     if (have_ranges)
       read_code_ranges(die, text, &ranges);
@@ -407,6 +410,7 @@ private:
         warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text,
                 (unsigned long long)offset, (unsigned long long)offset);
     }
+    return true;
   }
 
   // Entries nested deeper than this are refused.  Compilers stay far below
@@ -458,9 +462,8 @@ private:
           print_dwarf_error("dwarf_tag");
         // The children of a call site are its parameters, never code: a
         // quarter of the entries of optimised code, not walked.
-        if (tag != DW_TAG_call_site && tag != DW_TAG_GNU_call_site)
+        if (visit_entry(&die, tag, unit) && tag != DW_TAG_call_site && tag != DW_TAG_GNU_call_site)
           stack.push_back({die, depth});
-        visit_entry(&die, tag, unit);
         // A unit's entry has no siblings: asking would read through the
         // whole unit.
         if (last)
