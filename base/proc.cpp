@@ -117,6 +117,7 @@ void attach_proc_list(Proc *p) {
     p->prev = t.order_tail;
   }
   t.order_tail = p;
+  ++t.order_size;
   t.addr_index_valid = false;
 }
 

@@ -64,6 +64,7 @@ struct ProcTable {
   const char *keep(const char *s) { return strings.emplace_back(s).c_str(); }
   Proc *order_head = nullptr;   // the new-order list
   Proc *order_tail = nullptr;
+  size_t order_size = 0;        // records attached to the list (moves keep them in it)
   // The feedback does not cover the program as it is now (a procedure
   // without feedback, or feedback naming none of the program's).
   bool feedback_stale = false;
