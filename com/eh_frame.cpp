@@ -475,17 +475,6 @@ Tables read_tables() {
   return t;
 }
 
-// The code of a span keeps its distances: it moved as one piece.  Only
-// the words in .text can have moved, so only they are looked at.
-bool moved_in_one_piece(const UnwindSpan &s) {
-  uint64_t first = new_code_address(s.lo);
-  uint64_t lo = std::max(s.lo, bin.text_lo), hi = std::min(s.hi, bin.text_hi);
-  for (uint64_t a = lo; a < hi; a = (a | 3) + 1)
-    if (new_code_address(a) != first + (a - s.lo))
-      return false;
-  return true;
-}
-
 void store_field(uint8_t *sec_out, uint64_t sec_addr, const char *sec_name, const Field &f, uint64_t value,
                  uint64_t data_base = 0) {
   if (!store_eh_pointer(sec_out + f.pos, f.len, f.enc, addr_size(), sec_addr + f.pos, value, data_base))
@@ -550,6 +539,35 @@ void update_eh_frame_hdr(const FrameTable &eh) {
 }
 
 } // namespace
+
+// The code of a span keeps its distances: it moved as one piece.  Only
+// the words in .text can have moved, so only they are looked at.
+bool moved_in_one_piece(const UnwindSpan &s) {
+  uint64_t first = new_code_address(s.lo);
+  uint64_t lo = std::max(s.lo, bin.text_lo), hi = std::min(s.hi, bin.text_hi);
+  if (lo >= hi)
+    return true;
+  if (new_code_address(lo) != first + (lo - s.lo))
+    return false;
+  // The rest keeps its distance to lo when each word's new place follows
+  // the one before: the text map, read as it lies.
+  const uint32_t *map = bin.text_map;
+  if (map == nullptr)
+    return true; // nothing moved
+  // Whole words only: the part of a word at the end of an odd-sized .text
+  // is not in the map.
+  uint64_t whole = std::min(hi, bin.text_lo + 4 * uint64_t(bin.text_words));
+  if (lo < whole) {
+    uint64_t k = (lo - bin.text_lo) >> 2, last = (whole - 1 - bin.text_lo) >> 2;
+    for (; k < last; ++k)
+      if (map[k + 1] != map[k] + 1)
+        return false;
+  }
+  for (uint64_t a = std::max(lo, whole); a < hi; a = (a | 3) + 1)
+    if (new_code_address(a) != first + (a - s.lo))
+      return false;
+  return true;
+}
 
 std::vector<UnwindSpan> unwind_spans() { return read_tables().spans; }
 

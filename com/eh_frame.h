@@ -113,6 +113,9 @@ struct UnwindSpan {
 
 // The spans of every FDE of the input (.eh_frame and .debug_frame).
 std::vector<UnwindSpan> unwind_spans();
+// Whether the code of s kept its distances in the new layout (moved as
+// one piece), as the unwinder needs.
+bool moved_in_one_piece(const UnwindSpan &s);
 
 // Run step, after the layout: re-points every FDE (and DW_CFA_set_loc)
 // of .eh_frame and .debug_frame, an explicit landing pad base in

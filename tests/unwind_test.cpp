@@ -8,6 +8,7 @@
 #include <regex>
 #include <set>
 
+#include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "com/eh_frame.h"
@@ -217,4 +218,36 @@ TEST(Unwinding, PointerEncodingsRoundTrip) {
       EXPECT_EQ(cur.pos, c.len);
     }
   }
+}
+
+// A span moved as one piece when every word of it kept its distance to
+// the span's start; only .text moves, and the part of a word that ends an
+// odd-sized .text stays where it was.  Every span over a text cut in four
+// and reordered, against that definition word by word.
+TEST(Unwinding, SpansThatMovedInOnePiece) {
+  vesk::bin = vesk::Bin{};
+  std::vector<uint32_t> map = {8, 9, 10, 11, 0, 1, 2, 3, 12, 13, 14, 15, 4, 5, 6, 7};
+  vesk::bin.text_lo = 0x400000;
+  vesk::bin.text_words = map.size();
+  vesk::bin.text_hi = vesk::bin.text_lo + 4 * map.size() + 2;
+  vesk::bin.text_map_store = map;
+  vesk::bin.text_map = vesk::bin.text_map_store.data();
+  auto new_addr = [&](uint64_t a) {
+    uint64_t k = (a - vesk::bin.text_lo) / 4;
+    return a >= vesk::bin.text_lo && k < map.size() ? vesk::bin.text_lo + 4 * map[k] + (a & 3) : a;
+  };
+  int one_piece = 0, torn = 0;
+  for (uint64_t lo = vesk::bin.text_lo - 6; lo < vesk::bin.text_hi + 4; lo += 1)
+    for (uint64_t hi = lo + 1; hi < vesk::bin.text_hi + 8; hi += 3) {
+      bool expected = true;
+      uint64_t from = std::max(lo, vesk::bin.text_lo), to = std::min(hi, vesk::bin.text_hi);
+      for (uint64_t a = from; a < to; a = (a | 3) + 1)
+        expected = expected && new_addr(a) == new_addr(lo) + (a - lo);
+      vesk::UnwindSpan s{lo, hi, ".eh_frame", 0};
+      ASSERT_EQ(vesk::moved_in_one_piece(s), expected) << std::hex << lo << "-" << hi;
+      ++(expected ? one_piece : torn);
+    }
+  EXPECT_GT(one_piece, 100);
+  EXPECT_GT(torn, 100);
+  vesk::bin = vesk::Bin{};
 }
