@@ -137,6 +137,21 @@ TEST_F(Planning, ABranchOutsideEveryProcedureEndsTheRun) {
   EXPECT_NE(r.err.find("Error: cannot find procedure for branch target"), std::string::npos) << r.err;
 }
 
+// Procedures that share words end the run, the message naming the one
+// the list reaches second: the order of the list, not of the table.
+TEST_F(Planning, OverlappingProceduresEndTheRunAtTheSecondInTheList) {
+  set_text(body(12));
+  make("p0", LO, 16);
+  make("p1", LO + 8, 16); // words 2 to 5, over the end of p0
+  make("p2", LO + 24, 24);
+  attach({get_proc_by_index(1), get_proc_by_index(0)});
+  StepResult r = run_step(verify_proc);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("instruction 2 at 0x400008 covered twice (procedure p0 overlaps another)"),
+            std::string::npos)
+      << r.err;
+}
+
 // Two stub words start the text, then a, an uncovered word, b, and two
 // uncovered words at the end.  The stubs stay in front, the procedures
 // follow in list order, the uncovered words behind them in input order.

@@ -182,18 +182,38 @@ void verify_proc() {
   bin.libstub_lo = 0;
   bin.libstub_hi = 0;
   std::vector<uint8_t> covered(bin.text_words, 0);
-  for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
+  // Two procedures claiming one word would move it twice, or leave one of
+  // them without its code: the procedure table is wrong.  Which words are
+  // covered does not depend on the order the records are looked at in, so
+  // they are looked at in the table's (the list leads all over memory in a
+  // feedback order); only the message of an overlap names the procedure
+  // the list meets it at.
+  auto cover = [&covered](Proc *p) {
     TextSpan span = text_span(p);
     if (span.size() == 0)
-      continue;
-    // Two procedures claiming one word would move it twice, or leave one
-    // of them without its code: the procedure table is wrong.
-    if (const void *twice = std::memchr(&covered[span.first], 1, span.size())) {
-      uint64_t i = uint64_t(static_cast<const uint8_t *>(twice) - covered.data());
-      error("%s: instruction %d at %#llx covered twice (procedure %s overlaps another)", option.program, int(i),
-            (unsigned long long)(bin.text_lo + 4 * i), name_of(p));
-    }
+      return true;
+    if (std::memchr(&covered[span.first], 1, span.size()) != nullptr)
+      return false;
     std::memset(&covered[span.first], 1, span.size());
+    return true;
+  };
+  bool overlap = false;
+  if (bin.procs.order_size == bin.procs.records.size())
+    for (Proc &p : bin.procs.records)
+      overlap = overlap || !cover(&p);
+  if (overlap || bin.procs.order_size != bin.procs.records.size()) {
+    std::fill(covered.begin(), covered.end(), 0);
+    for (Proc *p = bin.procs.order_head; p != nullptr; p = p->next) {
+      TextSpan span = text_span(p);
+      if (span.size() == 0)
+        continue;
+      if (const void *twice = std::memchr(&covered[span.first], 1, span.size())) {
+        uint64_t i = uint64_t(static_cast<const uint8_t *>(twice) - covered.data());
+        error("%s: instruction %d at %#llx covered twice (procedure %s overlaps another)", option.program, int(i),
+              (unsigned long long)(bin.text_lo + 4 * i), name_of(p));
+      }
+      std::memset(&covered[span.first], 1, span.size());
+    }
   }
   warning("instruction count %ld\n", long(bin.text_words));
 
