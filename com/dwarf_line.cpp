@@ -59,6 +59,16 @@ std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version)
   Row r;
   r.is_stmt = h.default_is_stmt != 0;
   const Row fresh = r;
+  // What each special opcode adds to the address and the line, worked out
+  // once: most rows come from one, and the divisions would cost more than
+  // the rest of their decoding.
+  uint64_t special_addr[256];
+  int64_t special_line[256];
+  for (unsigned op = h.opcode_base; op < 256; ++op) {
+    unsigned adj = op - h.opcode_base;
+    special_addr[op] = uint64_t(h.min_inst) * (adj / h.line_range);
+    special_line[op] = int64_t(h.line_base) + int64_t(adj % h.line_range);
+  }
   auto emit = [&] {
     rows.push_back(r);
     r.basic_block = r.prologue_end = r.epilogue_begin = false;
@@ -67,9 +77,8 @@ std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version)
   while (c.pos < end) {
     uint8_t op = c.u8();
     if (op >= h.opcode_base) {
-      unsigned adj = op - h.opcode_base;
-      r.addr = truncate(r.addr + uint64_t(h.min_inst) * (adj / h.line_range), h.addr_size);
-      r.line += uint64_t(int64_t(h.line_base) + adj % h.line_range);
+      r.addr = truncate(r.addr + special_addr[op], h.addr_size);
+      r.line += uint64_t(special_line[op]);
       emit();
       continue;
     }
@@ -211,9 +220,9 @@ private:
 
   uint64_t advance(uint64_t addr) {
     uint64_t delta = truncate(addr - st.addr, h.addr_size);
-    if (addr < st.addr || delta % h.min_inst != 0)
+    if (addr < st.addr || (h.min_inst != 1 && delta % h.min_inst != 0))
       c.fail("a line sequence whose addresses go backwards");
-    return delta / h.min_inst;
+    return h.min_inst == 1 ? delta : delta / h.min_inst;
   }
 
   bool special(int64_t dline, uint64_t adv) {
