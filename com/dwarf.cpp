@@ -340,20 +340,23 @@ private:
     if (dwarf_getattrs(die, SubprogramAttrs::gather, &attrs, 0) != 1)
       print_dwarf_error("dwarf_attr");
 
-    const char *name = nullptr;
+    const char *raw_name = nullptr;
     if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::NAME)) {
-      const char *raw = dwarf_formstring(a);
-      if (raw == nullptr)
+      raw_name = dwarf_formstring(a);
+      if (raw_name == nullptr)
         print_dwarf_error("dwarf_diename");
-      name = bin.procs.keep(raw);
     }
     // The name in messages; a string only for the one case that builds it.
     std::string built;
-    const char *text = name ? name : kNoName;
+    const char *text = raw_name ? raw_name : kNoName;
 
     PcRange pc = read_pc_range(attrs, text);
     if (pc.declaration)
       return false;
+    // Kept for the run only now: most subprogram entries of a program are
+    // declarations.
+    const char *name = raw_name ? bin.procs.keep(raw_name) : nullptr;
+    text = name ? name : kNoName;
     bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
     if (have_ranges)
       read_code_ranges(die, text, &ranges);
