@@ -541,8 +541,34 @@ private:
   std::map<uint64_t, AbbrevTable> tables;
   std::vector<Ref> refs[REF_KINDS];
   // The view list of a location list (DW_AT_GNU_locviews beside its
-  // DW_AT_location), by the list's section and offset.
-  std::map<std::pair<const Sec *, uint64_t>, uint64_t> views_of;
+  // DW_AT_location), by the list's section and offset: gathered as the
+  // entries give them, then sorted once (a tree would be searched from
+  // the top for every list); of two for one list the later counts.
+  struct ViewsOf {
+    struct Item {
+      uintptr_t sec;
+      uint64_t list, views;
+    };
+    std::vector<Item> v;
+    void add(const Sec *sec, uint64_t list, uint64_t views) { v.push_back({uintptr_t(sec), list, views}); }
+    void seal() {
+      auto key = [](const Item &a, const Item &b) { return a.sec != b.sec ? a.sec < b.sec : a.list < b.list; };
+      std::stable_sort(v.begin(), v.end(), key);
+      // The last of each run of equal keys stands.
+      size_t out = 0;
+      for (size_t i = 0; i < v.size(); ++i)
+        if (i + 1 == v.size() || key(v[i], v[i + 1]))
+          v[out++] = v[i];
+      v.resize(out);
+    }
+    const uint64_t *find(const Sec *sec, uint64_t list) const {
+      Item k{uintptr_t(sec), list, 0};
+      auto it = std::lower_bound(v.begin(), v.end(), k, [](const Item &a, const Item &b) {
+        return a.sec != b.sec ? a.sec < b.sec : a.list < b.list;
+      });
+      return it != v.end() && it->sec == k.sec && it->list == list ? &it->views : nullptr;
+    }
+  } views_of;
   std::vector<Conversion> conversions;
   struct Rewritten {
     const char *name;
@@ -764,8 +790,8 @@ void DwarfUpdate::walk_unit(size_t ui) {
       if (d.loc_ref < 0)
         error("%s: section %s: the entry at offset %#zx has location views but no location list", option.program,
               s.name, die_pos);
-      views_of[{u.version >= 5 ? &loclists : &loc, refs[REF_LOC][size_t(d.loc_ref)].value}] =
-          refs[REF_VIEWS][size_t(d.views_ref)].value;
+      views_of.add(u.version >= 5 ? &loclists : &loc, refs[REF_LOC][size_t(d.loc_ref)].value,
+                   refs[REF_VIEWS][size_t(d.views_ref)].value);
     }
 
     // The pcs.
@@ -1003,12 +1029,12 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   };
   std::vector<Block> blocks;
   for (auto [offset, unit] : lists) {
-    auto v = views_of.find({&s, offset});
-    bool has_views = v != views_of.end();
-    if (has_views && v->second > offset)
+    const uint64_t *v = views_of.find(&s, offset);
+    bool has_views = v != nullptr;
+    if (has_views && *v > offset)
       error("%s: section %s: the location views at offset %#llx lie behind their list", option.program, name,
-            (unsigned long long)v->second);
-    blocks.push_back({has_views ? v->second : offset, offset, unit, has_views});
+            (unsigned long long)*v);
+    blocks.push_back({has_views ? *v : offset, offset, unit, has_views});
   }
   std::sort(blocks.begin(), blocks.end(), [](const Block &a, const Block &b) { return a.start < b.start; });
 
@@ -1378,6 +1404,7 @@ void DwarfUpdate::run() {
   // rewritten sections and the patched copies take its place.
   for (size_t i = 0; i < units.size(); ++i)
     walk_unit(i);
+  views_of.seal();
   release_input_pages(info.in, info.size);
   release_input_pages(types.in, types.size);
   for (bool v5 : {false, true}) {
