@@ -64,9 +64,9 @@ void expand_section(Elf_Scn *scn, uint32_t n) {
 
 namespace {
 
-// libelf fills the bytes between the pieces it writes even when it does not
-// lay the file out; put the input's bytes back there, so that everything no
-// update touched stays as it was (and the file stays as long as the input).
+// The bytes between the pieces the image writes (padding, and what lies
+// outside every section) are the input's, so that everything no update
+// touched stays as it was (and the file stays as long as the input).
 void restore_unwritten_bytes(std::vector<FileRange> ranges) {
   off_t in_size = lseek(bin.in_fd, 0, SEEK_END);
   if (in_size < 0)
@@ -92,10 +92,6 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
   if (pos < end)
     copy(pos, end);
 }
-
-} // namespace
-
-namespace {
 
 // The input's image when it is the input file mapped from its start, which
 // holds nothing but the file's bytes; else null.  libelf reads a file it

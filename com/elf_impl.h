@@ -199,9 +199,6 @@ struct FileRange {
   uint64_t begin, end;
 };
 
-// The ranges of the file that elf_update writes from the image's headers
-// and contents: ELF header, program header table, the contents of every
-// section that has some, section header table.
 // Notes as libelf holds them (the three words of each header in the
 // host's order, names and descriptions as the file has them) turned back
 // to the file's order into out (size bytes).  libelf's own translation
@@ -297,6 +294,9 @@ template <class C> void write_image(Elf *elf) {
     put(eh->e_shoff, headers.data(), headers.size() * sizeof(typename C::Shdr), ELF_T_SHDR);
 }
 
+// The ranges of the file that write_image writes from the image's headers
+// and contents: ELF header, program header table, the contents of every
+// section that has some, section header table.
 template <class C> std::vector<FileRange> written_ranges(Elf *elf) {
   std::vector<FileRange> r;
   typename C::Ehdr *eh = C::getehdr(elf);

@@ -54,6 +54,8 @@ GpMap::GpMap(const Image &im) : im_(im), gots_(got_list(im)), whole_{0, ~uint32_
   if (!multi())
     return;
   std::unordered_map<std::string_view, size_t> groups;
+  groups.reserve(im.symbols.size()); // no rehashing as it fills
+  functions_.reserve(im.symbols.size());
   for (size_t i = 0; i < im.symbols.size(); ++i) {
     const GElf_Sym &s = im.symbols[i];
     if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)

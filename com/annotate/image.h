@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/bytes.h"
 #include "base/file_io.h"
 
 namespace vesk::annotate {
@@ -79,7 +80,7 @@ struct Image {
   mutable size_t last_held_ = 0;
   mutable int sections_overlap_ = -1;
   // The 32-bit word at addr inside section s (addr checked by the caller).
-  uint32_t word(const Section &s, uint64_t addr) const;
+  uint32_t word(const Section &s, uint64_t addr) const { return load32(s.raw + (addr - s.sh.sh_addr)); }
   // The address word (4 or 8 bytes) at addr inside section s.
   uint64_t address_word(const Section &s, uint64_t addr) const;
   // "0x400123 (main+0x1c)" for messages.
