@@ -277,6 +277,10 @@ void parse_input() {
   // hand out is no MIPS executable, or reads the headers with the wrong
   // stride.
   const Elf64_Ehdr &eh = bin.in_ehdr;
+  // Every section is read and written as big-endian bytes.
+  if (eh.e_ident[EI_DATA] != ELFDATA2MSB)
+    error("%s is not a big-endian ELF file (its data encoding is %u); vesk rewrites big-endian MIPS executables",
+          option.program, unsigned(eh.e_ident[EI_DATA]));
   if (eh.e_machine != EM_MIPS)
     error("%s is not a MIPS executable (ELF machine %u)", option.program, unsigned(eh.e_machine));
   if (eh.e_type != ET_EXEC && eh.e_type != ET_DYN)
