@@ -550,23 +550,21 @@ private:
       uint64_t list, views;
     };
     std::vector<Item> v;
+    static bool before(const Item &a, const Item &b) { return a.sec != b.sec ? a.sec < b.sec : a.list < b.list; }
     void add(const Sec *sec, uint64_t list, uint64_t views) { v.push_back({uintptr_t(sec), list, views}); }
     void seal() {
-      auto key = [](const Item &a, const Item &b) { return a.sec != b.sec ? a.sec < b.sec : a.list < b.list; };
-      std::stable_sort(v.begin(), v.end(), key);
+      std::stable_sort(v.begin(), v.end(), before);
       // The last of each run of equal keys stands.
       size_t out = 0;
       for (size_t i = 0; i < v.size(); ++i)
-        if (i + 1 == v.size() || key(v[i], v[i + 1]))
+        if (i + 1 == v.size() || before(v[i], v[i + 1]))
           v[out++] = v[i];
       v.resize(out);
     }
     const uint64_t *find(const Sec *sec, uint64_t list) const {
       Item k{uintptr_t(sec), list, 0};
-      auto it = std::lower_bound(v.begin(), v.end(), k, [](const Item &a, const Item &b) {
-        return a.sec != b.sec ? a.sec < b.sec : a.list < b.list;
-      });
-      return it != v.end() && it->sec == k.sec && it->list == list ? &it->views : nullptr;
+      auto it = std::lower_bound(v.begin(), v.end(), k, before);
+      return it != v.end() && !before(k, *it) ? &it->views : nullptr;
     }
   } views_of;
   std::vector<Conversion> conversions;

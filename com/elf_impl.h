@@ -201,22 +201,16 @@ struct FileRange {
 
 // Notes as libelf holds them (the three words of each header in the
 // host's order, names and descriptions as the file has them) turned back
-// to the file's order into out (size bytes).  libelf's own translation
-// takes only whole numbers of headers.
-inline void notes_to_file_order(const uint8_t *in, size_t size, size_t align, unsigned encoding, uint8_t *out) {
+// to the file's (big-endian) order into out (size bytes).  libelf's own
+// translation takes only whole numbers of headers.
+inline void notes_to_file_order(const uint8_t *in, size_t size, size_t align, uint8_t *out) {
   std::memcpy(out, in, size);
   auto pad = [align](uint64_t n) { return (n + align - 1) / align * align; };
   for (size_t at = 0; size - at >= 12;) {
     uint32_t word[3];
     std::memcpy(word, in + at, sizeof word);
-    for (int k = 0; k < 3; ++k) {
-      uint32_t w = word[k];
-      uint8_t *p = out + at + 4 * k;
-      if (encoding == ELFDATA2MSB)
-        p[0] = uint8_t(w >> 24), p[1] = uint8_t(w >> 16), p[2] = uint8_t(w >> 8), p[3] = uint8_t(w);
-      else
-        p[3] = uint8_t(w >> 24), p[2] = uint8_t(w >> 16), p[1] = uint8_t(w >> 8), p[0] = uint8_t(w);
-    }
+    for (int k = 0; k < 3; ++k)
+      store32(out + at + 4 * k, word[k]);
     // The description starts aligned, and so does the next note.
     uint64_t length = pad(pad(12 + uint64_t(word[0])) + word[1]);
     if (length > size - at)
@@ -252,8 +246,7 @@ template <class C> void write_image(Elf *elf) {
     }
     file_order.resize(size);
     if (type == ELF_T_NHDR || type == ELF_T_NHDR8) {
-      notes_to_file_order(static_cast<const uint8_t *>(buf), size, type == ELF_T_NHDR8 ? 8 : 4, encoding,
-                          file_order.data());
+      notes_to_file_order(static_cast<const uint8_t *>(buf), size, type == ELF_T_NHDR8 ? 8 : 4, file_order.data());
       write_at(bin.out_fd, offset, file_order.data(), size, "contents", option.output);
       return;
     }

@@ -53,7 +53,7 @@ struct MdebugHandle {
   std::vector<uint8_t> section;   // the .mdebug contents, when read into the handle
   const uint8_t *bytes = nullptr; // the .mdebug contents: section's, or an image's that outlives the handle
   size_t size = 0;
-  uint64_t file_off = 0;          // file offset of section[0]
+  uint64_t file_off = 0;          // file offset of bytes[0]
   MdebugSymtab st;
   // The files that own local symbols, ordered by isymBase, to find the
   // owner (and so the string space) of a symbol by its global index.

@@ -213,7 +213,6 @@ const Section *Image::section_holding(uint64_t addr, uint64_t n) const {
   return nullptr;
 }
 
-
 uint64_t Image::address_word(const Section &s, uint64_t addr) const {
   const uint8_t *p = s.raw + (addr - s.sh.sh_addr);
   return word_size == 8 ? load64(p) : load32(p);
