@@ -279,8 +279,8 @@ void parse_input() {
   const Elf64_Ehdr &eh = bin.in_ehdr;
   // Every section is read and written as big-endian bytes.
   if (eh.e_ident[EI_DATA] != ELFDATA2MSB)
-    error("%s is not a big-endian ELF file (its data encoding is %u); vesk rewrites big-endian MIPS executables",
-          option.program, unsigned(eh.e_ident[EI_DATA]));
+    error("%s is not a MIPS executable vesk rewrites: its data encoding is %u, not big-endian", option.program,
+          unsigned(eh.e_ident[EI_DATA]));
   if (eh.e_machine != EM_MIPS)
     error("%s is not a MIPS executable (ELF machine %u)", option.program, unsigned(eh.e_machine));
   if (eh.e_type != ET_EXEC && eh.e_type != ET_DYN)

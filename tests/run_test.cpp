@@ -62,8 +62,6 @@ const Refusal kRefusals[] = {
     {"empty input", [](auto &d) { return write_file(d / "prog", ""), kRun; }, "unknown object format in prog"},
     {"input cut in half", [](auto &d) { return damaged(d, [](auto &b, auto &) { b.resize(b.size() / 2); }); },
      "the section header table lies outside the file"},
-    {"little-endian input", [](auto &d) { return damaged(d, [](auto &b, auto &) { b[5] = 1; }); },
-     "is not a big-endian ELF file (its data encoding is 1)"},
     {"annotation over its input", [](auto &) { return Args{kAnnotate, "prog", "-o", "./prog"}; },
      "would overwrite the input", true},
     {"annotation of an annotated input", [](auto &d) { return annotated(d, {kAnnotate, "prog", "-o", "out"}); },
