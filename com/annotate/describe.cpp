@@ -23,7 +23,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <unordered_map>
 
 #include "base/diag.h"
 #include "base/mips.h"
@@ -78,7 +77,7 @@ public:
       uint32_t type = ELF32_R_TYPE(r.r_info);
       if (type != R_MIPS_HI16 && type != R_MIPS_LO16)
         continue;
-      const std::string &name = im_.symbol_name(ELF32_R_SYM(r.r_info));
+      std::string_view name = im_.symbol_name(ELF32_R_SYM(r.r_info));
       if (name != "_gp_disp" && name != "__gnu_local_gp")
         continue;
       uint32_t at = checked(r.r_offset);
@@ -321,12 +320,11 @@ private:
   }
 
   void index_functions() {
-    std::unordered_map<std::string_view, size_t> groups;
     for (size_t i = 0; i < im_.symbols.size(); ++i) {
-      const GElf_Sym &s = im_.symbols[i];
-      if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
+      uint32_t g = im_.function_group[i];
+      if (g == Image::kNoGroup)
         continue;
-      size_t g = groups.emplace(function_group_name(im_.symbol_name(uint32_t(i))), groups.size()).first->second;
+      const GElf_Sym &s = im_.symbols[i];
       functions_.push_back({uint32_t(s.st_value), uint32_t(s.st_value + s.st_size), g});
     }
     std::sort(functions_.begin(), functions_.end(),

@@ -359,7 +359,7 @@ private:
       }
       if (hi_at == 0 || lo_at == 0)
         error("%s: the stub %s is not the lui/addiu of $25 vesk knows how to repair", path(),
-              im_.symbol_names[k].c_str());
+              std::string(im_.symbol_names[k]).c_str());
       uint64_t x = width(uint64_t(sext16(im_.word(*text, hi_at))) * 65536 + uint64_t(mips::simm16(im_.word(*text, lo_at))));
       if (!im_.in_text(x))
         continue;

@@ -53,17 +53,15 @@ std::vector<Got> got_list(const Image &im) {
 GpMap::GpMap(const Image &im) : im_(im), gots_(got_list(im)), whole_{0, ~uint32_t(0), im.gp_value, true} {
   if (!multi())
     return;
-  std::unordered_map<std::string_view, size_t> groups;
-  groups.reserve(im.symbols.size()); // no rehashing as it fills
   functions_.reserve(im.symbols.size());
   for (size_t i = 0; i < im.symbols.size(); ++i) {
-    const GElf_Sym &s = im.symbols[i];
-    if (GELF_ST_TYPE(s.st_info) != STT_FUNC || s.st_size == 0 || s.st_shndx == SHN_UNDEF)
+    uint32_t group = im.function_group[i];
+    if (group == Image::kNoGroup)
       continue;
-    size_t group = groups.emplace(function_group_name(im.symbol_names[i]), groups.size()).first->second;
+    const GElf_Sym &s = im.symbols[i];
     functions_.push_back({s.st_value, s.st_value + s.st_size, group});
   }
-  group_gp_.assign(groups.size(), 0);
+  group_gp_.assign(im.function_groups, 0);
   std::sort(functions_.begin(), functions_.end(), [](const Function &a, const Function &b) { return a.lo < b.lo; });
 }
 

@@ -11,6 +11,7 @@
 
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "base/flat_index.h"
 
 namespace vesk::annotate {
 
@@ -103,11 +104,28 @@ void read_tables(Image &im, Elf *elf) {
         im.dyn_reloc_offsets.push_back(im.is_64 ? load64(s.raw + off) : load32(s.raw + off));
     } else if (s.sh.sh_type == SHT_SYMTAB) {
       Elf_Data *d = elf_getdata(scn, nullptr);
+      size_t entry = gelf_fsize(elf, ELF_T_SYM, 1, EV_CURRENT);
+      if (d != nullptr && entry != 0) {
+        im.symbols.reserve(d->d_size / entry);
+        im.symbol_names.reserve(d->d_size / entry);
+      }
+      // Names are views into the string table in the mapped file: a copy
+      // of each would cost as much as the rest of the reading.
+      const Section *strings = s.sh.sh_link < im.sections.size() ? &im.sections[s.sh.sh_link] : nullptr;
+      if (strings != nullptr && (strings->sh.sh_type != SHT_STRTAB || strings->raw == nullptr))
+        strings = nullptr;
+      bool terminated = strings != nullptr && strings->sh.sh_size != 0 && strings->raw[strings->sh.sh_size - 1] == 0;
       GElf_Sym sym;
       for (int i = 0; d != nullptr && gelf_getsym(d, i, &sym) != nullptr; ++i) {
         im.symbols.push_back(sym);
-        const char *n = elf_strptr(elf, s.sh.sh_link, sym.st_name);
-        im.symbol_names.push_back(n ? n : "");
+        std::string_view name;
+        if (strings != nullptr && sym.st_name < strings->sh.sh_size) {
+          const char *n = reinterpret_cast<const char *>(strings->raw) + sym.st_name;
+          size_t left = strings->sh.sh_size - sym.st_name;
+          if (terminated || std::memchr(n, 0, left) != nullptr)
+            name = n;
+        }
+        im.symbol_names.push_back(name);
       }
     }
   }
@@ -116,6 +134,35 @@ void read_tables(Image &im, Elf *elf) {
     for (size_t i = 0; i < im.symbols.size(); ++i)
       if (im.symbol_names[i] == "_gp")
         im.gp_value = im.symbols[i].st_value;
+}
+
+// Groups by name through an index of the names' hashes: a map of strings
+// would allocate a node for each function.
+void number_function_groups(Image &im) {
+  auto is_function = [&im](size_t i) {
+    const GElf_Sym &s = im.symbols[i];
+    return GELF_ST_TYPE(s.st_info) == STT_FUNC && s.st_size != 0 && s.st_shndx != SHN_UNDEF;
+  };
+  FlatIndex by_group;
+  by_group.build(im.symbols.size(), [&](size_t i, size_t &h) {
+    if (!is_function(i))
+      return false;
+    h = hash_of(function_group_name(im.symbol_names[i]));
+    return true;
+  });
+  im.function_group.assign(im.symbols.size(), Image::kNoGroup);
+  for (size_t i = 0; i < im.symbols.size(); ++i) {
+    if (!is_function(i))
+      continue;
+    std::string_view group = function_group_name(im.symbol_names[i]);
+    // The first symbol of the group in the table comes first in its chain.
+    by_group.visit(hash_of(group), [&](size_t j) {
+      if (function_group_name(im.symbol_names[j]) != group)
+        return true;
+      im.function_group[i] = j == i ? im.function_groups++ : im.function_group[j];
+      return false;
+    });
+  }
 }
 
 // n32 and n64 relocation records, read from their big-endian bytes: libelf
@@ -233,7 +280,8 @@ std::string Image::where(uint64_t addr) const {
   if (best == nullptr)
     std::snprintf(buf, sizeof buf, "%#llx", (unsigned long long)addr);
   else
-    std::snprintf(buf, sizeof buf, "%#llx (%.32s+%#llx)", (unsigned long long)addr, symbol_names[best_i].c_str(),
+    std::snprintf(buf, sizeof buf, "%#llx (%.*s+%#llx)", (unsigned long long)addr,
+                  int(std::min<size_t>(32, symbol_names[best_i].size())), symbol_names[best_i].data(),
                   (unsigned long long)(addr - best->st_value));
   return buf;
 }
@@ -246,9 +294,8 @@ bool Image::dynamically_relocated(uint64_t addr) const {
   return std::binary_search(dyn_reloc_offsets.begin(), dyn_reloc_offsets.end(), addr);
 }
 
-const std::string &Image::symbol_name(uint32_t index) const {
-  static const std::string none;
-  return index < symbol_names.size() ? symbol_names[index] : none;
+std::string_view Image::symbol_name(uint32_t index) const {
+  return index < symbol_names.size() ? symbol_names[index] : std::string_view();
 }
 
 Image read_image(const std::string &path) {
@@ -291,6 +338,7 @@ Image read_image(const std::string &path, int fd) {
     error("%s has an unusual section header table", path.c_str());
   read_sections(im, elf.get());
   read_tables(im, elf.get());
+  number_function_groups(im);
   if (im.text == nullptr || im.text->raw == nullptr)
     error("%s has no .text section", path.c_str());
   read_relocations(im, elf.get());

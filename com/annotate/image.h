@@ -55,7 +55,13 @@ struct Image {
   std::vector<Section> sections;
   std::vector<RelSection> rel_sections;
   std::vector<GElf_Sym> symbols;         // .symtab, host order
-  std::vector<std::string> symbol_names;
+  std::vector<std::string_view> symbol_names; // into .strtab in `file`; empty when unreadable
+  // For each defined function symbol with a size, the number of its group
+  // (function_group_name), numbered as the groups first appear in the table;
+  // kNoGroup for every other symbol.
+  std::vector<uint32_t> function_group;
+  uint32_t function_groups = 0;
+  static constexpr uint32_t kNoGroup = ~uint32_t(0);
   const Section *text = nullptr;
   const Section *got = nullptr;
   uint64_t text_lo = 0, text_hi = 0;
@@ -87,7 +93,7 @@ struct Image {
   std::string where(uint64_t addr) const;
   bool symbol_is_local(uint32_t index) const;
   bool dynamically_relocated(uint64_t addr) const;
-  const std::string &symbol_name(uint32_t index) const;
+  std::string_view symbol_name(uint32_t index) const;
 };
 
 // The name of the function that a function symbol is part of: foo for
