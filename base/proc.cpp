@@ -29,13 +29,24 @@ void invalidate_indexes() {
 
 void build_addr_index() {
   ProcTable &ix = table();
-  ix.by_start.clear();
+  // By start, records that start together in list order.  Sorted as
+  // (start, list position) keys: a sort that compared the records would
+  // wait on memory at every step once feedback has shuffled the list.
+  std::vector<Proc *> listed;
+  std::vector<std::pair<uint64_t, uint64_t>> keys;
+  listed.reserve(ix.records.size());
+  keys.reserve(ix.records.size());
   for (Proc *p = ix.order_head; p != nullptr; p = p->next)
-    if (p->size != 0)
-      ix.by_start.push_back(p);
-  std::stable_sort(ix.by_start.begin(), ix.by_start.end(),
-                   [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
-  size_t n = ix.by_start.size();
+    if (p->size != 0) {
+      keys.emplace_back(p->old_addr, listed.size());
+      listed.push_back(p);
+    }
+  if (!std::is_sorted(keys.begin(), keys.end()))
+    std::sort(keys.begin(), keys.end());
+  size_t n = keys.size();
+  ix.by_start.resize(n);
+  for (size_t i = 0; i < n; ++i)
+    ix.by_start[i] = listed[keys[i].second];
   ix.max_end.assign(n, 0);
   ix.overlaps.assign(n, false);
   uint64_t max_end = 0;

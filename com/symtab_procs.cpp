@@ -133,6 +133,15 @@ bool FunctionSymbols::named_at(uint64_t addr, const char *name) const {
 }
 
 bool FunctionSymbols::has_sized(const char *name) const {
+  // Few inputs ask at all: the index is built at the first question.
+  if (!sized_names_built) {
+    sized_names.build(by_addr.size(), [this](size_t i, size_t &h) {
+      const FunctionSymbol &s = by_addr[i];
+      h = hash_of(s.name);
+      return s.end > s.addr;
+    });
+    sized_names_built = true;
+  }
   bool found = false;
   sized_names.visit(hash_of(name), [&](size_t i) {
     found = std::strcmp(by_addr[i].name, name) == 0;
@@ -208,11 +217,6 @@ FunctionSymbols read_function_symbols(Elf *elf) {
       s.end = std::min(s.end, found[next].sym.addr);
     out.by_addr.push_back(s);
   }
-  out.sized_names.build(out.by_addr.size(), [&out](size_t i, size_t &h) {
-    const FunctionSymbol &s = out.by_addr[i];
-    h = hash_of(s.name);
-    return s.end > s.addr;
-  });
   return out;
 }
 
@@ -295,13 +299,18 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
   // their low halves; symbols are looked at the same way.
   auto as_mdebug = [](uint64_t a) { return sign_extend32(uint32_t(a)); };
   const std::vector<FunctionSymbol> &all = syms.by_addr;
+  // Built at the first procedure whose symbol is not where the table says.
   FlatIndex by_name;
-  by_name.build(all.size(), [&all](size_t i, size_t &h) {
-    h = hash_of(all[i].name);
-    return true;
-  });
+  bool indexed = false;
   // The address of the only function symbol of that name, if there is one.
   auto only_symbol = [&](const char *name, uint64_t &addr) {
+    if (!indexed) {
+      by_name.build(all.size(), [&all](size_t i, size_t &h) {
+        h = hash_of(all[i].name);
+        return true;
+      });
+      indexed = true;
+    }
     int count = 0;
     by_name.visit(hash_of(name), [&](size_t i) {
       if (std::strcmp(all[i].name, name) == 0 && count++ == 0)
@@ -318,8 +327,11 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
   for (int i = 0, n = get_n_procs(); i < n; ++i) {
     Proc *p = get_proc_by_index(i);
     if (p->name != nullptr && std::strcmp(p->name, ".libstub") != 0) {
+      // A symbol of its name where the table puts it settles it: it is
+      // the only one of that name, or there are several and none is taken.
       uint64_t addr = 0;
-      if (only_symbol(p->name, addr) && uint32_t(addr) != uint32_t(p->old_addr)) {
+      if (!syms.named_at(uint32_t(p->old_addr), p->name) && only_symbol(p->name, addr) &&
+          uint32_t(addr) != uint32_t(p->old_addr)) {
         if (option.verbose)
           warning("procedure %s of %s starts at %#llx in the mdebug table but its symbol at %#llx; the symbol "
                   "is taken",

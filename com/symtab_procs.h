@@ -25,7 +25,8 @@ struct FunctionSymbol {
 // Empty when the input has no .symtab.
 struct FunctionSymbols {
   std::vector<FunctionSymbol> by_addr;
-  FlatIndex sized_names; // the symbols of by_addr with a size, by name
+  mutable FlatIndex sized_names; // the symbols of by_addr with a size, by name; built when first asked
+  mutable bool sized_names_built = false;
 
   // The name of the first symbol that starts at addr, or null.
   const char *name_at(uint64_t addr) const;
