@@ -93,6 +93,22 @@ PrivateMap::~PrivateMap() {
     munmap(p_, n_);
 }
 
+void PrivateMap::overwrite(size_t off, size_t n) {
+  if (p_ == nullptr || off > n_ || n > n_ - off)
+    return;
+  size_t page = size_t(sysconf(_SC_PAGESIZE));
+  uintptr_t lo = (reinterpret_cast<uintptr_t>(p_) + off + page - 1) / page * page;
+  uintptr_t hi = (reinterpret_cast<uintptr_t>(p_) + off + n) / page * page;
+  if (hi <= lo)
+    return;
+  // A failed fixed mapping may have unmapped the range already: nothing
+  // could be written there.
+  void *r = mmap(reinterpret_cast<void *>(lo), hi - lo, PROT_READ | PROT_WRITE,
+                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_POPULATE, -1, 0);
+  if (r == MAP_FAILED)
+    sysfatal("cannot map memory for the output");
+}
+
 bool PrivateMap::map(int fd, size_t size) {
   if (p_ != nullptr || size == 0)
     return p_ != nullptr;

@@ -54,6 +54,10 @@ public:
   bool map(int fd, size_t size);
   uint8_t *data() const { return p_; }
   size_t size() const { return n_; }
+  // Bytes [off, off + n) will be written whole before they are read: the
+  // pages inside them become zero pages, present at once.  A write to a
+  // page of the map otherwise faults and copies the file's page first.
+  void overwrite(size_t off, size_t n);
 
 private:
   uint8_t *p_ = nullptr;

@@ -29,24 +29,31 @@ void invalidate_indexes() {
 
 void build_addr_index() {
   ProcTable &ix = table();
-  // By start, records that start together in list order.  Sorted as
-  // (start, list position) keys: a sort that compared the records would
-  // wait on memory at every step once feedback has shuffled the list.
+  // By start.  Records that start together overlap, and the lookup walks
+  // the list for any address they hold whatever their order here, so the
+  // list's order does not matter: when it holds every record, the table is
+  // read in its own order (no walk all over memory) and sorted as
+  // (start, index) keys.
   std::vector<Proc *> listed;
   std::vector<std::pair<uint64_t, uint64_t>> keys;
-  listed.reserve(ix.records.size());
   keys.reserve(ix.records.size());
-  for (Proc *p = ix.order_head; p != nullptr; p = p->next)
-    if (p->size != 0) {
-      keys.emplace_back(p->old_addr, listed.size());
-      listed.push_back(p);
-    }
+  if (ix.order_size == ix.records.size()) {
+    for (Proc &p : ix.records)
+      if (p.size != 0)
+        keys.emplace_back(p.old_addr, uint64_t(&p - ix.records.data()));
+  } else {
+    for (Proc *p = ix.order_head; p != nullptr; p = p->next)
+      if (p->size != 0) {
+        keys.emplace_back(p->old_addr, listed.size());
+        listed.push_back(p);
+      }
+  }
   if (!std::is_sorted(keys.begin(), keys.end()))
     std::sort(keys.begin(), keys.end());
   size_t n = keys.size();
   ix.by_start.resize(n);
   for (size_t i = 0; i < n; ++i)
-    ix.by_start[i] = listed[keys[i].second];
+    ix.by_start[i] = listed.empty() ? &ix.records[keys[i].second] : listed[keys[i].second];
   ix.max_end.assign(n, 0);
   ix.overlaps.assign(n, false);
   uint64_t max_end = 0;

@@ -170,6 +170,14 @@ void *output_contents(const Elf_Data *in) {
   return dup_buffer(in->d_buf, in->d_size);
 }
 
+void prepare_to_overwrite(void *p, size_t n) {
+  uint8_t *base = bin.out_base.data();
+  uint8_t *at = static_cast<uint8_t *>(p);
+  if (base == nullptr || at < base || n > bin.out_base.size() || size_t(at - base) > bin.out_base.size() - n)
+    return; // a buffer of its own: already fresh
+  bin.out_base.overwrite(size_t(at - base), n);
+}
+
 void *dup_buffer(const void *src, size_t size) {
   // Kept with the run's other output contents, released when the run ends.
   if (size == 0)

@@ -43,5 +43,9 @@ void *dup_buffer(const void *src, size_t size);
 // bytes mapped copy-on-write where libelf hands out the file's bytes as they
 // are, else a copy.
 void *output_contents(const Elf_Data *in);
+// The output contents [p, p + n) are about to be written whole, before
+// anything reads them: where they lie in the private map of the input,
+// their pages are made fresh (not copied from the file) and ready at once.
+void prepare_to_overwrite(void *p, size_t n);
 
 } // namespace vesk

@@ -12,6 +12,7 @@
 #include "base/diag.h"
 #include "base/proc.h"
 #include "base/text_words.h"
+#include "com/elf.h"
 #include "com/xlate_table.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
@@ -26,29 +27,30 @@ constexpr uint64_t PAGE = 4096;
 // Lays out the input words in the order they are offered.  Every word is
 // laid out once: a word that an earlier procedure already carried (the
 // ranges of overlapping procedures) is skipped by the later ones, so the
-// new text never holds more words than the old.
+// new text never holds more words than the old.  The map itself tells
+// which words are laid out (kUnplaced: not yet), so no second array as
+// long as the text is needed.
 struct Layout {
-  std::vector<uint8_t> done;
+  static constexpr uint32_t kUnplaced = ~uint32_t(0);
 
-  Layout() : done(bin.text_words, 0) {}
+  Layout() { std::fill_n(bin.text_map, bin.text_words, kUnplaced); }
 
   // Words first..end-1, less those laid out already.  A procedure's words
   // are consecutive in the input and stay so in the output: each run of
   // them is copied in one piece.
   void place(uint64_t first, uint64_t end) {
+    uint32_t *map = bin.text_map;
     for (uint64_t i = first; i < end;) {
-      if (done[i]) {
+      if (map[i] != kUnplaced) {
         ++i;
         continue;
       }
-      const void *next_done = std::memchr(&done[i], 1, end - i);
-      uint64_t j = next_done ? uint64_t(static_cast<const uint8_t *>(next_done) - done.data()) : end;
-      std::memset(&done[i], 1, j - i);
-      std::memcpy(bin.new_text + 4 * uint64_t(bin.new_text_fill), bin.text_buf + 4 * i, 4 * (j - i));
+      uint64_t j = i;
       uint32_t to = bin.new_text_fill;
-      for (uint64_t k = i; k < j; ++k)
-        bin.text_map[k] = to++;
-      bin.new_text_fill += uint32_t(j - i);
+      while (j < end && map[j] == kUnplaced)
+        map[j++] = to++;
+      std::memcpy(bin.new_text + 4 * uint64_t(bin.new_text_fill), bin.text_buf + 4 * i, 4 * (j - i));
+      bin.new_text_fill = to;
       i = j;
     }
   }
@@ -57,6 +59,9 @@ struct Layout {
 void lay_out_text(const std::vector<Proc *> &order) {
   if (bin.text_words != 0 && (bin.new_text == nullptr || bin.text_map == nullptr))
     error("internal: no output text to lay the procedures out in");
+  // Every word of the output text is written below: its old contents need
+  // not be copied from the file page by page as the writes reach them.
+  prepare_to_overwrite(bin.new_text, 4 * uint64_t(bin.text_words));
   Layout layout;
   bin.new_text_fill = 0;
 
@@ -82,7 +87,6 @@ void lay_out_text(const std::vector<Proc *> &order) {
       uint64_t k = spans[i + kAhead].first;
       __builtin_prefetch(bin.text_buf + 4 * k);
       __builtin_prefetch(bin.text_map + k, 1);
-      __builtin_prefetch(layout.done.data() + k, 1);
     }
     layout.place(spans[i].first, spans[i].end);
   }
