@@ -124,4 +124,25 @@ inline uint64_t text_map_of(uint64_t a) { return bin.text_lo + 4 * uint64_t(bin.
 // The new address of input .text word k.
 inline uint64_t text_map_word(uint64_t k) { return bin.text_lo + 4 * uint64_t(bin.text_map[k]); }
 
+// The end of the run of input words from k (k < end <= text_words) that
+// stay together: the first word behind k, at most end, that does not
+// follow the word before it in the new layout.  Blocks of words are
+// compared at once: the runs of a layout are dozens of words long.
+inline uint64_t text_map_run_end(uint64_t k, uint64_t end) {
+  const uint32_t *map = bin.text_map;
+  uint64_t j = k + 1;
+  constexpr uint64_t kBlock = 16;
+  while (j + kBlock <= end) {
+    unsigned apart = 0;
+    for (uint64_t i = 0; i < kBlock; ++i)
+      apart |= map[j + i] != map[j + i - 1] + 1;
+    if (apart)
+      break;
+    j += kBlock;
+  }
+  while (j < end && map[j] == map[j - 1] + 1)
+    ++j;
+  return j;
+}
+
 } // namespace vesk

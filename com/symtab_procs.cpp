@@ -50,8 +50,10 @@ struct Strings {
   const char *buf = nullptr;
   size_t size = 0;
 
+  bool terminated = false; // the table ends in a NUL: every name within it ends
+
   const char *at(uint64_t off, size_t index) const {
-    if (off >= size || std::memchr(buf + off, '\0', size - off) == nullptr)
+    if (off >= size || (!terminated && std::memchr(buf + off, '\0', size - off) == nullptr))
       error("%s: the name of symbol %zu lies outside the string table of .symtab", option.program, index);
     return buf + off;
   }
@@ -65,7 +67,9 @@ Strings symbol_strings(Elf *elf, const GElf_Shdr &symtab) {
   Elf_Data *d = elf_getdata(scn, nullptr);
   if (d == nullptr || d->d_type != ELF_T_BYTE || (d->d_buf == nullptr && d->d_size != 0))
     error("%s: cannot read the string table of .symtab", option.program);
-  return {static_cast<const char *>(d->d_buf), d->d_buf ? d->d_size : 0};
+  Strings out{static_cast<const char *>(d->d_buf), d->d_buf ? d->d_size : 0};
+  out.terminated = out.size != 0 && out.buf[out.size - 1] == '\0';
+  return out;
 }
 
 // Start and end of a symbol's code clipped to .text; false when it starts
@@ -169,11 +173,10 @@ FunctionSymbols read_function_symbols(Elf *elf) {
   if (first_global > n)
     error("%s: .symtab says its globals start at symbol %zu, but it holds %zu", option.program, first_global, n);
 
-  struct Ranked {
-    FunctionSymbol sym;
-    size_t index;
-  };
-  std::vector<Ranked> found;
+  std::vector<FunctionSymbol> found;
+  std::vector<uint32_t> found_index; // each one's index in .symtab
+  found.reserve(n);
+  found_index.reserve(n);
   const char *file = "-";
   for (size_t i = 0; i < n; ++i) {
     GElf_Sym s;
@@ -190,31 +193,29 @@ FunctionSymbols read_function_symbols(Elf *elf) {
     uint64_t lo, hi;
     if (!text_extent(s, &lo, &hi))
       continue;
-    found.push_back({{lo, hi, names.at(s.st_name, i), i < first_global ? file : "-"}, i});
+    found.push_back({lo, hi, names.at(s.st_name, i), i < first_global ? file : "-"});
+    found_index.push_back(uint32_t(i));
   }
   // By address, the sized ones first at a shared address, then in table
-  // order: sorted as small keys (the symbol records are six times larger).
+  // order: sorted as small keys (start; unsized, index in .symtab, index
+  // in found).
   std::vector<std::pair<uint64_t, uint64_t>> keys(found.size());
   for (size_t k = 0; k < found.size(); ++k) {
-    bool unsized = found[k].sym.end <= found[k].sym.addr;
-    keys[k] = {found[k].sym.addr, (uint64_t(unsized) << 63) | (uint64_t(found[k].index) << 31) | k};
+    bool unsized = found[k].end <= found[k].addr;
+    keys[k] = {found[k].addr, (uint64_t(unsized) << 63) | (uint64_t(found_index[k]) << 31) | k};
   }
-  std::sort(keys.begin(), keys.end());
-  std::vector<Ranked> sorted;
-  sorted.reserve(found.size());
-  for (const auto &key : keys)
-    sorted.push_back(found[key.second & 0x7fffffff]);
-  found = std::move(sorted);
+  if (!std::is_sorted(keys.begin(), keys.end()))
+    std::sort(keys.begin(), keys.end());
   // Functions do not overlap: a size that runs into the next function is
   // wrong (the assembler sizes a function that has a part in another
   // section from one part's start to the other's end) and is cut there.
   out.by_addr.reserve(found.size());
-  for (size_t i = 0, next = 0; i < found.size(); ++i) {
-    FunctionSymbol s = found[i].sym;
-    while (next < found.size() && found[next].sym.addr <= s.addr)
+  for (size_t i = 0, next = 0; i < keys.size(); ++i) {
+    FunctionSymbol s = found[keys[i].second & 0x7fffffff];
+    while (next < keys.size() && keys[next].first <= s.addr)
       ++next;
-    if (next < found.size())
-      s.end = std::min(s.end, found[next].sym.addr);
+    if (next < keys.size())
+      s.end = std::min(s.end, keys[next].first);
     out.by_addr.push_back(s);
   }
   return out;

@@ -88,23 +88,25 @@ void update_gp_ranges() {
     // ends where the next word no longer follows in the new layout.
     bool open = false;
     Bin::GpRange run{0, 0, r.gp};
-    auto add_word = [&](uint64_t moved) {
+    auto add_words = [&](uint64_t moved, uint64_t n) {
       if (open && moved == run.hi) {
-        run.hi += 4;
+        run.hi += 4 * n;
         return;
       }
       if (open)
         out.push_back(run);
-      run = {moved, moved + 4, r.gp};
+      run = {moved, moved + 4 * n, r.gp};
       open = true;
     };
     uint64_t first = ((lo & ~uint64_t(3)) - bin.text_lo) >> 2;
     uint64_t words = std::min<uint64_t>(bin.text_words, (hi - bin.text_lo + 3) >> 2);
-    for (uint64_t k = first; k < words; ++k)
-      add_word(bin.text_map != nullptr ? text_map_word(k) : bin.text_lo + 4 * k);
+    for (uint64_t k = first, j; k < words; k = j) {
+      j = bin.text_map != nullptr ? text_map_run_end(k, words) : words;
+      add_words(bin.text_map != nullptr ? text_map_word(k) : bin.text_lo + 4 * k, j - k);
+    }
     // The partial word at the end of an odd-sized .text stays.
     for (uint64_t a = bin.text_lo + 4 * std::max(first, words); a < hi; a += 4)
-      add_word(a);
+      add_words(a, 1);
     if (open)
       out.push_back(run);
   }
