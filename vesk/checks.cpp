@@ -4,6 +4,7 @@
 #include "vesk/checks.h"
 
 #include <algorithm>
+#include <optional>
 #include <cstdio>
 #include <cstring>
 #include <unordered_map>
@@ -328,8 +329,9 @@ template <class Leaves> void tie_procedures_that_run_on(Leaves leaves_into_next,
   }
 }
 
-void tie_procedures_ending_in_a_call() {
-  NoReturn calls;
+void tie_procedures_ending_in_a_call(NoReturn *shared) {
+  std::optional<NoReturn> own;
+  NoReturn &calls = shared ? *shared : own.emplace();
   tie_procedures_that_run_on(
       [&calls](const Proc *p) {
         if (p->size <= 7)
@@ -348,8 +350,9 @@ void tie_procedures_ending_in_a_call() {
       "jal/jalr");
 }
 
-void tie_procedures_without_a_return() {
-  NoReturn calls;
+void tie_procedures_without_a_return(NoReturn *shared) {
+  std::optional<NoReturn> own;
+  NoReturn &calls = shared ? *shared : own.emplace();
   tie_procedures_that_run_on(
       [&calls](const Proc *p) {
         // No return and no break: the procedure falls through, unless it

@@ -26,6 +26,7 @@
 #include "com/update_compact_rel.h"
 #include "com/xlate_table.h"
 #include "vesk/checks.h"
+#include "vesk/noreturn.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
 #include "vesk/order.h"
@@ -124,8 +125,11 @@ void reorder_it() {
   read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
   check_branch_out_of_procedure();
-  tie_procedures_ending_in_a_call();
-  tie_procedures_without_a_return();
+  {
+    NoReturn calls; // what both ties ask about callees, learnt once
+    tie_procedures_ending_in_a_call(&calls);
+    tie_procedures_without_a_return(&calls);
+  }
   tie_procedures_sharing_unwind_info();
   keep_split_functions_in_reach();
   if (option.r4000_fix == 1)

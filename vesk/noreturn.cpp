@@ -44,13 +44,16 @@ constexpr uint32_t GP = 28, T9 = 25;
 } // namespace
 
 struct NoReturn::State {
-  std::unordered_set<std::string> library;
+  std::unordered_set<std::string_view> library;
   // GOT global entry index -> dynamic symbol name and, for a symbol the
-  // executable defines, its address (0 otherwise).
+  // executable defines, its address (0 otherwise).  Read at the first call
+  // through the GOT.
+  bool got_read = false;
   std::vector<const char *> global_got_names;
   std::vector<uint64_t> global_got_values;
   // Procedures by function name, for the parts of one function (foo,
-  // foo.cold).
+  // foo.cold).  Indexed at the first callee looked at.
+  bool parts_indexed = false;
   std::vector<const Proc *> named;
   FlatIndex parts;
   // By record: 0 not asked yet, 1 in progress, 2 returns, 3 never returns.
@@ -70,6 +73,11 @@ std::string_view function_name(const char *name) {
 NoReturn::NoReturn() : s_(std::make_unique<State>()) {
   for (const char *n : kLibraryNoReturn)
     s_->library.insert(n);
+  s_->memo.assign(bin.procs.records.size(), 0);
+}
+
+void NoReturn::read_global_got() {
+  s_->got_read = true;
   // The GOT's global entries follow its local ones in the order of the
   // dynamic symbols from DT_MIPS_GOTSYM on.
   Elf_Scn *dynsym = nullptr;
@@ -90,6 +98,10 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
     }
   }
   elf_errno();
+}
+
+void NoReturn::index_parts() {
+  s_->parts_indexed = true;
   // In the order of the records, which lie (with their names) in memory in
   // that order; the list's order (the feedback's) sends every step to
   // another place.  The order of the parts of one function does not change
@@ -101,7 +113,6 @@ NoReturn::NoReturn() : s_(std::make_unique<State>()) {
     h = hash_of(function_name(s_->named[i]->name));
     return true;
   });
-  s_->memo.assign(bin.procs.records.size(), 0);
 }
 
 NoReturn::~NoReturn() = default;
@@ -162,6 +173,8 @@ bool NoReturn::ends_in_call_that_never_returns(const Proc *p) {
           return false;
         // A secondary GOT (a program whose GOT the linker split) lies
         // behind the primary one's global part, and holds its values.
+        if (!s_->got_read)
+          read_global_got();
         bool secondary = !bin.gp_ranges.empty() && index >= bin.local_gotno + s_->global_got_names.size();
         if (index >= bin.local_gotno && !secondary) {
           uint64_t g = index - bin.local_gotno;
@@ -205,6 +218,8 @@ bool NoReturn::never_returns(const Proc *q) {
   s_->memo[record] = 1;
   std::vector<const Proc *> parts;
   if (q->name != nullptr) {
+    if (!s_->parts_indexed)
+      index_parts();
     std::string_view function = function_name(q->name);
     s_->parts.visit(hash_of(function), [&](size_t i) {
       if (function_name(s_->named[i]->name) == function)

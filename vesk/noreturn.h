@@ -16,8 +16,9 @@ namespace vesk {
 
 class NoReturn {
 public:
-  // Reads what the input says about its callees: the GOT, the dynamic
-  // symbols that name the GOT's global entries, and the procedure table.
+  // Reads what the input says about its callees (the GOT, the dynamic
+  // symbols that name the GOT's global entries, the procedure table) as
+  // the questions first need it.
   NoReturn();
   ~NoReturn();
   // True when p's last call (the word before its last delay slot) goes to a
@@ -26,6 +27,8 @@ public:
 
 private:
   bool never_returns(const Proc *q);
+  void read_global_got();
+  void index_parts();
   struct State;
   std::unique_ptr<State> s_;
 };
