@@ -76,6 +76,17 @@ constexpr Fixup fixup_kind(uint32_t w) {
   }
 }
 
+// A first test, one bit per primary opcode: only words with these opcodes
+// can be a branch or jump for fixup_kind or ties_as_branch.  A scan of the
+// text asks it of every word; most are neither.
+constexpr bool may_branch_or_jump(uint32_t w) {
+  constexpr uint64_t ops = (1ull << OP_REGIMM) | (1ull << OP_J) | (1ull << OP_JAL) | (1ull << OP_BEQ) |
+                           (1ull << OP_BNE) | (1ull << OP_BLEZ) | (1ull << OP_BGTZ) | (1ull << OP_COP0) |
+                           (1ull << OP_COP1) | (1ull << OP_COP2) | (1ull << OP_BEQL) | (1ull << OP_BNEL) |
+                           (1ull << OP_BLEZL) | (1ull << OP_BGTZL);
+  return (ops >> op(w)) & 1;
+}
+
 // Which words tie procedures together when their target lies in another
 // procedure.  REGIMM counts whatever its rt (traps included); coprocessor-1
 // branches never count and coprocessor-2 branches do.

@@ -9,6 +9,7 @@
 #include "support/step.h"
 #include "base/bin.h"
 #include "base/bytes.h"
+#include "base/mips.h"
 #include "base/flat_index.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
@@ -297,4 +298,17 @@ TEST(FlatIndexTest, ItemsOfAHashComeInTableOrder) {
   EXPECT_EQ(visited("y", 10), (std::vector<size_t>{1, 6}));
   EXPECT_EQ(visited("x", 2), (std::vector<size_t>{0, 3}));
   EXPECT_TRUE(visited("w", 10).empty());
+}
+
+// The scan of the text skips words by their opcode before it decodes them:
+// no branch or jump that the fix-up or the ties look at may be skipped.
+TEST(Scanning, TheOpcodeFilterLetsEveryBranchAndJumpThrough) {
+  for (uint32_t op = 0; op < 64; ++op)
+    for (uint32_t rs = 0; rs < 32; ++rs)
+      for (uint32_t rt = 0; rt < 32; ++rt) {
+        uint32_t w = op << 26 | rs << 21 | rt << 16 | 0x1234;
+        if (mips::fixup_kind(w) != mips::Fixup::none || mips::ties_as_branch(w)) {
+          ASSERT_TRUE(mips::may_branch_or_jump(w)) << std::hex << w;
+        }
+      }
 }

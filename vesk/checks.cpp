@@ -253,6 +253,8 @@ void check_branch_out_of_procedure() {
   bin.fixup_words_of = nullptr;
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);
+    if (!mips::may_branch_or_jump(w))
+      continue;
     if (mips::fixup_kind(w) != mips::Fixup::none)
       bin.fixup_words.push_back(uint32_t(i));
     if (!mips::ties_as_branch(w))
