@@ -62,12 +62,20 @@ void run(int argc, char **argv) {
 
 } // namespace
 
-int vesk_main(int argc, char **argv) {
+int vesk_main(int argc, char **argv, bool process_ends) {
   bin = Bin{};
   option = Options{};
   int status = 0;
   try {
     run(argc, argv);
+    if (process_ends) {
+      // The output is in place.  The run's memory goes back to the system
+      // at once when the process ends; handing it back piece by piece
+      // would cost more than a step of the rewrite.
+      std::fflush(stdout);
+      std::fflush(stderr);
+      std::_Exit(0);
+    }
   } catch (const Fatal &) {
     status = 1;
   } catch (const std::bad_alloc &) {

@@ -3,8 +3,10 @@
 
 namespace vesk {
 
-// The whole run: parse, read, plan, rewrite, write, post-process.
-int vesk_main(int argc, char **argv);
+// The whole run: parse, read, plan, rewrite, write, post-process.  When
+// the process ends with the run (the command itself), a successful run
+// ends it without freeing what it holds.
+int vesk_main(int argc, char **argv, bool process_ends = false);
 void reorder_it();
 // Refuses an output path that names the input file itself.
 void check_output_is_not_input();
