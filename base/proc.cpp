@@ -9,6 +9,7 @@
 
 #include "base/bin.h"
 #include "base/diag.h"
+#include "base/key_sort.h"
 #include "base/options.h"
 
 namespace vesk {
@@ -32,10 +33,9 @@ void build_addr_index() {
   // By start.  Records that start together overlap, and the lookup walks
   // the list for any address they hold whatever their order here, so the
   // list's order does not matter: when it holds every record, the table is
-  // read in its own order (no walk all over memory) and sorted as
-  // (start, index) keys.
+  // read in its own order (no walk all over memory) and sorted by start.
   std::vector<Proc *> listed;
-  std::vector<std::pair<uint64_t, uint64_t>> keys;
+  std::vector<KeyValue> keys;
   keys.reserve(ix.records.size());
   if (ix.order_size == ix.records.size()) {
     for (Proc &p : ix.records)
@@ -48,8 +48,7 @@ void build_addr_index() {
         listed.push_back(p);
       }
   }
-  if (!std::is_sorted(keys.begin(), keys.end()))
-    std::sort(keys.begin(), keys.end());
+  stable_sort_by_key(keys);
   size_t n = keys.size();
   ix.by_start.resize(n);
   for (size_t i = 0; i < n; ++i)

@@ -9,6 +9,7 @@
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "base/key_sort.h"
 #include "base/options.h"
 #include "base/proc.h"
 
@@ -174,9 +175,7 @@ FunctionSymbols read_function_symbols(Elf *elf) {
     error("%s: .symtab says its globals start at symbol %zu, but it holds %zu", option.program, first_global, n);
 
   std::vector<FunctionSymbol> found;
-  std::vector<uint32_t> found_index; // each one's index in .symtab
   found.reserve(n);
-  found_index.reserve(n);
   const char *file = "-";
   for (size_t i = 0; i < n; ++i) {
     GElf_Sym s;
@@ -194,24 +193,23 @@ FunctionSymbols read_function_symbols(Elf *elf) {
     if (!text_extent(s, &lo, &hi))
       continue;
     found.push_back({lo, hi, names.at(s.st_name, i), i < first_global ? file : "-"});
-    found_index.push_back(uint32_t(i));
   }
   // By address, the sized ones first at a shared address, then in table
-  // order: sorted as small keys (start; unsized, index in .symtab, index
-  // in found).
-  std::vector<std::pair<uint64_t, uint64_t>> keys(found.size());
-  for (size_t k = 0; k < found.size(); ++k) {
-    bool unsized = found[k].end <= found[k].addr;
-    keys[k] = {found[k].addr, (uint64_t(unsized) << 63) | (uint64_t(found_index[k]) << 31) | k};
-  }
-  if (!std::is_sorted(keys.begin(), keys.end()))
-    std::sort(keys.begin(), keys.end());
+  // order (found is in table order): the sized ones' keys ahead of the
+  // unsized ones', then sorted by address keeping that order.
+  std::vector<KeyValue> keys;
+  keys.reserve(found.size());
+  for (bool unsized : {false, true})
+    for (size_t k = 0; k < found.size(); ++k)
+      if ((found[k].end <= found[k].addr) == unsized)
+        keys.emplace_back(found[k].addr, k);
+  stable_sort_by_key(keys);
   // Functions do not overlap: a size that runs into the next function is
   // wrong (the assembler sizes a function that has a part in another
   // section from one part's start to the other's end) and is cut there.
   out.by_addr.reserve(found.size());
   for (size_t i = 0, next = 0; i < keys.size(); ++i) {
-    FunctionSymbol s = found[keys[i].second & 0x7fffffff];
+    FunctionSymbol s = found[keys[i].second];
     while (next < keys.size() && keys[next].first <= s.addr)
       ++next;
     if (next < keys.size())

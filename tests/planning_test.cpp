@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 
 #include "support/bench.h"
 #include "support/step.h"
@@ -11,6 +12,7 @@
 #include "base/bytes.h"
 #include "base/mips.h"
 #include "base/flat_index.h"
+#include "base/key_sort.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
@@ -311,4 +313,20 @@ TEST(Scanning, TheOpcodeFilterLetsEveryBranchAndJumpThrough) {
           ASSERT_TRUE(mips::may_branch_or_jump(w)) << std::hex << w;
         }
       }
+}
+
+// Starts are sorted by their digits; equal starts keep their order, as a
+// stable comparison sort keeps it.
+TEST(Sorting, KeysSortAsAStableComparisonSortsThem) {
+  std::mt19937_64 rng(5);
+  for (uint64_t mask : {uint64_t(0xfff), uint64_t(0x7ffffc), ~uint64_t(0)})
+    for (size_t n : {size_t(10), size_t(5000)}) {
+      std::vector<KeyValue> v(n);
+      for (size_t i = 0; i < n; ++i)
+        v[i] = {(rng() & mask) | 0x400000, i};
+      std::vector<KeyValue> want = v;
+      std::stable_sort(want.begin(), want.end(), [](const KeyValue &a, const KeyValue &b) { return a.first < b.first; });
+      stable_sort_by_key(v);
+      EXPECT_EQ(v, want) << std::hex << mask << " " << n;
+    }
 }
