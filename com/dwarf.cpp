@@ -169,7 +169,7 @@ private:
 };
 
 // The walk over the entries of every unit.  Names it hands to records or
-// notes are kept in the procedure table, for the whole run.
+// notes live for the whole run (keep_input_name).
 class DwarfWalk {
 public:
   explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {
@@ -355,7 +355,7 @@ private:
       return false;
     // Kept for the run only now: most subprogram entries of a program are
     // declarations.
-    const char *name = raw_name ? bin.procs.keep(raw_name) : nullptr;
+    const char *name = raw_name ? keep_input_name(raw_name) : nullptr;
     text = name ? name : kNoName;
     bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
     if (have_ranges)
@@ -384,7 +384,7 @@ private:
     const char *linkage_name = nullptr;
     if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ABSTRACT_NAME)) {
       if (const char *raw = dwarf_formstring(a))
-        linkage_name = bin.procs.keep(raw);
+        linkage_name = keep_input_name(raw);
       forget_dwarf_error();
     }
     if (name == nullptr && linkage_name != nullptr)
@@ -563,7 +563,7 @@ void DwarfWalk::walk_units(Elf *elf) {
       const char *raw = dwarf_formstring(&a);
       if (raw == nullptr)
         print_dwarf_error("dwarf_diename");
-      unit_name = bin.procs.keep(raw);
+      unit_name = keep_input_name(raw);
     }
     if (option.debug & 1)
       dump("File:  %s", unit_name ? unit_name : "");

@@ -159,6 +159,16 @@ void write_it() {
   restore_unwritten_bytes(std::move(ranges));
 }
 
+const char *keep_input_name(const char *s) {
+  size_t size = 0;
+  const char *raw = bin.in_elf ? elf_rawfile(bin.in_elf, &size) : nullptr;
+  uintptr_t base = reinterpret_cast<uintptr_t>(raw), at = reinterpret_cast<uintptr_t>(s);
+  if (raw != nullptr && at >= base && at - base < size)
+    return s;
+  elf_errno();
+  return bin.procs.keep(s);
+}
+
 void *output_contents(const Elf_Data *in) {
   size_t raw_size = 0;
   const char *raw = elf_rawfile(bin.in_elf, &raw_size);

@@ -43,6 +43,10 @@ void *dup_buffer(const void *src, size_t size);
 // bytes mapped copy-on-write where libelf hands out the file's bytes as they
 // are, else a copy.
 void *output_contents(const Elf_Data *in);
+// A name for the procedure table: one that lies in the input's image stays
+// where it is (the image lives until the output is written); any other is
+// copied into the table.
+const char *keep_input_name(const char *s);
 // The output contents [p, p + n) are about to be written whole, before
 // anything reads them: where they lie in the private map of the input,
 // their pages are made fresh (not copied from the file) and ready at once.

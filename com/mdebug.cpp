@@ -9,6 +9,7 @@
 #include "base/diag.h"
 #include "base/options.h"
 #include "base/proc.h"
+#include "com/elf.h"
 #include "com/symtab_procs.h"
 #include "mdebug/symtab.h"
 
@@ -31,7 +32,7 @@ void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
   if (name == nullptr)
     error("%s: stripped binary? mdebug file %d has no name", h->name.c_str(), int(f));
   // One copy of the file name, shared by the procedure records of the file.
-  const char *file_name = bin.procs.keep(name);
+  const char *file_name = keep_input_name(name);
 
   if (range.count == 0)
     return;
@@ -53,7 +54,7 @@ void add_file_procedures(MdebugHandle *h, uint32_t f, IpdCarry &carry) {
     if (proc_name == nullptr)
       error("%s: stripped binary? procedure descriptor %llu of mdebug file %u (%s) has no name", h->name.c_str(),
             (unsigned long long)i, f, file_name);
-    proc_name = bin.procs.keep(proc_name); // the table is closed after discovery
+    proc_name = keep_input_name(proc_name); // the table is closed after discovery
     Proc *p = new_proc();
     p->name = proc_name;
     p->file_name = file_name;
