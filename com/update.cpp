@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/bytes.h"
+#include "base/key_sort.h"
 #include "base/diag.h"
 #include "base/options.h"
 #include "com/elf.h"
@@ -110,8 +111,17 @@ void update_gp_ranges() {
     if (open)
       out.push_back(run);
   }
-  std::sort(out.begin(), out.end(), [](const Bin::GpRange &a, const Bin::GpRange &b) { return a.lo < b.lo; });
+  // By start: a shuffled layout cuts the stretches into tens of thousands.
+  std::vector<KeyValue> by_lo(out.size());
+  for (size_t i = 0; i < out.size(); ++i)
+    by_lo[i] = {out[i].lo, i};
+  stable_sort_by_key(by_lo);
+  std::vector<Bin::GpRange> sorted(out.size());
+  for (size_t i = 0; i < out.size(); ++i)
+    sorted[i] = out[by_lo[i].second];
+  out = std::move(sorted);
   std::vector<uint8_t> &bytes = bin.out_buffers.emplace_back();
+  bytes.reserve(24 * out.size());
   for (size_t i = 0; i < out.size(); ++i) {
     if (i > 0 && out[i].lo < out[i - 1].hi)
       error("%s: the new layout puts code of two GOTs at %#llx", option.program, (unsigned long long)out[i].lo);
