@@ -104,15 +104,24 @@ template <class C> void finish(XlateSection &s) {
 }
 
 // The new text, read backwards: for each word of the new text, the index
-// of the old word it holds.
+// of the old word it holds.  Built run by run of the text map: the runs
+// of a layout are its procedures, tens of words each.
 struct NewToOld {
   static constexpr uint32_t none = ~uint32_t(0);
   std::vector<uint32_t> old_word;
-  NewToOld() : old_word(bin.text_words, none) {
-    for (uint32_t k = 0; k < bin.text_words; ++k) {
-      uint64_t j = bin.text_map[k];
-      if (j < bin.text_words)
-        old_word[j] = k;
+  NewToOld() {
+    uint64_t n = bin.text_words;
+    // A layout that placed every word once leaves no new word without its
+    // old one: nothing to mark as such first.
+    if (bin.new_text_fill != n)
+      old_word.assign(n, none);
+    else
+      old_word.resize(n);
+    for (uint64_t k = 0, j; k < n; k = j) {
+      j = text_map_run_end(k, n);
+      uint64_t to = bin.text_map[k];
+      for (uint64_t t = 0; t < j - k && to + t < n; ++t)
+        old_word[to + t] = uint32_t(k + t);
     }
   }
   // The old word at new address a, or none outside the new text.
@@ -137,10 +146,10 @@ public:
       uint64_t old = from;
       uint32_t k = map.at(from);
       if (k != NewToOld::none) {
+        // The old words from k that stay together stay together in the new
+        // text too, from `from` on.
         old = bin.text_lo + 4 * uint64_t(k);
-        len = 4;
-        while (from + len < to && map.at(from + len) == k + len / 4)
-          len += 4;
+        len = std::min<uint64_t>(4 * (text_map_run_end(k, bin.text_words) - k), (to - from + 3) / 4 * 4);
       } else {
         // Identity up to the next word the text map describes.
         uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
