@@ -87,9 +87,9 @@ void find_breaks() {
     check(w);
   // Inside, word k + 1 follows word k where its new index does.
   const uint32_t *map = bin.text_map;
-  for (uint64_t k = 0; map != nullptr && k + 1 < bin.text_words; ++k)
-    if (map[k + 1] != map[k] + 1)
-      breaks.at.push_back(bin.text_lo + 4 * k);
+  for (uint64_t k = 0, j; map != nullptr && k + 1 < bin.text_words; k = j)
+    if ((j = text_map_run_end(k, bin.text_words)) < bin.text_words)
+      breaks.at.push_back(bin.text_lo + 4 * (j - 1));
   if (map == nullptr)
     for (; w + 4 < text_end; w += 4)
       check(w);

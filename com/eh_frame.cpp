@@ -559,9 +559,8 @@ bool moved_in_one_piece(const UnwindSpan &s) {
   uint64_t whole = std::min(hi, bin.text_lo + 4 * uint64_t(bin.text_words));
   if (lo < whole) {
     uint64_t k = (lo - bin.text_lo) >> 2, last = (whole - 1 - bin.text_lo) >> 2;
-    for (; k < last; ++k)
-      if (map[k + 1] != map[k] + 1)
-        return false;
+    if (text_map_run_end(k, last + 1) <= last)
+      return false;
   }
   for (uint64_t a = std::max(lo, whole); a < hi; a = (a | 3) + 1)
     if (new_code_address(a) != first + (a - s.lo))
