@@ -168,6 +168,12 @@ int clear_proc_flag() {
   return get_n_procs();
 }
 
+const std::vector<Proc *> &procs_by_start() {
+  if (!table().addr_index_valid)
+    build_addr_index();
+  return table().by_start;
+}
+
 Proc *get_proc_by_addr(uint64_t addr) {
   ProcTable &ix = table();
   if (!ix.addr_index_valid)

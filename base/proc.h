@@ -101,6 +101,9 @@ void attach_proc_list(Proc *p);
 void attach_proc_with_no_feedback();
 int clear_proc_flag();
 Proc *get_proc_by_addr(uint64_t addr);
+// The records of the list with a size, by start; records that start
+// together come in no particular order.
+const std::vector<Proc *> &procs_by_start();
 Proc *find_proc_by_name(const char *name, const char *file_name);
 // For reading many names in no particular order: the hash a lookup of
 // (name, file_name) uses, a lookup that takes it, and the steps that fetch

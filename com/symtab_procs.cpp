@@ -266,13 +266,18 @@ void add_symbol_table_procs(const FunctionSymbols &syms) {
 }
 
 void attach_padding() {
-  std::vector<Proc *> procs;
+  // By start (sorted as keys: a sort that compared the records would wait
+  // on memory at every step).
+  std::vector<KeyValue> keys;
   for (int i = 0, n = get_n_procs(); i < n; ++i) {
     Proc *p = get_proc_by_index(i);
     if (p->size != 0 && in_text(p->old_addr))
-      procs.push_back(p);
+      keys.emplace_back(p->old_addr, uint64_t(i));
   }
-  std::sort(procs.begin(), procs.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
+  stable_sort_by_key(keys);
+  std::vector<Proc *> procs(keys.size());
+  for (size_t i = 0; i < keys.size(); ++i)
+    procs[i] = get_proc_by_index(long(keys[i].second));
   auto padding_only = [](uint64_t lo, uint64_t hi) {
     for (uint64_t a = lo; a < hi; a += 4) {
       auto i = (a - bin.text_lo) / 4;

@@ -384,20 +384,15 @@ void tie_procedures_sharing_unwind_info() {
   std::vector<UnwindSpan> spans = unwind_spans();
   if (spans.empty())
     return;
-  // The procedures of the list by address.  When every record is in the
-  // list, the table gives them without a walk of the list, which leads all
-  // over memory in a feedback order.  Only procedures that start together
-  // could sort otherwise than from the list's order: then the list is
-  // walked.
+  // The procedures of the list by address, from the address index.  Only
+  // procedures that start together could sort otherwise than from the
+  // list's order: then the list is walked.
   auto by_start = [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; };
   std::vector<Proc *> by_addr;
-  if (bin.procs.order_size == bin.procs.records.size())
-    for (Proc &p : bin.procs.records)
-      if (p.size != 0 && start_in_text(&p))
-        by_addr.push_back(&p);
-  std::sort(by_addr.begin(), by_addr.end(), by_start);
-  if (bin.procs.order_size != bin.procs.records.size() ||
-      std::adjacent_find(by_addr.begin(), by_addr.end(), [](const Proc *a, const Proc *b) {
+  for (Proc *p : procs_by_start())
+    if (start_in_text(p))
+      by_addr.push_back(p);
+  if (std::adjacent_find(by_addr.begin(), by_addr.end(), [](const Proc *a, const Proc *b) {
         return a->old_addr == b->old_addr;
       }) != by_addr.end()) {
     by_addr.clear();
