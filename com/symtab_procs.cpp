@@ -98,13 +98,13 @@ void add_proc(const FunctionSymbol &s, uint64_t lo, uint64_t hi) {
 // What the procedures made so far cover, as disjoint ranges in address
 // order.
 std::vector<std::pair<uint64_t, uint64_t>> covered_ranges() {
-  std::vector<std::pair<uint64_t, uint64_t>> covered;
+  std::vector<KeyValue> covered; // start, end
   for (int i = 0, n = get_n_procs(); i < n; ++i) {
     const Proc *p = get_proc_by_index(i);
     if (p->size != 0)
       covered.push_back({p->old_addr, p->old_addr + p->size});
   }
-  std::sort(covered.begin(), covered.end());
+  stable_sort_by_key(covered); // ranges that start together merge whatever their order
   size_t merged = 0;
   for (const auto &r : covered) {
     if (merged > 0 && r.first <= covered[merged - 1].second)
