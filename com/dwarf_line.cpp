@@ -175,7 +175,7 @@ public:
     if (r.discriminator != 0) {
       Out d;
       d.uleb(r.discriminator);
-      o.u8(0), o.uleb(1 + d.size()), o.u8(LNE_set_discriminator), o.bytes(d.b.data(), d.size());
+      o.u8(0), o.uleb(1 + d.size()), o.u8(LNE_set_discriminator), o.bytes(d.data(), d.size());
     }
     uint64_t adv = advance(addr);
     int64_t dline = int64_t(r.line - st.line);
@@ -340,7 +340,7 @@ std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsig
                                            std::map<uint64_t, uint64_t> *offsets) {
   Out out;
   // The programs come out about as large as they went in.
-  out.b.reserve(size + size / 8 + 64);
+  out.reserve(size + size / 8 + 64);
   SectionCursor c(in, size, 0, ".debug_line");
   while (c.pos < size) {
     Program p = read_program(c, in, addr_size);
@@ -367,14 +367,14 @@ std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsig
       }
     uint64_t new_length = out.size() - counted;
     if (offset_size == 8)
-      store64(out.b.data() + length_at + 4, new_length);
+      store64(out.data() + length_at + 4, new_length);
     else if (new_length >= 0xfffffff0u)
       c.fail("a line program that grows past what a 32-bit length holds");
     else
-      store32(out.b.data() + length_at, uint32_t(new_length));
+      store32(out.data() + length_at, uint32_t(new_length));
     c.pos = end;
   }
-  return out.b;
+  return out.take();
 }
 
 } // namespace vesk::dwarf_update

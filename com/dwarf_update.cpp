@@ -238,7 +238,7 @@ void end_length(Out &o, size_t at, unsigned offset_size, const char *section) {
   uint64_t n = o.size() - at - offset_size;
   if (offset_size == 4 && n >= 0xfffffff0u)
     error("%s: section %s grows past what a 32-bit DWARF unit can hold", option.program, section);
-  store_sized(o.b.data() + at, n, offset_size);
+  store_sized(o.data() + at, n, offset_size);
 }
 
 // ------------------------------------------------------------ expressions
@@ -1039,7 +1039,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   Out o;
   // The lists come out about as large as they went in: room for that and
   // some pieces, so that the buffer is not copied as it grows.
-  o.b.reserve(s.size + s.size / 8 + 64);
+  o.reserve(s.size + s.size / 8 + 64);
   ListMoves moved, moved_views;
   const Table *table = nullptr;
   size_t length_at = 0;
@@ -1121,7 +1121,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   patch_refs(list_refs, units, v5, moved, name, is_loc ? "a location list" : "a range list");
   if (is_loc)
     patch_refs(refs[REF_VIEWS], units, v5, moved_views, name, "a location view list");
-  rewritten.push_back({name, s.present() ? s.type : info.type, std::move(o.b)});
+  rewritten.push_back({name, s.present() ? s.type : info.type, o.take()});
 }
 
 void DwarfUpdate::rewrite_line() {
@@ -1205,7 +1205,7 @@ void DwarfUpdate::rewrite_aranges() {
     end_length(o, at, offset_size, ".debug_aranges");
     c.pos = end;
   }
-  rewritten.push_back({".debug_aranges", aranges.type, std::move(o.b)});
+  rewritten.push_back({".debug_aranges", aranges.type, o.take()});
 }
 
 // The form of a filler attribute of n bytes.
@@ -1301,7 +1301,7 @@ void DwarfUpdate::write_abbrevs() {
         cv->high_field[u.offset_size] = uint8_t(filler - 1);
     }
   }
-  rewritten.push_back({".debug_abbrev", abbrev.type, std::move(o.b)});
+  rewritten.push_back({".debug_abbrev", abbrev.type, o.take()});
 }
 
 // ------------------------------------------------------------ placement

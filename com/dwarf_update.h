@@ -1,8 +1,10 @@
 // The DWARF of a reordered executable, made to describe the new layout.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <utility>
 #include <vector>
@@ -46,26 +48,57 @@ inline uint64_t map_byte(uint64_t a) {
 void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out);
 
 // Growing big-endian output.
-struct Out {
-  std::vector<uint8_t> b;
-  size_t size() const { return b.size(); }
-  void u8(uint64_t v) { b.push_back(uint8_t(v)); }
-  void u16(uint64_t v) { u8(v >> 8), u8(v); }
-  void u32(uint64_t v) { u16(v >> 16), u16(v); }
-  void u64(uint64_t v) { u32(v >> 32), u32(v); }
-  void sized(uint64_t v, unsigned n) { // 1, 2, 4 or 8 bytes
-    for (unsigned i = n; i-- > 0;)
-      u8(i < 8 ? v >> (8 * i) : 0);
+// Bytes written one field at a time, the most numerous writes of the
+// update: room is made ahead in larger steps, so that a field is stored
+// without checking the capacity byte by byte.
+class Out {
+public:
+  size_t size() const { return n_; }
+  uint8_t *data() { return b_.data(); }
+  void reserve(size_t k) {
+    if (b_.size() < k)
+      b_.resize(k);
+  }
+  void u8(uint64_t v) { *room(1) = uint8_t(v); }
+  void u16(uint64_t v) { sized(v, 2); }
+  void u32(uint64_t v) { sized(v, 4); }
+  void u64(uint64_t v) { sized(v, 8); }
+  void sized(uint64_t v, unsigned n) { // 1, 2, 4 or 8 bytes, big-endian
+    uint8_t *p = room(n);
+    for (unsigned i = n; i-- > 0; v >>= 8)
+      p[i] = uint8_t(v);
   }
   void uleb(uint64_t v) {
+    uint8_t *p = room(10), *q = p;
     do {
       uint8_t x = v & 0x7f;
       v >>= 7;
-      u8(x | (v ? 0x80 : 0));
+      *q++ = uint8_t(x | (v ? 0x80 : 0));
     } while (v);
+    n_ -= 10 - size_t(q - p);
   }
   void sleb(int64_t v);
-  void bytes(const uint8_t *p, size_t n) { b.insert(b.end(), p, p + n); }
+  void bytes(const uint8_t *p, size_t k) {
+    if (k != 0)
+      std::memcpy(room(k), p, k);
+  }
+  // The bytes written, handed over.
+  std::vector<uint8_t> take() {
+    b_.resize(n_);
+    n_ = 0;
+    return std::move(b_);
+  }
+
+private:
+  std::vector<uint8_t> b_; // its size is the room made; n_ bytes of it are written
+  size_t n_ = 0;
+  uint8_t *room(size_t k) {
+    if (b_.size() - n_ < k)
+      b_.resize(std::max(2 * b_.size(), n_ + k + 256));
+    uint8_t *p = b_.data() + n_;
+    n_ += k;
+    return p;
+  }
 };
 
 // A row of a line program, as a reader of addresses needs it.
