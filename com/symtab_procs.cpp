@@ -161,11 +161,31 @@ FunctionSymbols read_function_symbols(Elf *elf) {
   if (secs.symtab == nullptr || secs.text == 0)
     return out;
   Strings names = symbol_strings(elf, secs.symtab_header);
-  Elf_Data *d = elf_getdata(secs.symtab, nullptr);
-  if (d == nullptr || d->d_type != ELF_T_SYM || (d->d_buf == nullptr && d->d_size != 0))
+  // Read from the file's bytes: libelf would first convert the whole table
+  // into a copy of its own.
+  size_t image_size = 0;
+  const uint8_t *image = reinterpret_cast<const uint8_t *>(elf_rawfile(elf, &image_size));
+  const GElf_Shdr &sh = secs.symtab_header;
+  if (image == nullptr || sh.sh_type == SHT_NOBITS || sh.sh_offset > image_size ||
+      sh.sh_size > image_size - sh.sh_offset)
     error("%s: cannot read the symbols of .symtab", option.program);
-  size_t entry = gelf_fsize(elf, ELF_T_SYM, 1, EV_CURRENT);
-  size_t n = entry ? d->d_size / entry : 0;
+  bool is_64 = gelf_getclass(elf) == ELFCLASS64;
+  size_t entry = is_64 ? 24 : 16;
+  size_t n = sh.sh_size / entry;
+  const uint8_t *table = image + sh.sh_offset;
+  auto symbol = [&](size_t i) {
+    const uint8_t *p = table + i * entry;
+    GElf_Sym s{};
+    s.st_name = load32(p);
+    if (is_64) {
+      s.st_info = p[4], s.st_other = p[5], s.st_shndx = load16(p + 6);
+      s.st_value = load64(p + 8), s.st_size = load64(p + 16);
+    } else {
+      s.st_value = load32(p + 4), s.st_size = load32(p + 8);
+      s.st_info = p[12], s.st_other = p[13], s.st_shndx = load16(p + 14);
+    }
+    return s;
+  };
   if (n > size_t(INT32_MAX))
     error("%s: .symtab holds more symbols than can be read", option.program);
   // Locals come first, up to sh_info; each file's locals follow its file
@@ -178,9 +198,7 @@ FunctionSymbols read_function_symbols(Elf *elf) {
   found.reserve(n);
   const char *file = "-";
   for (size_t i = 0; i < n; ++i) {
-    GElf_Sym s;
-    if (gelf_getsym(d, int(i), &s) == nullptr)
-      error("%s: cannot read symbol %zu of .symtab", option.program, i);
+    GElf_Sym s = symbol(i);
     unsigned type = GELF_ST_TYPE(s.st_info);
     if (i < first_global && type == STT_FILE) {
       const char *path = names.at(s.st_name, i);
@@ -324,6 +342,25 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
     return count == 1;
   };
 
+  // Whether a symbol of that name starts at addr.  The table comes in
+  // address order, mostly: the search goes on from where the last one
+  // ended while the addresses grow.
+  size_t at = 0;
+  auto named_at = [&all, &at](uint64_t addr, const char *name) {
+    if (at > all.size() || (at > 0 && all[at - 1].addr >= addr))
+      at = 0;
+    size_t step = 1;
+    while (at + step <= all.size() && all[at + step - 1].addr < addr)
+      at += step, step *= 2;
+    at = size_t(std::lower_bound(all.begin() + at, all.begin() + std::min(all.size(), at + step), addr,
+                                 [](const FunctionSymbol &s, uint64_t a) { return s.addr < a; }) -
+                all.begin());
+    for (size_t i = at; i < all.size() && all[i].addr == addr; ++i)
+      if (std::strcmp(all[i].name, name) == 0)
+        return true;
+    return false;
+  };
+
   // The assembler records the symbols of a function placed in another
   // input section than its file's .text (.text.startup, .text.unlikely)
   // relative to the wrong section; the linker's symbol is right.
@@ -334,7 +371,7 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
       // A symbol of its name where the table puts it settles it: it is
       // the only one of that name, or there are several and none is taken.
       uint64_t addr = 0;
-      if (!syms.named_at(uint32_t(p->old_addr), p->name) && only_symbol(p->name, addr) &&
+      if (!named_at(uint32_t(p->old_addr), p->name) && only_symbol(p->name, addr) &&
           uint32_t(addr) != uint32_t(p->old_addr)) {
         if (option.verbose)
           warning("procedure %s of %s starts at %#llx in the mdebug table but its symbol at %#llx; the symbol "
