@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <deque>
 #include <libelf.h>
 #include <string>
@@ -33,7 +34,9 @@ struct Bin {
   // text (4 bytes a word where an address would take 8; the map is as
   // large as .text itself).
   uint32_t *text_map = nullptr;
-  std::vector<uint32_t> text_map_store; // what text_map points to during a run
+  // What text_map points to during a run; the layout writes every entry
+  // before anything reads one, so it is not cleared first.
+  std::unique_ptr<uint32_t[]> text_map_store;
   uint32_t text_words = 0; // 4-byte words in .text
   const uint8_t *text_buf = nullptr; // input .text, raw big-endian, text_words * 4 bytes
   // The words of text_buf that hold a branch or a jump, by index, found

@@ -230,8 +230,7 @@ TEST(Unwinding, SpansThatMovedInOnePiece) {
   vesk::bin.text_lo = 0x400000;
   vesk::bin.text_words = map.size();
   vesk::bin.text_hi = vesk::bin.text_lo + 4 * map.size() + 2;
-  vesk::bin.text_map_store = map;
-  vesk::bin.text_map = vesk::bin.text_map_store.data();
+  vesk::bin.text_map = map.data();
   auto new_addr = [&](uint64_t a) {
     uint64_t k = (a - vesk::bin.text_lo) / 4;
     return a >= vesk::bin.text_lo && k < map.size() ? vesk::bin.text_lo + 4 * map[k] + (a & 3) : a;

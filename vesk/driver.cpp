@@ -126,8 +126,8 @@ void commit_output() {
 }
 
 void reorder_it() {
-  bin.text_map_store.assign(bin.text_words ? bin.text_words : 1, 0);
-  bin.text_map = bin.text_map_store.data();
+  bin.text_map_store.reset(new uint32_t[bin.text_words ? bin.text_words : 1]);
+  bin.text_map = bin.text_map_store.get();
   release_input_pages(); // of what reading the input touched, the rewrite reads only some again
   duplicate_elf();
   read_gp_ranges(); // which GOT the code of a program with several reads
