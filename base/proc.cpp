@@ -51,8 +51,11 @@ void build_addr_index() {
   stable_sort_by_key(keys);
   size_t n = keys.size();
   ix.by_start.resize(n);
-  for (size_t i = 0; i < n; ++i)
+  ix.starts.resize(n);
+  for (size_t i = 0; i < n; ++i) {
     ix.by_start[i] = listed.empty() ? &ix.records[keys[i].second] : listed[keys[i].second];
+    ix.starts[i] = keys[i].first;
+  }
   ix.max_end.assign(n, 0);
   ix.overlaps.assign(n, false);
   uint64_t max_end = 0;
@@ -185,11 +188,10 @@ Proc *get_proc_by_addr(uint64_t addr) {
     return ix.last_unique;
   }
   // The last record that starts at or below addr.
-  auto it = std::upper_bound(ix.by_start.begin(), ix.by_start.end(), addr,
-                             [](uint64_t a, const Proc *p) { return a < p->old_addr; });
+  auto it = std::upper_bound(ix.starts.begin(), ix.starts.end(), addr);
   Proc *found = nullptr;
-  if (it != ix.by_start.begin()) {
-    size_t r = size_t(it - ix.by_start.begin()) - 1;
+  if (it != ix.starts.begin()) {
+    size_t r = size_t(it - ix.starts.begin()) - 1;
     if (holds(ix.by_start[r], addr) && !ix.overlaps[r])
       found = ix.last_unique = ix.by_start[r];
     else if (ix.max_end[r] > addr)

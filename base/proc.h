@@ -78,6 +78,7 @@ struct ProcTable {
   Proc *last_unique = nullptr;   // the last answer that no other record shares
   bool addr_index_valid = false;
   std::vector<Proc *> by_start;  // records of the list with size > 0
+  std::vector<uint64_t> starts;  // their starts, searched without visiting the records
   std::vector<uint64_t> max_end; // prefix maximum of the ends
   std::vector<bool> overlaps;    // the record shares an address with another
 

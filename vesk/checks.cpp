@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/bin.h"
+#include "base/key_sort.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/mips.h"
@@ -51,13 +52,14 @@ void forget_chains() {
 bool procedures_overlap() {
   // The records, not the list: they lie in memory in order (usually the
   // order of their addresses too), the list in the feedback's.
-  std::vector<const Proc *> v;
+  std::vector<KeyValue> v; // start, end
+  v.reserve(bin.procs.records.size());
   for (const Proc &p : bin.procs.records)
     if (p.size != 0)
-      v.push_back(&p);
-  std::sort(v.begin(), v.end(), [](const Proc *a, const Proc *b) { return a->old_addr < b->old_addr; });
+      v.emplace_back(p.old_addr, p.old_addr + p.size);
+  stable_sort_by_key(v);
   for (size_t i = 1; i < v.size(); ++i)
-    if (v[i]->old_addr < v[i - 1]->old_addr + v[i - 1]->size)
+    if (v[i].first < v[i - 1].second)
       return true;
   return false;
 }
