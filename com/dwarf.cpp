@@ -148,6 +148,15 @@ public:
     }
   }
 
+  // Room for n ranges without growing.
+  void reserve(size_t n) {
+    size_t want = 1024;
+    while (want < 2 * n)
+      want *= 2;
+    if (want > slots_.size())
+      rehash(want);
+  }
+
 private:
   struct Slot {
     uint64_t lo = 0, hi = 0;
@@ -158,9 +167,10 @@ private:
     uint64_t h = (lo * 0x9e3779b97f4a7c15ull) ^ (hi * 0xc2b2ae3d27d4eb4full);
     return size_t(h ^ (h >> 29));
   }
-  void grow() {
+  void grow() { rehash(slots_.empty() ? 1024 : 2 * slots_.size()); }
+  void rehash(size_t slots) {
     std::vector<Slot> old = std::move(slots_);
-    slots_.assign(old.empty() ? 1024 : 2 * old.size(), Slot{});
+    slots_.assign(slots, Slot{});
     count_ = 0;
     for (const Slot &s : old)
       if (s.hi != 0)
@@ -176,6 +186,7 @@ public:
     // An earlier run that rewrote the DWARF left it describing its output,
     // this input: then there is nothing to follow.
     reordered = open_input_xlate(&older) && (older.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) == 0;
+    recorded.reserve(symbols.by_addr.size()); // about a range for each function
   }
   // A refused input ends the walk with its handle open; a run in process
   // (the tests, the fuzz targets) would keep it for good.
