@@ -568,10 +568,22 @@ bool moved_in_one_piece(const UnwindSpan &s) {
   return true;
 }
 
-std::vector<UnwindSpan> unwind_spans() { return read_tables().spans; }
+std::vector<UnwindSpan> unwind_spans() {
+  // Kept for the update: the tables are as large as the program's code.
+  auto t = std::make_shared<Tables>(read_tables());
+  bin.unwind_tables = t;
+  bin.unwind_tables_out = bin.out_elf;
+  return t->spans;
+}
 
 void update_unwind_tables() {
-  Tables t = read_tables();
+  // Read again unless the tie read them beside this output.
+  Tables t;
+  if (bin.unwind_tables != nullptr && bin.out_elf != nullptr && bin.unwind_tables_out == bin.out_elf)
+    t = std::move(*static_cast<Tables *>(bin.unwind_tables.get()));
+  else
+    t = read_tables();
+  bin.unwind_tables.reset();
   for (const UnwindSpan &s : t.spans)
     if (!moved_in_one_piece(s))
       error("%s: the code [%#llx, %#llx) that the FDE at offset %#llx of %s describes was not laid out in one "
