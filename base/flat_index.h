@@ -99,7 +99,8 @@ inline size_t hash_of(std::string_view s) {
     h ^= h >> 32;
   }
   uint64_t w = 0;
-  std::memcpy(&w, s.data() + i, s.size() - i);
+  if (i < s.size()) // an empty view may have no data at all
+    std::memcpy(&w, s.data() + i, s.size() - i);
   h = (h ^ w) * 0xc4ceb9fe1a85ec53ull;
   return size_t(h ^ (h >> 29));
 }

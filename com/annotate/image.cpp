@@ -118,7 +118,7 @@ void read_tables(Image &im, Elf *elf) {
       GElf_Sym sym;
       for (int i = 0; d != nullptr && gelf_getsym(d, i, &sym) != nullptr; ++i) {
         im.symbols.push_back(sym);
-        std::string_view name;
+        std::string_view name = "";
         if (strings != nullptr && sym.st_name < strings->sh.sh_size) {
           const char *n = reinterpret_cast<const char *>(strings->raw) + sym.st_name;
           size_t left = strings->sh.sh_size - sym.st_name;
@@ -295,7 +295,7 @@ bool Image::dynamically_relocated(uint64_t addr) const {
 }
 
 std::string_view Image::symbol_name(uint32_t index) const {
-  return index < symbol_names.size() ? symbol_names[index] : std::string_view();
+  return index < symbol_names.size() ? symbol_names[index] : std::string_view("");
 }
 
 Image read_image(const std::string &path) {
