@@ -4,9 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <deque>
 #include <libelf.h>
+#include <memory>
 #include <string>
 #include <vector>
 
