@@ -342,25 +342,6 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
     return count == 1;
   };
 
-  // Whether a symbol of that name starts at addr.  The table comes in
-  // address order, mostly: the search goes on from where the last one
-  // ended while the addresses grow.
-  size_t at = 0;
-  auto named_at = [&all, &at](uint64_t addr, const char *name) {
-    if (at > all.size() || (at > 0 && all[at - 1].addr >= addr))
-      at = 0;
-    size_t step = 1;
-    while (at + step <= all.size() && all[at + step - 1].addr < addr)
-      at += step, step *= 2;
-    at = size_t(std::lower_bound(all.begin() + at, all.begin() + std::min(all.size(), at + step), addr,
-                                 [](const FunctionSymbol &s, uint64_t a) { return s.addr < a; }) -
-                all.begin());
-    for (size_t i = at; i < all.size() && all[i].addr == addr; ++i)
-      if (std::strcmp(all[i].name, name) == 0)
-        return true;
-    return false;
-  };
-
   // The assembler records the symbols of a function placed in another
   // input section than its file's .text (.text.startup, .text.unlikely)
   // relative to the wrong section; the linker's symbol is right.
@@ -371,7 +352,7 @@ void place_mdebug_procs_by_symbols(const FunctionSymbols &syms) {
       // A symbol of its name where the table puts it settles it: it is
       // the only one of that name, or there are several and none is taken.
       uint64_t addr = 0;
-      if (!named_at(uint32_t(p->old_addr), p->name) && only_symbol(p->name, addr) &&
+      if (!syms.named_at(uint32_t(p->old_addr), p->name) && only_symbol(p->name, addr) &&
           uint32_t(addr) != uint32_t(p->old_addr)) {
         if (option.verbose)
           warning("procedure %s of %s starts at %#llx in the mdebug table but its symbol at %#llx; the symbol "
