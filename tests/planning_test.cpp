@@ -333,3 +333,28 @@ TEST(Sorting, KeysSortAsAStableComparisonSortsThem) {
       EXPECT_EQ(v, want) << std::hex << mask << " " << n;
     }
 }
+
+// The run scan compares blocks of words at once: against the word-by-word
+// definition, on layouts of runs of every length from 1 to 40 words, from
+// every start and to every end inside a block.
+TEST(Scanning, RunsOfTheTextMapEndWhereAWordNoLongerFollows) {
+  std::mt19937 rng(3);
+  std::vector<uint32_t> map;
+  for (uint32_t next = 0; map.size() < 600;) {
+    uint32_t len = 1 + rng() % 40;
+    next += rng() % 3; // 0: the run follows the one before, and they join
+    for (uint32_t i = 0; i < len; ++i)
+      map.push_back(next++);
+  }
+  vesk::bin = vesk::Bin{};
+  vesk::bin.text_map = map.data();
+  vesk::bin.text_words = uint32_t(map.size());
+  for (uint64_t k = 0; k < map.size(); ++k)
+    for (uint64_t end = k + 1; end <= std::min<uint64_t>(map.size(), k + 70); ++end) {
+      uint64_t want = k + 1;
+      while (want < end && map[want] == map[want - 1] + 1)
+        ++want;
+      ASSERT_EQ(text_map_run_end(k, end), want) << k << " " << end;
+    }
+  vesk::bin = vesk::Bin{};
+}

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "base/file_io.h"
@@ -131,4 +133,28 @@ TEST(Refusals, ReplacingAFileLeavesOnlyTheNewOne) {
   EXPECT_EQ(entries(), (std::vector<std::string>{"other-link", "out"}));
   EXPECT_FALSE(vesk::replace_file((dir / ".missing").c_str(), (dir / "out").c_str()));
   EXPECT_EQ(read_file(dir / "out"), "newer");
+}
+
+// Pages wholly inside the range become fresh; the bytes of the partial
+// pages at both ends stay the file's, and the file itself is untouched.
+TEST(Refusals, OverwrittenRangeOfAPrivateMapKeepsTheBytesAroundIt) {
+  ScratchDir dir("overwrite");
+  size_t page = size_t(sysconf(_SC_PAGESIZE));
+  std::string bytes(5 * page, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = char('a' + i % 23);
+  write_file(dir / "in", bytes);
+  int fd = open((dir / "in").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  vesk::PrivateMap map;
+  ASSERT_TRUE(map.map(fd, bytes.size()));
+  size_t off = page / 2, n = 3 * page; // whole pages 1 and 2 inside
+  map.overwrite(off, n);
+  for (size_t i = 0; i < bytes.size(); ++i)
+    if (i < page || i >= 3 * page) {
+      ASSERT_EQ(char(map.data()[i]), bytes[i]) << i;
+    }
+  std::memset(map.data() + off, 'Z', n); // every byte of the range is writable
+  close(fd);
+  EXPECT_EQ(read_file(dir / "in"), bytes);
 }
