@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/background.h"
 #include "base/file_io.h"
 #include "base/proc.h"
 
@@ -109,10 +110,12 @@ struct Bin {
   bool has_xlate = false;
   const uint8_t *in_xlate = nullptr;
   size_t in_xlate_size = 0;
-  // The pieces of the new table, built with the layout and added to the
+  // The pieces of the new table, built after the layout and added to the
   // image once every other section has its final size.
-  bool xlate_built = false;
   std::vector<std::vector<uint8_t>> xlate_pieces;
+  // The table being built beside the rest of the rewrite (end_run waits
+  // for it before what it reads goes).
+  std::unique_ptr<Background> xlate_task;
 };
 
 extern Bin bin;

@@ -8,6 +8,7 @@
 #include <elfutils/libdw.h>
 #include <libelf.h>
 #include <string>
+#include <vector>
 
 #include "base/options.h"
 
@@ -15,10 +16,35 @@ namespace vesk {
 
 namespace {
 
+// This thread's held-back messages, when they are held.
+thread_local std::vector<HeldMessage> *held = nullptr;
+
 void vprint(FILE *stream, const char *prefix, const char *fmt, va_list ap, const char *ending) {
+  if (held != nullptr) {
+    va_list copy;
+    va_copy(copy, ap);
+    int n = std::vsnprintf(nullptr, 0, fmt, copy);
+    va_end(copy);
+    std::string text = prefix;
+    size_t at = text.size();
+    text.resize(at + size_t(n > 0 ? n : 0) + 1);
+    std::vsnprintf(text.data() + at, text.size() - at, fmt, ap);
+    text.pop_back();
+    text += ending;
+    held->push_back({stream, std::move(text)});
+    return;
+  }
   std::fputs(prefix, stream);
   std::vfprintf(stream, fmt, ap);
   std::fputs(ending, stream);
+}
+
+void print(FILE *stream, const char *fmt, ...) VESK_PRINTF(2, 3);
+void print(FILE *stream, const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprint(stream, "", fmt, ap, "");
+  va_end(ap);
 }
 
 [[noreturn]] void die() {
@@ -73,18 +99,17 @@ void error(const char *fmt, ...) {
 
 void sysfatal(const char *fmt, ...) {
   int e = errno;
-  std::fputs("Error: ", stderr);
+  print(stderr, "Error: ");
   if (e == -1)
-    std::fputs("unexpected end of file, ", stderr);
+    print(stderr, "unexpected end of file, ");
   else if (e >= 0 && e < error_table_size())
-    std::fprintf(stderr, "%s, ", error_text(e));
+    print(stderr, "%s, ", error_text(e));
   else
-    std::fprintf(stderr, "error code %d, ", e);
+    print(stderr, "error code %d, ", e);
   va_list ap;
   va_start(ap, fmt);
-  std::vfprintf(stderr, fmt, ap);
+  vprint(stderr, "", fmt, ap, ".\n");
   va_end(ap);
-  std::fputs(".\n", stderr);
   die();
 }
 
@@ -112,6 +137,13 @@ void print_elf_error(const char *file) {
   int e = elf_errno();
   if (e != 0)
     error("%s: %s", file ? file : "(no file)", elf_errmsg(e));
+}
+
+void hold_messages(std::vector<HeldMessage> *to) { held = to; }
+
+void print_held(const std::vector<HeldMessage> &messages) {
+  for (const HeldMessage &m : messages)
+    std::fputs(m.text.c_str(), m.stream);
 }
 
 const char *basename(const char *path) {

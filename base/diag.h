@@ -11,6 +11,10 @@
 // what the run had begun to write.
 #pragma once
 
+#include <cstdio>
+#include <string>
+#include <vector>
+
 namespace vesk {
 
 // Thrown once the message that ends the run has been printed.
@@ -29,6 +33,17 @@ void dump(const char *fmt, ...) VESK_PRINTF(1, 2);
 // Ends the run with libelf's message, after the name of the file it
 // concerns, when libelf has an error pending; returns quietly otherwise.
 void print_elf_error(const char *file);
+
+// A message held back instead of printed, by work that runs beside the run
+// (base/background.h).
+struct HeldMessage {
+  FILE *stream;
+  std::string text;
+};
+// From here on this thread's messages go to *to (null: printed again).
+void hold_messages(std::vector<HeldMessage> *to);
+// Prints messages held back, in the order they were given.
+void print_held(const std::vector<HeldMessage> &messages);
 
 // The part of path behind its last "/" (the same storage, not a copy).
 const char *basename(const char *path);

@@ -20,6 +20,7 @@ Bin bin;
 Options option;
 
 void end_run() {
+  bin.xlate_task.reset(); // it reads the input and the layout
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

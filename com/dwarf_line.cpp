@@ -16,6 +16,7 @@
 #include "base/options.h"
 #include "com/dwarf_update.h"
 #include "com/eh_frame.h"
+#include "com/elf.h"
 
 namespace vesk::dwarf_update {
 
@@ -342,7 +343,14 @@ std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsig
   // The programs come out about as large as they went in.
   out.reserve(size + size / 8 + 64);
   SectionCursor c(in, size, 0, ".debug_line");
+  // The input's pages are dropped behind the reader, a few megabytes at a
+  // time: the rewrite runs beside others that hold much memory.
+  size_t dropped = 0;
   while (c.pos < size) {
+    if (c.pos - dropped > (size_t(2) << 20)) {
+      release_input_pages(in + dropped, c.pos - dropped);
+      dropped = c.pos;
+    }
     Program p = read_program(c, in, addr_size);
     size_t start = p.start, body = p.body, program = p.program, end = p.end;
     unsigned offset_size = p.offset_size;

@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <dwarf.h>
 #include <gelf.h>
 
@@ -65,17 +66,18 @@ struct Breaks {
   const uint32_t *map = nullptr;
   uint64_t words = 0;
   std::vector<uint64_t> at;
-  // Where the last search ended: the lists and scopes of one function ask
-  // about the same stretch one after another.
-  size_t hint = 0;
 };
 Breaks breaks;
+// Where the last search ended: the lists and scopes of one function ask
+// about the same stretch one after another.  One for each thread: the
+// line programs are rewritten beside the entries.
+thread_local size_t breaks_hint = 0;
 
 void find_breaks() {
   breaks.map = bin.text_map;
   breaks.words = bin.text_words;
   breaks.at.clear();
-  breaks.hint = 0;
+  breaks_hint = 0;
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
   uint64_t w = bin.text_lo >= 4 ? bin.text_lo - 4 : 0;
   // In front of .text, and the last word: the words beside them stay.
@@ -116,10 +118,10 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   uint64_t stop = std::min(last, text_end);
   // The first break at or behind w.
   const std::vector<uint64_t> &at = breaks.at;
-  size_t k = breaks.hint;
+  size_t k = breaks_hint;
   if (k > at.size() || (k > 0 && at[k - 1] >= w) || (k < at.size() && at[k] < w))
     k = size_t(std::lower_bound(at.begin(), at.end(), w) - at.begin());
-  breaks.hint = k;
+  breaks_hint = k;
   for (; k < at.size() && at[k] < stop; ++k) {
     out->push_back({start, at[k] + 4, new_start, map_byte(at[k]) + 4});
     start = at[k] + 4;
@@ -177,6 +179,25 @@ Sec dwarf_section(const char *name) {
   s.type = sh.sh_type;
   return s;
 }
+
+// Drops the input pages of a section behind a reader that goes through it
+// once, front to back, a few megabytes at a time: what it rewrites grows
+// beside it, and both at their full size would set the run's peak.
+class DropBehind {
+public:
+  explicit DropBehind(const Sec &s) : s_(s) {}
+  void reached(size_t pos) {
+    if (pos > done_ + kStep && pos <= s_.size) {
+      release_input_pages(s_.in + done_, pos - done_);
+      done_ = pos;
+    }
+  }
+
+private:
+  static constexpr size_t kStep = size_t(2) << 20;
+  const Sec &s_;
+  size_t done_ = 0;
+};
 
 const char *section_name_of(Elf_Scn *scn) {
   size_t shstrndx = 0;
@@ -531,6 +552,8 @@ void read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint64_t base, std
   }
 }
 
+using Moves = std::map<uint64_t, uint64_t>;
+
 class DwarfUpdate {
 public:
   void run();
@@ -574,6 +597,11 @@ private:
     std::vector<uint8_t> bytes;
   };
   std::vector<Rewritten> rewritten;
+  // The line programs, rewritten beside the entries and the lists (they
+  // read nothing else), and their new offsets by their old ones.
+  std::unique_ptr<Background> lines;
+  std::vector<uint8_t> line_bytes;
+  Moves line_offsets;
 
   void read_units(const Sec &s);
   const AbbrevTable &abbrev_table(uint64_t offset);
@@ -925,7 +953,6 @@ void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vec
 }
 
 // The new offsets of line programs, by their old ones.
-using Moves = std::map<uint64_t, uint64_t>;
 
 // The new offsets of lists and view lists, by their old ones: pairs
 // sorted by old offset once all are in.  Of two for one offset (view lists
@@ -1054,7 +1081,9 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     length_at = begin_length(o, t->offset_size);
     o.u16(5), o.u8(t->addr_size), o.u8(0), o.u32(0);
   };
+  DropBehind read(s);
   for (const Block &b : blocks) {
+    read.reached(b.start);
     const Unit &u = units[b.unit];
     size_t end = s.size;
     if (v5) {
@@ -1130,8 +1159,9 @@ void DwarfUpdate::rewrite_line() {
       error("%s: its DWARF refers to section .debug_line, which it does not have", option.program);
     return;
   }
-  Moves moved;
-  std::vector<uint8_t> bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &moved);
+  lines->collect();
+  Moves &moved = line_offsets;
+  std::vector<uint8_t> &bytes = line_bytes;
   for (const Ref &r : refs[REF_LINE]) {
     auto it = moved.find(r.value);
     if (it == moved.end())
@@ -1394,14 +1424,22 @@ void DwarfUpdate::run() {
   loclists = dwarf_section(".debug_loclists");
   loc = dwarf_section(".debug_loc");
   macro = dwarf_section(".debug_macro");
+  if (line.present())
+    lines = std::make_unique<Background>([this] {
+      line_bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &line_offsets);
+    });
   if (info.present())
     read_units(info);
   if (types.present())
     read_units(types);
   // Each input section is dropped from memory once it has been read: the
   // rewritten sections and the patched copies take its place.
-  for (size_t i = 0; i < units.size(); ++i)
+  DropBehind info_read(info);
+  for (size_t i = 0; i < units.size(); ++i) {
     walk_unit(i);
+    if (units[i].sec == &info)
+      info_read.reached(units[i].end);
+  }
   views_of.seal();
   release_input_pages(info.in, info.size);
   release_input_pages(types.in, types.size);

@@ -8,6 +8,7 @@
 #include "base/bin.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
+#include "base/key_sort.h"
 #include "base/options.h"
 #include "com/dwarf_update.h"
 #include "com/elf.h"
@@ -104,32 +105,57 @@ template <class C> void finish(XlateSection &s) {
 }
 
 // The new text, read backwards: for each word of the new text, the index
-// of the old word it holds.  Built run by run of the text map: the runs
-// of a layout are its procedures, tens of words each.
-struct NewToOld {
+// of the old word it holds.  Kept as the runs of the text map (the
+// procedures, tens of words each) in new order: a table of every word
+// would be as large as the text map, beside the rest of the rewrite.
+class NewToOld {
+public:
   static constexpr uint32_t none = ~uint32_t(0);
-  std::vector<uint32_t> old_word;
   NewToOld() {
     uint64_t n = bin.text_words;
-    // A layout that placed every word once leaves no new word without its
-    // old one: nothing to mark as such first.
-    if (bin.new_text_fill != n)
-      old_word.assign(n, none);
-    else
-      old_word.resize(n);
+    std::vector<KeyValue> by_new;
     for (uint64_t k = 0, j; k < n; k = j) {
       j = text_map_run_end(k, n);
       uint64_t to = bin.text_map[k];
-      for (uint64_t t = 0; t < j - k && to + t < n; ++t)
-        old_word[to + t] = uint32_t(k + t);
+      if (to < n) // not an unplaced word
+        by_new.push_back({to, k << 32 | std::min(j - k, n - to)});
+    }
+    stable_sort_by_key(by_new);
+    runs_.reserve(by_new.size());
+    for (const KeyValue &r : by_new) {
+      Run run{uint32_t(r.first), uint32_t(r.second >> 32), uint32_t(r.second)};
+      if (!runs_.empty() && runs_.back().new_word + runs_.back().words > run.new_word)
+        error("%s: the new layout puts two words of the old text at new address %#llx", option.program,
+              (unsigned long long)(bin.text_lo + 4 * uint64_t(run.new_word)));
+      runs_.push_back(run);
     }
   }
-  // The old word at new address a, or none outside the new text.
+  // The old word at new address a, or none where no old word went and
+  // outside the new text.  Asked in rising order, mostly: the search
+  // starts at the run of the last answer.
   uint32_t at(uint64_t a) const {
     if (a < bin.text_lo || (a - bin.text_lo) / 4 >= bin.text_words)
       return none;
-    return old_word[(a - bin.text_lo) / 4];
+    uint32_t w = uint32_t((a - bin.text_lo) / 4);
+    size_t i = hint_;
+    if (i >= runs_.size() || runs_[i].new_word > w || (i + 1 < runs_.size() && runs_[i + 1].new_word <= w)) {
+      i = size_t(std::upper_bound(runs_.begin(), runs_.end(), w,
+                                  [](uint32_t x, const Run &r) { return x < r.new_word; }) -
+                 runs_.begin());
+      if (i == 0)
+        return none;
+      hint_ = --i;
+    }
+    const Run &r = runs_[i];
+    return w - r.new_word < r.words ? r.old_word + (w - r.new_word) : none;
   }
+
+private:
+  struct Run {
+    uint32_t new_word, old_word, words;
+  };
+  std::vector<Run> runs_; // by new_word, none overlapping
+  mutable size_t hint_ = 0;
 };
 
 // Adds the ranges that describe new addresses [from, to): runs of words
@@ -284,7 +310,14 @@ bool open_input_xlate(XlateTable *t) {
   return true;
 }
 
-void build_xlate_table(const std::vector<Proc *> &order) {
+namespace {
+
+// The table of the new layout: `moved` holds the old place (address,
+// size) of every procedure in .text, in new order, `first_new` where the
+// first procedure now starts (0: none in .text).  Reads the layout and the
+// input only, and so may run beside the rest of the rewrite.
+std::vector<std::vector<uint8_t>> make_xlate_table(const std::vector<std::pair<uint64_t, uint32_t>> &moved,
+                                                   uint64_t first_new) {
   XlateTable input;
   bool composed = open_input_xlate(&input);
   XlateProducer *raw = nullptr;
@@ -300,27 +333,14 @@ void build_xlate_table(const std::vector<Proc *> &order) {
   uint64_t cursor = 0;
   if (bin.exec_lo < bin.text_lo) {
     uint64_t end = bin.text_lo;
-    Proc *first = bin.procs.order_head;
-    if (first != nullptr && in_text(first->old_addr) && text_map_of(first->old_addr) > bin.text_lo)
-      end = text_map_of(first->old_addr);
+    if (first_new > bin.text_lo)
+      end = first_new;
     ranges.fill(bin.exec_lo, end, false);
     cursor = end;
   }
   // The procedures in new order, each with the hole before it.  A
   // procedure that shares words with one before it was laid out partly
   // there: only what lies beyond the cursor is left to describe.
-  // Their places in the old text are all over it (the map is read in old
-  // order): gathered first, so that the map entries of the procedures a
-  // few ahead can be fetched early.
-  std::vector<std::pair<uint64_t, uint32_t>> moved; // old address, size
-  moved.reserve(order.size());
-  for (size_t i = 0; i < order.size(); ++i) {
-    if (i + 8 < order.size())
-      __builtin_prefetch(order[i + 8]);
-    const Proc *p = order[i];
-    if (in_text(p->old_addr) && p->size != 0)
-      moved.push_back({p->old_addr, p->size});
-  }
   for (size_t i = 0; i < moved.size(); ++i) {
     if (i + 8 < moved.size())
       __builtin_prefetch(bin.text_map + ((moved[i + 8].first - bin.text_lo) >> 2));
@@ -342,18 +362,42 @@ void build_xlate_table(const std::vector<Proc *> &order) {
   uint64_t size = 0, count = 0;
   if (xlate_pro_disk_header_xtnd(h.get(), 1, &size, &count) != XLATE_OK)
     error("xlate failure");
-  bin.xlate_pieces.clear();
+  std::vector<std::vector<uint8_t>> pieces;
   for (uint64_t i = 0; i < count; ++i) {
     uint64_t length = 0;
-    if (xlate_pro_disk_next_block_xtnd(h.get(), &bin.xlate_pieces.emplace_back(), &length) != XLATE_OK)
+    if (xlate_pro_disk_next_block_xtnd(h.get(), &pieces.emplace_back(), &length) != XLATE_OK)
       error("xlate failure");
   }
-  bin.xlate_built = true;
+  return pieces;
+}
+
+} // namespace
+
+void build_xlate_table(const std::vector<Proc *> &order) {
+  // The procedures' places in the old text are all over it (the map is
+  // read in old order): gathered first, so that the map entries of the
+  // procedures a few ahead can be fetched early.
+  auto moved = std::make_shared<std::vector<std::pair<uint64_t, uint32_t>>>(); // old address, size
+  moved->reserve(order.size());
+  for (size_t i = 0; i < order.size(); ++i) {
+    if (i + 8 < order.size())
+      __builtin_prefetch(order[i + 8]);
+    const Proc *p = order[i];
+    if (in_text(p->old_addr) && p->size != 0)
+      moved->push_back({p->old_addr, p->size});
+  }
+  uint64_t first_new = 0;
+  if (Proc *first = bin.procs.order_head; first != nullptr && in_text(first->old_addr))
+    first_new = text_map_of(first->old_addr);
+  bin.xlate_pieces.clear();
+  bin.xlate_task = std::make_unique<Background>([moved, first_new] { bin.xlate_pieces = make_xlate_table(*moved, first_new); });
 }
 
 void add_xlate_section() {
-  if (!bin.xlate_built)
+  if (bin.xlate_task == nullptr)
     return;
+  bin.xlate_task->collect();
+  bin.xlate_task.reset();
   XlateSection section = create_xlate_section();
   for (std::vector<uint8_t> &piece : bin.xlate_pieces)
     add_xlate_data(section, std::move(piece));

@@ -13,6 +13,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/background.h"
+#include "base/diag.h"
 #include "base/file_io.h"
 #include "support/bench.h"
 
@@ -157,4 +159,29 @@ TEST(Refusals, OverwrittenRangeOfAPrivateMapKeepsTheBytesAroundIt) {
   std::memset(map.data() + off, 'Z', n); // every byte of the range is writable
   close(fd);
   EXPECT_EQ(read_file(dir / "in"), bytes);
+}
+
+// Work handed to the second core keeps its turn in the run: its messages
+// come out where the run collects it, a task that fails ends the run
+// there, and one the run never collects says nothing.  The same when the
+// tasks run in their turn, in the run's thread.
+TEST(Refusals, WorkBesideTheRunKeepsItsTurn) {
+  for (bool in_turn : {false, true}) {
+    SCOPED_TRACE(in_turn ? "in turn" : "beside");
+    Background::run_in_turn(in_turn);
+    testing::internal::CaptureStderr();
+    { Background dropped([] { warning("never seen"); }); }
+    int done = 0;
+    Background task([&] { warning("from the task"), done = 1; });
+    warning("from the run");
+    task.collect();
+    EXPECT_EQ(done, 1);
+    Background failing([] { warning("before"), error("the task failed"); });
+    warning("the run goes on");
+    EXPECT_THROW(failing.collect(), Fatal);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: from the run.\nWarning: from the task.\n"
+                                                       "Warning: the run goes on.\nWarning: before.\n"
+                                                       "Error: the task failed.\n");
+  }
+  Background::run_in_turn(false);
 }

@@ -1,0 +1,41 @@
+// Work the run hands to the machine's second core.
+//
+// A task reads only what the run has finished changing and writes only
+// its own results.  Its turn in the run stays where the run collects it:
+// its messages are held back and printed then, and a task that ends the
+// run ends it there.  So what the run prints and writes is the same
+// whichever core gets where first, and the same as when the task runs in
+// its turn.  A run that ends before it collects a task waits for the task
+// and drops what it found, messages too, as if its turn had never come.
+//
+// Tasks run one at a time, in the order they were handed over, on one
+// thread beside the run's.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+namespace vesk {
+
+class Background {
+public:
+  explicit Background(std::function<void()> work);
+  ~Background();
+  Background(const Background &) = delete;
+  Background &operator=(const Background &) = delete;
+
+  // Waits for the task, prints its messages, and ends the run as the
+  // task did, if it did.  The task's results are the caller's from here.
+  void collect();
+
+  // Tasks handed over from here on run in their turn, in the run's thread
+  // (the tests compare the two).
+  static void run_in_turn(bool yes);
+
+  struct Task;
+
+private:
+  std::shared_ptr<Task> task_;
+};
+
+} // namespace vesk
