@@ -20,7 +20,9 @@ Bin bin;
 Options option;
 
 void end_run() {
-  bin.xlate_task.reset(); // it reads the input and the layout
+  // Work on the second core reads the input and the layout.
+  bin.dwarf_update.reset();
+  bin.xlate_task.reset();
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

@@ -158,19 +158,28 @@ struct Sec {
   bool present() const { return name != nullptr; }
 };
 
-Sec dwarf_section(const char *name) {
+// The section name of the input and its copy in the output; absent when
+// the input has none.  Without `quiet`, a section vesk cannot update ends
+// the run; with it, *ok turns false.
+Sec dwarf_section(const char *name, bool quiet = false, bool *ok = nullptr) {
   Sec s;
   Elf_Scn *scn = find_section_by_name(bin.in_elf, name);
   GElf_Shdr sh;
   if (scn == nullptr || gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
     return s;
-  if (sh.sh_flags & SHF_COMPRESSED)
+  if (sh.sh_flags & SHF_COMPRESSED) {
+    if (quiet)
+      return *ok = false, s;
     error("%s: section %s is compressed; vesk cannot update compressed DWARF", option.program, name);
+  }
   Elf_Data *d = elf_getdata(scn, nullptr);
   Elf_Data *o = find_section_data_by_name(bin.out_elf, name);
   if (d == nullptr || o == nullptr || (d->d_buf == nullptr && d->d_size != 0) || o->d_size != d->d_size ||
-      d->d_type != ELF_T_BYTE)
+      d->d_type != ELF_T_BYTE) {
+    if (quiet)
+      return *ok = false, s;
     error("%s: cannot read the contents of section %s", option.program, name);
+  }
   static const uint8_t none = 0;
   s.name = name;
   s.in = d->d_buf ? static_cast<const uint8_t *>(d->d_buf) : &none;
@@ -556,7 +565,13 @@ using Moves = std::map<uint64_t, uint64_t>;
 
 class DwarfUpdate {
 public:
-  void run();
+  // Finds the sections and starts the work that needs nothing but the
+  // layout (the entries, the line programs) on the second core.  With
+  // `quiet` it starts nothing where run() would stop the run, so that the
+  // message comes in its turn: false then.
+  bool begin(bool quiet);
+  // The rest, in the update's turn.
+  void finish();
 
 private:
   Sec info, types, abbrev, line, aranges, rnglists, ranges, loclists, loc, macro;
@@ -602,6 +617,10 @@ private:
   std::unique_ptr<Background> lines;
   std::vector<uint8_t> line_bytes;
   Moves line_offsets;
+  // The entries of .debug_info and .debug_types, walked beside the updates
+  // of the other sections.
+  std::unique_ptr<Background> entries;
+  void walk_entries();
 
   void read_units(const Sec &s);
   const AbbrevTable &abbrev_table(uint64_t offset);
@@ -1411,23 +1430,31 @@ template <class C> void drop_debug_relocations() {
   elf_errno();
 }
 
-void DwarfUpdate::run() {
-  info = dwarf_section(".debug_info");
-  types = dwarf_section(".debug_types");
-  if (!info.present() && !types.present())
-    return;
-  abbrev = dwarf_section(".debug_abbrev");
-  line = dwarf_section(".debug_line");
-  aranges = dwarf_section(".debug_aranges");
-  rnglists = dwarf_section(".debug_rnglists");
-  ranges = dwarf_section(".debug_ranges");
-  loclists = dwarf_section(".debug_loclists");
-  loc = dwarf_section(".debug_loc");
-  macro = dwarf_section(".debug_macro");
+bool DwarfUpdate::begin(bool quiet) {
+  bool ok = true;
+  info = dwarf_section(".debug_info", quiet, &ok);
+  types = dwarf_section(".debug_types", quiet, &ok);
+  if (!ok || (!info.present() && !types.present()))
+    return false;
+  abbrev = dwarf_section(".debug_abbrev", quiet, &ok);
+  line = dwarf_section(".debug_line", quiet, &ok);
+  aranges = dwarf_section(".debug_aranges", quiet, &ok);
+  rnglists = dwarf_section(".debug_rnglists", quiet, &ok);
+  ranges = dwarf_section(".debug_ranges", quiet, &ok);
+  loclists = dwarf_section(".debug_loclists", quiet, &ok);
+  loc = dwarf_section(".debug_loc", quiet, &ok);
+  macro = dwarf_section(".debug_macro", quiet, &ok);
+  if (!ok)
+    return false;
+  entries = std::make_unique<Background>([this] { walk_entries(); });
   if (line.present())
     lines = std::make_unique<Background>([this] {
       line_bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &line_offsets);
     });
+  return true;
+}
+
+void DwarfUpdate::walk_entries() {
   if (info.present())
     read_units(info);
   if (types.present())
@@ -1443,6 +1470,10 @@ void DwarfUpdate::run() {
   views_of.seal();
   release_input_pages(info.in, info.size);
   release_input_pages(types.in, types.size);
+}
+
+void DwarfUpdate::finish() {
+  entries->collect();
   for (bool v5 : {false, true}) {
     rewrite_lists(false, v5);
     rewrite_lists(true, v5);
@@ -1468,15 +1499,50 @@ bool dwarf_follows_layout() {
   return !open_input_xlate(&t) || (t.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) != 0;
 }
 
-void update_dwarf() {
-  if (!dwarf_follows_layout())
+namespace {
+
+// An update begun right after the layout, finished in its turn.  The
+// layout's breaks hold for this run only: forgotten once the update's
+// work is over.
+struct Begun {
+  std::unique_ptr<DwarfUpdate> update = std::make_unique<DwarfUpdate>();
+  Begun() { find_breaks(); }
+  ~Begun() {
+    update.reset();
+    breaks = Breaks{};
+  }
+  Begun(const Begun &) = delete;
+  Begun &operator=(const Begun &) = delete;
+};
+
+} // namespace
+
+void start_dwarf_update() {
+  if (bin.debug_kind != DEBUG_DWARF)
     return;
-  // The breaks hold for this run's layout only.
-  struct Forget {
-    ~Forget() { breaks = Breaks{}; }
-  } forget;
-  find_breaks();
-  DwarfUpdate().run();
+  // A table that cannot be read is reported in the update's turn.
+  if (bin.in_xlate != nullptr) {
+    xlate::XlateTable t;
+    if (xlate::xlate_open_xtnd(bin.in_xlate, bin.in_xlate_size, &t) != xlate::XLATE_OK ||
+        (t.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) == 0)
+      return;
+  }
+  auto begun = std::make_shared<Begun>();
+  if (begun->update->begin(true))
+    bin.dwarf_update = begun;
+}
+
+void update_dwarf() {
+  auto begun = std::static_pointer_cast<Begun>(std::move(bin.dwarf_update));
+  bin.dwarf_update.reset();
+  if (begun == nullptr) {
+    if (!dwarf_follows_layout())
+      return;
+    begun = std::make_shared<Begun>();
+    if (!begun->update->begin(false))
+      return;
+  }
+  begun->update->finish();
 }
 
 } // namespace vesk

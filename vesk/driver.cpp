@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <new>
 #include <fcntl.h>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <string>
 #include <unistd.h>
@@ -66,13 +65,6 @@ void run(int argc, char **argv) {
 int vesk_main(int argc, char **argv, bool process_ends) {
   bin = Bin{};
   option = Options{};
-  if (process_ends)
-    // Buffers of a megabyte and more get pages of their own, which go back
-    // to the system when freed.  By default the allocator raises that
-    // threshold each time it frees such a buffer, and the next ones, made
-    // from its heap, stay with the process after they are freed: the peak
-    // of a large DWARF rewrite was 10 to 15 MB higher.
-    mallopt(M_MMAP_THRESHOLD, 1 << 20);
   int status = 0;
   try {
     run(argc, argv);
@@ -150,11 +142,14 @@ void reorder_it() {
   keep_split_functions_in_reach();
   if (option.r4000_fix == 1)
     fix_r4000_bug();
-  reorder_procedures();
+  std::vector<Proc *> order = reorder_procedures();
   // n32/n64 code that moves needs the events records to be repaired.
   bool has_events = !is_o32() && has_event_sections(bin.in_elf);
   if (!is_o32() && !has_events)
     refuse_unrepairable_moves();
+  start_dwarf_update(); // on the second core, beside the updates below
+  if (bin.debug_kind == DEBUG_DWARF)
+    build_xlate_table(order); // likewise
   update_elf_header();
   update_dynamic();
   update_got();

@@ -13,7 +13,6 @@
 #include "base/proc.h"
 #include "base/text_words.h"
 #include "com/elf.h"
-#include "com/xlate_table.h"
 #include "vesk/checks.h"
 #include "vesk/feedback.h"
 #include "vesk/options.h"
@@ -188,7 +187,7 @@ void dump_address_mapping() {
 
 } // namespace
 
-void reorder_procedures() {
+std::vector<Proc *> reorder_procedures() {
   write_merged_feedback();
   // The list, in an order that feedback gave, leads all over the table, and
   // each step of a walk waits for the record it comes to.  Walked once into
@@ -201,8 +200,7 @@ void reorder_procedures() {
   page_statistics(order);
   if (option.debug)
     dump_address_mapping();
-  if (bin.debug_kind == DEBUG_DWARF)
-    build_xlate_table(order);
+  return order;
 }
 
 } // namespace vesk

@@ -1,9 +1,15 @@
 // The new text and the text map.
 #pragma once
 
+#include <vector>
+
+#include "base/proc.h"
+
 namespace vesk {
 
-void reorder_procedures();
+// Lays out the new text (bin.text_map and the output's .text) in the order
+// of the procedure list, which it returns as an array.
+std::vector<Proc *> reorder_procedures();
 
 // Ends the run when the new layout moves code of an n32 or n64 executable
 // that carries no events section: nothing describes its gp set-ups and
