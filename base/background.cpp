@@ -99,6 +99,7 @@ private:
     }
   }
 
+public:
   static void run(Background::Task &t) {
     hold_messages(&t.messages);
     try {
@@ -127,13 +128,25 @@ Background::~Background() {
     worker().wait(*task_, true);
 }
 
+void Background::wait() {
+  if (task_->in_turn) {
+    if (!task_->done) {
+      Worker::run(*task_);
+      task_->done = true;
+    }
+    return;
+  }
+  worker().wait(*task_, false);
+}
+
 void Background::collect() {
   std::shared_ptr<Task> t = std::move(task_);
-  if (t->in_turn) {
+  if (t->in_turn && !t->done) {
     t->work();
     return;
   }
-  worker().wait(*t, false);
+  if (!t->in_turn)
+    worker().wait(*t, false);
   print_held(t->messages);
   if (t->failure)
     std::rethrow_exception(t->failure);

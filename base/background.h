@@ -27,6 +27,11 @@ public:
   // Waits for the task, prints its messages, and ends the run as the
   // task did, if it did.  The task's results are the caller's from here.
   void collect();
+  // Waits for the task without its turn coming: its results are the
+  // caller's to read (a task that failed left some), its messages and its
+  // end wait for collect.  A task that runs in its turn runs now, its
+  // messages held all the same.
+  void wait();
 
   // Tasks handed over from here on run in their turn, in the run's thread
   // (the tests compare the two).

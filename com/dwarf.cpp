@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <gelf.h>
@@ -22,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/background.h"
 #include "base/bin.h"
 #include "base/diag.h"
 #include "base/options.h"
@@ -178,30 +180,345 @@ private:
   }
 };
 
-// The walk over the entries of every unit.  Names it hands to records or
-// notes live for the whole run (keep_input_name).
-class DwarfWalk {
+// A library handle, ended however the walk ends (a refused input leaves
+// the walk by an exception; a run in process, the tests and the fuzz
+// targets, would keep it for good).
+class DwarfHandle {
 public:
-  explicit DwarfWalk(const FunctionSymbols &symbols) : symbols(&symbols) {
+  explicit DwarfHandle(Dwarf *dw) : dw_(dw) {}
+  ~DwarfHandle() {
+    if (dw_ != nullptr)
+      dwarf_end(dw_);
+  }
+  DwarfHandle(const DwarfHandle &) = delete;
+  DwarfHandle &operator=(const DwarfHandle &) = delete;
+  Dwarf *get() const { return dw_; }
+
+private:
+  Dwarf *dw_;
+};
+
+// The code range of a subprogram.  DW_AT_high_pc is either an address or,
+// from DWARF 4 on, an offset from DW_AT_low_pc.
+struct PcRange {
+  bool have_high = false;
+  bool have_low = false;
+  bool declaration = false;
+  uint64_t low = 0;
+  uint64_t high = 0;
+};
+
+// What discovery reads of a subprogram entry with code, or of an abstract
+// or inlined one, through the library: all that its records and notes
+// need, so that the reading may happen on another thread than the making
+// of the records.  Names point into the input's string section.
+struct EntryFacts {
+  const char *raw_name = nullptr;         // may be null
+  const char *raw_linkage_name = nullptr; // the vendor's abstract name; may be null
+  PcRange pc;
+  bool have_ranges = false; // ranges given instead of a pc range
+  size_t entry = 0;         // the range that holds the entry
+  bool have_origin = false;
+  uint64_t origin = 0;
+  bool inlined = false;
+  uint64_t offset = 0;
+  bool specification = false;
+};
+
+// Where a reader puts what it reads, in the order of the walk.
+class FactSink {
+public:
+  virtual void unit(const char *raw_name) = 0;
+  virtual void entry(const EntryFacts &f, const std::vector<CodeRange> &ranges) = 0;
+
+protected:
+  ~FactSink() = default;
+};
+
+// Reads the entries of units through the library, on whichever thread it
+// runs: it has a library handle of its own and changes nothing of the run.
+class EntryReader {
+public:
+  EntryReader(Dwarf *dw, uint64_t info_size, FactSink &sink) : dw(dw), info_size(info_size), sink(&sink) {}
+
+  // The unit whose header lies at `at`, the next one at `next`.
+  void walk_unit(Dwarf_Off at, Dwarf_Off next, size_t header_size) {
+    if (next <= at)
+      error("%s: a DWARF unit header gives no offset for the next unit", option.program);
+    Dwarf_Die cu_die;
+    if (dwarf_offdie(dw, at + header_size, &cu_die) == nullptr)
+      print_dwarf_error("dwarf_siblingof");
+    // A unit without a name files its procedures under no file name.
+    const char *unit_name = nullptr;
+    Dwarf_Attribute a;
+    if (dwarf_attr(&cu_die, DW_AT_name, &a) != nullptr) {
+      unit_name = dwarf_formstring(&a);
+      if (unit_name == nullptr)
+        print_dwarf_error("dwarf_diename");
+    }
+    sink->unit(unit_name);
+    unit_start = at;
+    unit_end = std::min<uint64_t>(next, info_size);
+    reached.assign((unit_end - std::min(unit_end, at) + 63) / 64, 0);
+    walk_entries(&cu_die);
+  }
+
+private:
+  Dwarf *dw;
+  uint64_t info_size;
+  FactSink *sink;
+  // The entries of the unit being walked that were reached, a bit for each
+  // byte of the unit from its first; and the unit's bounds.
+  std::vector<uint64_t> reached;
+  uint64_t unit_start = 0, unit_end = 0;
+  std::vector<CodeRange> ranges;
+
+  PcRange read_pc_range(SubprogramAttrs &attrs, const char *text) {
+    PcRange r;
+    Dwarf_Attribute *high = attrs.get(SubprogramAttrs::HIGH_PC);
+    if (high == nullptr) {
+      r.declaration = attrs.has(SubprogramAttrs::DECLARATION);
+      return r;
+    }
+    bool offset = is_constant_form(dwarf_whatform(high));
+    Dwarf_Word value = 0;
+    if (offset ? dwarf_formudata(high, &value) != 0 : dwarf_formaddr(high, &value) != 0)
+      print_dwarf_error("dwarf_highpc in %s", text);
+    r.have_high = true;
+    if (Dwarf_Attribute *low = attrs.get(SubprogramAttrs::LOW_PC)) {
+      if (dwarf_formaddr(low, &r.low) != 0)
+        print_dwarf_error("dwarf_lowpc in %s", text);
+      r.have_low = true;
+    }
+    r.high = offset ? r.low + value : value;
+    return r;
+  }
+
+  // One entry of a unit's tree; only subprograms matter.  False when the
+  // entry's children need not be walked: those of a function's declaration
+  // are its parameters (the entries of its nested functions are children
+  // of its definition's).
+  bool visit_entry(Dwarf_Die *die, int tag) {
+    if (tag != DW_TAG_subprogram)
+      return true;
+    SubprogramAttrs attrs;
+    if (dwarf_getattrs(die, SubprogramAttrs::gather, &attrs, 0) != 1)
+      print_dwarf_error("dwarf_attr");
+
+    EntryFacts f;
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::NAME)) {
+      f.raw_name = dwarf_formstring(a);
+      if (f.raw_name == nullptr)
+        print_dwarf_error("dwarf_diename");
+    }
+    // The name in messages.
+    const char *text = f.raw_name ? f.raw_name : kNoName;
+    f.pc = read_pc_range(attrs, text);
+    if (f.pc.declaration)
+      return false;
+    f.have_ranges = !f.pc.have_high && attrs.has(SubprogramAttrs::RANGES);
+    if (f.have_ranges)
+      read_code_ranges(die, text, &ranges);
+
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ORIGIN)) {
+      Dwarf_Die target;
+      f.have_origin = dwarf_formref_die(a, &target) != nullptr;
+      if (f.have_origin)
+        f.origin = dwarf_dieoffset(&target);
+      else
+        forget_dwarf_error();
+    }
+    // Any value but DW_INL_not_inlined makes the entry an abstract instance
+    // root, whose code, if any, other entries describe.
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::INLINE)) {
+      Dwarf_Word how = 0;
+      f.inlined = dwarf_formudata(a, &how) == 0 && how != DW_INL_not_inlined;
+      forget_dwarf_error();
+    }
+    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ABSTRACT_NAME)) {
+      f.raw_linkage_name = dwarf_formstring(a);
+      forget_dwarf_error();
+    }
+    f.offset = dwarf_dieoffset(die);
+    f.specification = attrs.has(SubprogramAttrs::SPECIFICATION);
+    if (f.pc.have_high)
+      ranges.assign(1, CodeRange{f.pc.low, f.pc.high});
+    else if (!f.have_ranges)
+      ranges.clear();
+    f.entry = f.pc.have_high || !f.have_ranges ? 0 : entry_range(attrs.get(SubprogramAttrs::ENTRY_PC), ranges);
+    forget_dwarf_error();
+    sink->entry(f, ranges);
+    return true;
+  }
+
+  // Entries nested deeper than this are refused.  Compilers stay far below
+  // it; the limit is there because the library finds the sibling of an
+  // entry without a DW_AT_sibling link by reading through all of the
+  // entry's descendants, so the walk costs the size of the tree times its
+  // depth.
+  static constexpr int kMaxDepth = 2048;
+
+  // Marks the entry at offset reached; false when it was reached before.
+  bool reach(uint64_t offset) {
+    if (offset < unit_start || offset >= unit_end)
+      error("%s: the DWARF entry at offset %#llx lies outside its unit", option.program,
+            (unsigned long long)offset);
+    uint64_t bit = offset - unit_start;
+    uint64_t &word = reached[bit / 64];
+    uint64_t mask = uint64_t(1) << (bit % 64);
+    if (word & mask)
+      return false;
+    word |= mask;
+    return true;
+  }
+
+  // Walks the tree below `root` (a unit's entry).  All later siblings of an
+  // entry are visited before its children, and the children of a later
+  // sibling before those of an earlier one: the order in which the records
+  // are made.  A stack of entries whose children are still to be looked at
+  // gives that order without recursion, so neither a long sibling chain nor
+  // deep nesting can exhaust the machine stack.  In a sound tree every
+  // entry is reached once; a damaged sibling link that leads back into the
+  // tree is caught by the second arrival, which also bounds the work.
+  void walk_entries(Dwarf_Die *root) {
+    struct Pending {
+      Dwarf_Die die;
+      int depth;
+    };
+    std::vector<Pending> stack;
+    auto visit_chain = [&](Dwarf_Die die, int depth, bool last) {
+      for (;;) {
+        uint64_t offset = dwarf_dieoffset(&die);
+        if (!reach(offset))
+          error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
+                (unsigned long long)offset);
+        if (depth > kMaxDepth)
+          error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
+                (unsigned long long)offset, kMaxDepth);
+        int tag = dwarf_tag(&die);
+        if (tag == DW_TAG_invalid)
+          print_dwarf_error("dwarf_tag");
+        // The children of a call site are its parameters, never code: a
+        // quarter of the entries of optimised code, not walked.
+        if (visit_entry(&die, tag) && tag != DW_TAG_call_site && tag != DW_TAG_GNU_call_site)
+          stack.push_back({die, depth});
+        // A unit's entry has no siblings: asking would read through the
+        // whole unit.
+        if (last)
+          return;
+        Dwarf_Die sibling;
+        int res = dwarf_siblingof(&die, &sibling);
+        if (res < 0)
+          print_dwarf_error("dwarf_dibling");
+        if (res > 0)
+          return;
+        die = sibling;
+      }
+    };
+    visit_chain(*root, 0, true);
+    while (!stack.empty()) {
+      Pending p = stack.back();
+      stack.pop_back();
+      Dwarf_Die child;
+      int res = dwarf_child(&p.die, &child);
+      if (res < 0)
+        print_dwarf_error("dwarf_child");
+      if (res == 0)
+        visit_chain(child, p.depth + 1, false);
+    }
+  }
+};
+
+// What a reader on the second core read, kept in order for the records.
+class KeptFacts : public FactSink {
+public:
+  void unit(const char *raw_name) override { items.push_back({false, raw_name, {}, 0, 0}); }
+  void entry(const EntryFacts &f, const std::vector<CodeRange> &r) override {
+    items.push_back({true, nullptr, f, ranges.size(), r.size()});
+    ranges.insert(ranges.end(), r.begin(), r.end());
+  }
+  // Hands everything to sink, in the order it came.
+  void replay(FactSink &sink) const {
+    std::vector<CodeRange> r;
+    for (const Item &i : items)
+      if (i.is_entry) {
+        r.assign(ranges.begin() + ptrdiff_t(i.first_range), ranges.begin() + ptrdiff_t(i.first_range + i.n_ranges));
+        sink.entry(i.facts, r);
+      } else {
+        sink.unit(i.unit_name);
+      }
+  }
+
+private:
+  struct Item {
+    bool is_entry;
+    const char *unit_name;
+    EntryFacts facts;
+    size_t first_range, n_ranges;
+  };
+  std::vector<Item> items;
+  std::vector<CodeRange> ranges;
+};
+
+// Makes the records and notes from what the readers read, in the run's
+// thread.  Names it hands to records or notes live for the whole run
+// (keep_input_name).
+class Recorder : public FactSink {
+public:
+  explicit Recorder(const FunctionSymbols &symbols) : symbols(&symbols) {
     // An earlier run that rewrote the DWARF left it describing its output,
     // this input: then there is nothing to follow.
     reordered = open_input_xlate(&older) && (older.info.flag_b & xlate::XLATE_FLAG_DWARF_UPDATED) == 0;
     recorded.reserve(symbols.by_addr.size()); // about a range for each function
   }
-  // A refused input ends the walk with its handle open; a run in process
-  // (the tests, the fuzz targets) would keep it for good.
-  ~DwarfWalk() {
-    if (dw != nullptr)
-      dwarf_end(dw);
+  Recorder(const Recorder &) = delete;
+  Recorder &operator=(const Recorder &) = delete;
+
+  void unit(const char *raw_name) override {
+    const char *unit_name = raw_name ? keep_input_name(raw_name) : nullptr;
+    if (option.debug & 1)
+      dump("File:  %s", unit_name ? unit_name : "");
+    file_name = unit_name ? basename(unit_name) : nullptr;
   }
-  DwarfWalk(const DwarfWalk &) = delete;
-  DwarfWalk &operator=(const DwarfWalk &) = delete;
-  void walk_units(Elf *elf);
+
+  void entry(const EntryFacts &f, const std::vector<CodeRange> &ranges) override {
+    // Kept for the run only now: most subprogram entries of a program are
+    // declarations.
+    const char *name = f.raw_name ? keep_input_name(f.raw_name) : nullptr;
+    // The name in messages; a string only for the one case that builds it.
+    std::string built;
+    const char *text = name ? name : kNoName;
+    const char *linkage_name = f.raw_linkage_name ? keep_input_name(f.raw_linkage_name) : nullptr;
+    if (name == nullptr && linkage_name != nullptr)
+      built = std::string("abstract name: ") + linkage_name + "\n", text = built.c_str();
+
+    Subprogram s{name, text, f.have_origin, f.origin, linkage_name, f.offset, file_name, f.specification};
+    if (f.pc.have_high || f.have_ranges) {
+      if (f.pc.have_high && !f.pc.have_low)
+        error("Have highpc but no lowpc on %s\n", text);
+      for (size_t i = 0, part = 0; i < ranges.size(); ++i)
+        make_record(s, ranges[i].lo, ranges[i].hi, i == f.entry ? 0 : int(++part));
+    } else if (f.have_origin || linkage_name != nullptr || f.inlined) {
+      // The entry is its own abstract entry unless it names another.
+      new_inline_note(name, linkage_name, f.have_origin ? f.origin : f.offset, -1, 0);
+    } else {
+      // An entry without code whose function still has a sized symbol had
+      // its code folded into another function's or turned into a thunk; the
+      // symbol table gives that code a record.
+      if (name == nullptr || !symbols->has_sized(name))
+        warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text,
+                (unsigned long long)f.offset, (unsigned long long)f.offset);
+    }
+  }
+
+  // Gives every pending note's procedure a name: that of another note for
+  // the same abstract entry or with the same linkage name (with the suffix of
+  // a cold part), else a made-up one.
   void resolve_inline_notes();
 
 private:
-  Dwarf *dw = nullptr;
   const FunctionSymbols *symbols;
+  const char *file_name = nullptr; // of the unit being recorded
   std::vector<InlineNote> notes;
   int made_up_names = 0;
   // The input is an earlier run's output: its DWARF still describes the
@@ -212,11 +529,6 @@ private:
   // (a C++ inline function or template instance) is kept once by the
   // linker, and with -q every file's entry then describes that one copy.
   RangeSet recorded;
-  // The entries of the unit being walked that were reached, a bit for each
-  // byte of the unit from its first; and the unit's bounds.
-  std::vector<uint64_t> reached;
-  uint64_t unit_start = 0, unit_end = 0;
-  std::vector<CodeRange> ranges;
 
   // Where the code of [lo, hi) of the original build lies in the input.
   // It was laid out in one piece, so one range of the table holds it.
@@ -249,37 +561,6 @@ private:
     if (part > 1)
       s += "." + std::to_string(part - 1);
     return bin.procs.keep(s.c_str());
-  }
-
-  // The code range of a subprogram.  DW_AT_high_pc is either an address or,
-  // from DWARF 4 on, an offset from DW_AT_low_pc.
-  struct PcRange {
-    bool have_high = false;
-    bool have_low = false;
-    bool declaration = false;
-    uint64_t low = 0;
-    uint64_t high = 0;
-  };
-
-  PcRange read_pc_range(SubprogramAttrs &attrs, const char *text) {
-    PcRange r;
-    Dwarf_Attribute *high = attrs.get(SubprogramAttrs::HIGH_PC);
-    if (high == nullptr) {
-      r.declaration = attrs.has(SubprogramAttrs::DECLARATION);
-      return r;
-    }
-    bool offset = is_constant_form(dwarf_whatform(high));
-    Dwarf_Word value = 0;
-    if (offset ? dwarf_formudata(high, &value) != 0 : dwarf_formaddr(high, &value) != 0)
-      print_dwarf_error("dwarf_highpc in %s", text);
-    r.have_high = true;
-    if (Dwarf_Attribute *low = attrs.get(SubprogramAttrs::LOW_PC)) {
-      if (dwarf_formaddr(low, &r.low) != 0)
-        print_dwarf_error("dwarf_lowpc in %s", text);
-      r.have_low = true;
-    }
-    r.high = offset ? r.low + value : value;
-    return r;
   }
 
   // A subprogram entry that has code, as its records need it.
@@ -339,177 +620,9 @@ private:
       dump("  Subprogram: %s(%#llx-%#llx)", part == 0 || name == nullptr ? s.text : name, (unsigned long long)lo,
            (unsigned long long)hi);
   }
-
-  // One entry of a unit's tree; only subprograms matter.  False when the
-  // entry's children need not be walked: those of a function's declaration
-  // are its parameters (the entries of its nested functions are children
-  // of its definition's).
-  bool visit_entry(Dwarf_Die *die, int tag, const Unit &unit) {
-    if (tag != DW_TAG_subprogram)
-      return true;
-    SubprogramAttrs attrs;
-    if (dwarf_getattrs(die, SubprogramAttrs::gather, &attrs, 0) != 1)
-      print_dwarf_error("dwarf_attr");
-
-    const char *raw_name = nullptr;
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::NAME)) {
-      raw_name = dwarf_formstring(a);
-      if (raw_name == nullptr)
-        print_dwarf_error("dwarf_diename");
-    }
-    // The name in messages; a string only for the one case that builds it.
-    std::string built;
-    const char *text = raw_name ? raw_name : kNoName;
-
-    PcRange pc = read_pc_range(attrs, text);
-    if (pc.declaration)
-      return false;
-    // Kept for the run only now: most subprogram entries of a program are
-    // declarations.
-    const char *name = raw_name ? keep_input_name(raw_name) : nullptr;
-    text = name ? name : kNoName;
-    bool have_ranges = !pc.have_high && attrs.has(SubprogramAttrs::RANGES);
-    if (have_ranges)
-      read_code_ranges(die, text, &ranges);
-
-    bool have_origin = false;
-    uint64_t origin = 0;
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ORIGIN)) {
-      Dwarf_Die target;
-      have_origin = dwarf_formref_die(a, &target) != nullptr;
-      if (have_origin)
-        origin = dwarf_dieoffset(&target);
-      else
-        forget_dwarf_error();
-    }
-
-    // Any value but DW_INL_not_inlined makes the entry an abstract instance
-    // root, whose code, if any, other entries describe.
-    bool inlined = false;
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::INLINE)) {
-      Dwarf_Word how = 0;
-      inlined = dwarf_formudata(a, &how) == 0 && how != DW_INL_not_inlined;
-      forget_dwarf_error();
-    }
-
-    const char *linkage_name = nullptr;
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ABSTRACT_NAME)) {
-      if (const char *raw = dwarf_formstring(a))
-        linkage_name = keep_input_name(raw);
-      forget_dwarf_error();
-    }
-    if (name == nullptr && linkage_name != nullptr)
-      built = std::string("abstract name: ") + linkage_name + "\n", text = built.c_str();
-
-    uint64_t offset = dwarf_dieoffset(die);
-    Subprogram s{name,   text, have_origin,    origin, linkage_name,
-                 offset, unit.file_name, attrs.has(SubprogramAttrs::SPECIFICATION)};
-    if (pc.have_high || have_ranges) {
-      if (pc.have_high && !pc.have_low)
-        error("Have highpc but no lowpc on %s\n", text);
-      if (pc.have_high)
-        ranges.assign(1, CodeRange{pc.low, pc.high});
-      size_t entry = pc.have_high ? 0 : entry_range(attrs.get(SubprogramAttrs::ENTRY_PC), ranges);
-      forget_dwarf_error();
-      for (size_t i = 0, part = 0; i < ranges.size(); ++i)
-        make_record(s, ranges[i].lo, ranges[i].hi, i == entry ? 0 : int(++part));
-    } else if (have_origin || linkage_name != nullptr || inlined) {
-      // The entry is its own abstract entry unless it names another.
-      new_inline_note(name, linkage_name, have_origin ? origin : offset, -1, 0);
-    } else {
-      // An entry without code whose function still has a sized symbol had
-      // its code folded into another function's or turned into a thunk; the
-      // symbol table gives that code a record.
-      if (name == nullptr || !symbols->has_sized(name))
-        warning("Subprogram %s at dwarf section offset 0x%llx (%llu)is ignored\n", text,
-                (unsigned long long)offset, (unsigned long long)offset);
-    }
-    return true;
-  }
-
-  // Entries nested deeper than this are refused.  Compilers stay far below
-  // it; the limit is there because the library finds the sibling of an
-  // entry without a DW_AT_sibling link by reading through all of the
-  // entry's descendants, so the walk costs the size of the tree times its
-  // depth.
-  static constexpr int kMaxDepth = 2048;
-
-  // Marks the entry at offset reached; false when it was reached before.
-  bool reach(uint64_t offset) {
-    if (offset < unit_start || offset >= unit_end)
-      error("%s: the DWARF entry at offset %#llx lies outside its unit", option.program,
-            (unsigned long long)offset);
-    uint64_t bit = offset - unit_start;
-    uint64_t &word = reached[bit / 64];
-    uint64_t mask = uint64_t(1) << (bit % 64);
-    if (word & mask)
-      return false;
-    word |= mask;
-    return true;
-  }
-
-  // Walks the tree below `root` (a unit's entry).  All later siblings of an
-  // entry are visited before its children, and the children of a later
-  // sibling before those of an earlier one: the order in which the records
-  // are made.  A stack of entries whose children are still to be looked at
-  // gives that order without recursion, so neither a long sibling chain nor
-  // deep nesting can exhaust the machine stack.  In a sound tree every
-  // entry is reached once; a damaged sibling link that leads back into the
-  // tree is caught by the second arrival, which also bounds the work.
-  void walk_entries(Dwarf_Die *root, const Unit &unit) {
-    struct Pending {
-      Dwarf_Die die;
-      int depth;
-    };
-    std::vector<Pending> stack;
-    auto visit_chain = [&](Dwarf_Die die, int depth, bool last) {
-      for (;;) {
-        uint64_t offset = dwarf_dieoffset(&die);
-        if (!reach(offset))
-          error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
-                (unsigned long long)offset);
-        if (depth > kMaxDepth)
-          error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
-                (unsigned long long)offset, kMaxDepth);
-        int tag = dwarf_tag(&die);
-        if (tag == DW_TAG_invalid)
-          print_dwarf_error("dwarf_tag");
-        // The children of a call site are its parameters, never code: a
-        // quarter of the entries of optimised code, not walked.
-        if (visit_entry(&die, tag, unit) && tag != DW_TAG_call_site && tag != DW_TAG_GNU_call_site)
-          stack.push_back({die, depth});
-        // A unit's entry has no siblings: asking would read through the
-        // whole unit.
-        if (last)
-          return;
-        Dwarf_Die sibling;
-        int res = dwarf_siblingof(&die, &sibling);
-        if (res < 0)
-          print_dwarf_error("dwarf_dibling");
-        if (res > 0)
-          return;
-        die = sibling;
-      }
-    };
-    visit_chain(*root, 0, true);
-    while (!stack.empty()) {
-      Pending p = stack.back();
-      stack.pop_back();
-      Dwarf_Die child;
-      int res = dwarf_child(&p.die, &child);
-      if (res < 0)
-        print_dwarf_error("dwarf_child");
-      if (res == 0)
-        visit_chain(child, p.depth + 1, false);
-    }
-  }
-
-  // Gives every pending note's procedure a name: that of another note for
-  // the same abstract entry or with the same linkage name (with the suffix of
-  // a cold part), else a made-up one.
 };
 
-void DwarfWalk::resolve_inline_notes() {
+void Recorder::resolve_inline_notes() {
   std::unordered_map<uint64_t, const char *> by_offset;
   std::unordered_map<std::string_view, const char *> by_linkage_name;
   for (const InlineNote &o : notes) {
@@ -544,7 +657,12 @@ void DwarfWalk::resolve_inline_notes() {
   }
 }
 
-void DwarfWalk::walk_units(Elf *elf) {
+// The entries of every unit, in unit order.  The units of the back of
+// .debug_info are read on the second core, with a library handle of its
+// own, while this thread reads and records the front; their records are
+// made after the front's, in the same order as when one thread reads them
+// all.
+void walk_units(Elf *elf, Recorder &recorder) {
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // the library leaves them alone in an executable, as it must: applying
   // them would add every address a second time.  The section's size
@@ -554,41 +672,69 @@ void DwarfWalk::walk_units(Elf *elf) {
   if (info == nullptr || gelf_getshdr(info, &sh) == nullptr)
     error("%s: no DWARF information", option.program);
   uint64_t info_size = sh.sh_size;
-  dw = dwarf_begin_elf(elf, DWARF_C_READ, nullptr);
-  if (dw == nullptr)
+  DwarfHandle dw(dwarf_begin_elf(elf, DWARF_C_READ, nullptr));
+  if (dw.get() == nullptr)
     print_dwarf_error("%s: cannot read its DWARF information", option.program);
+
+  // The unit headers, up to the first the library cannot read.
+  struct UnitAt {
+    Dwarf_Off at, next;
+    size_t header_size;
+  };
+  std::vector<UnitAt> units;
   Dwarf_Off at = 0, next = 0;
   size_t header_size = 0;
   int res;
-  while ((res = dwarf_next_unit(dw, at, &next, &header_size, nullptr, nullptr, nullptr, nullptr, nullptr,
+  while ((res = dwarf_next_unit(dw.get(), at, &next, &header_size, nullptr, nullptr, nullptr, nullptr, nullptr,
                                 nullptr)) == 0) {
+    units.push_back({at, next, header_size});
     if (next <= at)
-      error("%s: a DWARF unit header gives no offset for the next unit", option.program);
-    Dwarf_Die cu_die;
-    if (dwarf_offdie(dw, at + header_size, &cu_die) == nullptr)
-      print_dwarf_error("dwarf_siblingof");
-    // A unit without a name files its procedures under no file name.
-    const char *unit_name = nullptr;
-    Dwarf_Attribute a;
-    if (dwarf_attr(&cu_die, DW_AT_name, &a) != nullptr) {
-      const char *raw = dwarf_formstring(&a);
-      if (raw == nullptr)
-        print_dwarf_error("dwarf_diename");
-      unit_name = keep_input_name(raw);
-    }
-    if (option.debug & 1)
-      dump("File:  %s", unit_name ? unit_name : "");
-    Unit unit{unit_name ? basename(unit_name) : nullptr};
-    unit_start = at;
-    unit_end = std::min<uint64_t>(next, info_size);
-    reached.assign((unit_end - std::min(unit_end, at) + 63) / 64, 0);
-    walk_entries(&cu_die, unit);
+      break; // refused in its turn
     at = next;
   }
-  if (res < 0)
+  forget_dwarf_error();
+
+  // The back part: from the first unit that starts past this share of
+  // the section.  This thread makes every record besides, but that costs
+  // little beside the reading: even halves gave the shortest walk.
+  constexpr double kFront = 0.5;
+  size_t split = units.size();
+  for (size_t i = 1; i < units.size(); ++i)
+    if (double(units[i].at) >= kFront * double(info_size)) {
+      split = i;
+      break;
+    }
+  KeptFacts back;
+  std::unique_ptr<Background> reading;
+  size_t image_size = 0;
+  char *image = elf_rawfile(elf, &image_size);
+  elf_errno();
+  if (split < units.size() && image != nullptr)
+    reading = std::make_unique<Background>([&, image, image_size, split] {
+      std::unique_ptr<Elf, int (*)(Elf *)> own(elf_memory(image, image_size), elf_end);
+      DwarfHandle own_dw(own ? dwarf_begin_elf(own.get(), DWARF_C_READ, nullptr) : nullptr);
+      if (own_dw.get() == nullptr)
+        print_dwarf_error("%s: cannot read its DWARF information", option.program);
+      EntryReader reader(own_dw.get(), info_size, back);
+      for (size_t i = split; i < units.size(); ++i)
+        reader.walk_unit(units[i].at, units[i].next, units[i].header_size);
+    });
+  else
+    split = units.size();
+
+  EntryReader reader(dw.get(), info_size, recorder);
+  for (size_t i = 0; i < split; ++i)
+    reader.walk_unit(units[i].at, units[i].next, units[i].header_size);
+  if (reading) {
+    reading->wait();
+    back.replay(recorder);
+    reading->collect();
+  }
+  if (res < 0) {
+    // The library's cause, as the header it could not read gives it.
+    dwarf_next_unit(dw.get(), at, &next, &header_size, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     print_dwarf_error("dwarf_next_cu_header");
-  dwarf_end(dw);
-  dw = nullptr;
+  }
 }
 
 } // namespace
@@ -598,9 +744,9 @@ void dwarf_interface(Elf *elf) {
   FunctionSymbols syms = read_function_symbols(elf);
   // A record for about every function symbol.
   reserve_procs(syms.by_addr.size() + syms.by_addr.size() / 8 + 64);
-  DwarfWalk walk(syms);
-  walk.walk_units(elf);
-  walk.resolve_inline_notes();
+  Recorder recorder(syms);
+  walk_units(elf, recorder);
+  recorder.resolve_inline_notes();
   add_symbol_table_procs(syms);
   attach_padding();
 }

@@ -565,6 +565,15 @@ using Moves = std::map<uint64_t, uint64_t>;
 
 class DwarfUpdate {
 public:
+  DwarfUpdate() = default;
+  // The work on the second core writes into members: a run that ends
+  // before collecting it waits for it before they go.
+  ~DwarfUpdate() {
+    entries.reset();
+    lines.reset();
+  }
+  DwarfUpdate(const DwarfUpdate &) = delete;
+  DwarfUpdate &operator=(const DwarfUpdate &) = delete;
   // Finds the sections and starts the work that needs nothing but the
   // layout (the entries, the line programs) on the second core.  With
   // `quiet` it starts nothing where run() would stop the run, so that the

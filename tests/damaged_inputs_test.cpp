@@ -54,6 +54,13 @@ struct Victim {
       put(off, 4, w), off += 4;
   }
   uint32_t get32(uint64_t off) const { return load32(bytes.data() + off); }
+  // The offset of the last unit of a DWARF section of 32-bit units.
+  uint64_t last_unit(const char *sec) {
+    uint64_t at = 0, last = 0, size = elf.shdr(sec).sh_size;
+    for (; at + 4 <= size; at += 4 + uint64_t(get32(this->at(sec, at))))
+      last = at;
+    return last;
+  }
   void eh(Field f, uint64_t v) { put(elf.is64 ? f.off64 : f.off32, elf.is64 ? f.size64 : f.size32, v); }
   void sh(const char *sec, Field f, uint64_t v) {
     Elf_Scn *s = elf.scn(sec);
@@ -174,6 +181,7 @@ const Recipe kRecipes[] = {
   {"DWARF address size", "n64", [](Victim &v) { v.put(v.at(".debug_info", 7), 1, 3); }, "addresses are neither 4 nor 8 bytes"},
   {"DWARF abbreviations offset", "o32d", [](Victim &v) { v.put32(".debug_info", 8, kHuge); }, "DWARF information (dwarf_next_cu_header)"},
   {"DWARF abbreviation code", "n64", [](Victim &v) { v.put(v.at(".debug_info", 12), 1, 0x7f); }, "DWARF information (dwarf_tag)"},
+  {"DWARF abbreviation code of the last unit", "n64", [](Victim &v) { v.put(v.at(".debug_info", v.last_unit(".debug_info") + 12), 1, 0x7f); }, "DWARF information (dwarf_tag)"},
   {"DWARF range list unit length", "o32d", [](Victim &v) { v.put32(".debug_rnglists", 0, kHuge); }, ".debug_rnglists is damaged"},
   {"DWARF range list version", "n64", [](Victim &v) { v.put(v.at(".debug_rnglists", 4), 2, 9); }, "has version 9"},
   {"DWARF strings cut", "o32d", [](Victim &v) { v.sh(".debug_str", SH(sh_size), 4); }, "DWARF information (dwarf_diename)"},

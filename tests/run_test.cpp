@@ -176,12 +176,16 @@ TEST(Refusals, WorkBesideTheRunKeepsItsTurn) {
     warning("from the run");
     task.collect();
     EXPECT_EQ(done, 1);
-    Background failing([] { warning("before"), error("the task failed"); });
+    int read = 0;
+    Background failing([&] { read = 1, warning("before"), error("the task failed"); });
     warning("the run goes on");
+    failing.wait(); // its results are there, its turn has not come
+    EXPECT_EQ(read, 1);
+    warning("after the wait");
     EXPECT_THROW(failing.collect(), Fatal);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: from the run.\nWarning: from the task.\n"
-                                                       "Warning: the run goes on.\nWarning: before.\n"
-                                                       "Error: the task failed.\n");
+                                                       "Warning: the run goes on.\nWarning: after the wait.\n"
+                                                       "Warning: before.\nError: the task failed.\n");
   }
   Background::run_in_turn(false);
 }
