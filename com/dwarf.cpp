@@ -704,6 +704,11 @@ void walk_units(Elf *elf, Recorder &recorder) {
       split = i;
       break;
     }
+  // The second reader's handles are its own, on the same image; they live
+  // until its records are made: the names it read may lie in memory of
+  // theirs (the strings of a supplementary file).
+  std::unique_ptr<Elf, int (*)(Elf *)> back_elf(nullptr, elf_end);
+  std::unique_ptr<DwarfHandle> back_dw;
   KeptFacts back;
   std::unique_ptr<Background> reading;
   size_t image_size = 0;
@@ -711,11 +716,12 @@ void walk_units(Elf *elf, Recorder &recorder) {
   elf_errno();
   if (split < units.size() && image != nullptr)
     reading = std::make_unique<Background>([&, image, image_size, split] {
-      std::unique_ptr<Elf, int (*)(Elf *)> own(elf_memory(image, image_size), elf_end);
-      DwarfHandle own_dw(own ? dwarf_begin_elf(own.get(), DWARF_C_READ, nullptr) : nullptr);
-      if (own_dw.get() == nullptr)
+      back_elf.reset(elf_memory(image, image_size));
+      back_dw = std::make_unique<DwarfHandle>(back_elf ? dwarf_begin_elf(back_elf.get(), DWARF_C_READ, nullptr)
+                                                       : nullptr);
+      if (back_dw->get() == nullptr)
         print_dwarf_error("%s: cannot read its DWARF information", option.program);
-      EntryReader reader(own_dw.get(), info_size, back);
+      EntryReader reader(back_dw->get(), info_size, back);
       for (size_t i = split; i < units.size(); ++i)
         reader.walk_unit(units[i].at, units[i].next, units[i].header_size);
     });

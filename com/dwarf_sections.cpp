@@ -85,6 +85,11 @@ void check_dwarf_table_sections(Elf *elf) {
     const char *name = elf_strptr(elf, shstrndx, sh.sh_name);
     if (name == nullptr)
       continue;
+    // The DWARF library unpacks a compressed section in the input's image,
+    // headers and all, and the output, made from that image, would come
+    // out torn.
+    if ((sh.sh_flags & SHF_COMPRESSED) && std::strncmp(name, ".debug_", 7) == 0)
+      error("%s: section %s is compressed; vesk cannot update compressed DWARF", option.program, name);
     for (const char *table : kTableSections) {
       if (std::strcmp(name, table) != 0)
         continue;

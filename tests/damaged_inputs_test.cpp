@@ -184,6 +184,7 @@ const Recipe kRecipes[] = {
   {"DWARF abbreviation code of the last unit", "n64", [](Victim &v) { v.put(v.at(".debug_info", v.last_unit(".debug_info") + 12), 1, 0x7f); }, "DWARF information (dwarf_tag)"},
   {"DWARF range list unit length", "o32d", [](Victim &v) { v.put32(".debug_rnglists", 0, kHuge); }, ".debug_rnglists is damaged"},
   {"DWARF range list version", "n64", [](Victim &v) { v.put(v.at(".debug_rnglists", 4), 2, 9); }, "has version 9"},
+  {"DWARF compressed", "n64", [](Victim &v) { v.sh(".debug_info", SH(sh_flags), SHF_COMPRESSED); }, "section .debug_info is compressed"},
   {"DWARF strings cut", "o32d", [](Victim &v) { v.sh(".debug_str", SH(sh_size), 4); }, "DWARF information (dwarf_diename)"},
   {"DWARF line program length", "n64", [](Victim &v) { v.put32(".debug_line", 0, kHuge); }, "section .debug_line is damaged"},
   {"DWARF line program version", "o32d", [](Victim &v) { v.put(v.at(".debug_line", 4), 2, 1); }, "a line program of a version vesk does not know"},
