@@ -116,6 +116,9 @@ struct Bin {
   // The table being built beside the rest of the rewrite (end_run waits
   // for it before what it reads goes).
   std::unique_ptr<Background> xlate_task;
+  // The output .text's pages made fresh on the second core before the
+  // layout writes them (end_run waits for it before the image goes).
+  std::unique_ptr<Background> fresh_text;
   // The DWARF update begun beside the other updates (its own type, known
   // to the update only; end_run waits for its work).
   std::shared_ptr<void> dwarf_update;

@@ -23,6 +23,7 @@ void end_run() {
   // Work on the second core reads the input and the layout.
   bin.dwarf_update.reset();
   bin.xlate_task.reset();
+  bin.fresh_text.reset();
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

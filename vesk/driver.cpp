@@ -130,6 +130,7 @@ void reorder_it() {
   bin.text_map = bin.text_map_store.get();
   release_input_pages(); // of what reading the input touched, the rewrite reads only some again
   duplicate_elf();
+  prepare_new_text();
   read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
   check_branch_out_of_procedure();

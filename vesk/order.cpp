@@ -58,9 +58,10 @@ struct Layout {
 void lay_out_text(const std::vector<Proc *> &order) {
   if (bin.text_words != 0 && (bin.new_text == nullptr || bin.text_map == nullptr))
     error("internal: no output text to lay the procedures out in");
-  // Every word of the output text is written below: its old contents need
-  // not be copied from the file page by page as the writes reach them.
-  prepare_to_overwrite(bin.new_text, 4 * uint64_t(bin.text_words));
+  if (bin.fresh_text == nullptr)
+    prepare_new_text(); // a run that did not begin with it
+  bin.fresh_text->collect();
+  bin.fresh_text.reset();
   Layout layout;
   bin.new_text_fill = 0;
 
@@ -186,6 +187,15 @@ void dump_address_mapping() {
 }
 
 } // namespace
+
+void prepare_new_text() {
+  // Every word of the output text is written by the layout: its old
+  // contents need not be copied from the file page by page as the writes
+  // reach them.  Nothing reads or writes the output text before.
+  uint8_t *text = bin.new_text;
+  size_t size = 4 * size_t(bin.text_words);
+  bin.fresh_text = std::make_unique<Background>([text, size] { prepare_to_overwrite(text, size); });
+}
 
 std::vector<Proc *> reorder_procedures() {
   write_merged_feedback();

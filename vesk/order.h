@@ -7,6 +7,11 @@
 
 namespace vesk {
 
+// Run step, once the output image exists: the pages of its .text, which
+// the layout writes whole, are made fresh (not copied from the file at
+// the first write) on the second core, beside the checks and ties.
+void prepare_new_text();
+
 // Lays out the new text (bin.text_map and the output's .text) in the order
 // of the procedure list, which it returns as an array.
 std::vector<Proc *> reorder_procedures();
