@@ -1090,6 +1090,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     blocks.push_back({has_views ? *v : offset, offset, unit, has_views});
   }
   std::sort(blocks.begin(), blocks.end(), [](const Block &a, const Block &b) { return a.start < b.start; });
+  std::vector<std::pair<uint64_t, size_t>>().swap(lists); // the blocks say it all now
 
   Out o;
   // The lists come out about as large as they went in: room for that and

@@ -8,7 +8,6 @@
 #include "base/bin.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
-#include "base/key_sort.h"
 #include "base/options.h"
 #include "com/dwarf_update.h"
 #include "com/elf.h"
@@ -113,22 +112,19 @@ public:
   static constexpr uint32_t none = ~uint32_t(0);
   NewToOld() {
     uint64_t n = bin.text_words;
-    std::vector<KeyValue> by_new;
     for (uint64_t k = 0, j; k < n; k = j) {
       j = text_map_run_end(k, n);
       uint64_t to = bin.text_map[k];
       if (to < n) // not an unplaced word
-        by_new.push_back({to, k << 32 | std::min(j - k, n - to)});
+        runs_.push_back({uint32_t(to), uint32_t(k), uint32_t(std::min(j - k, n - to))});
     }
-    stable_sort_by_key(by_new);
-    runs_.reserve(by_new.size());
-    for (const KeyValue &r : by_new) {
-      Run run{uint32_t(r.first), uint32_t(r.second >> 32), uint32_t(r.second)};
-      if (!runs_.empty() && runs_.back().new_word + runs_.back().words > run.new_word)
+    // Sorted in place: the table is built beside the rewrite's largest
+    // buffers, and a sort with keys of its own would double it.
+    std::sort(runs_.begin(), runs_.end(), [](const Run &a, const Run &b) { return a.new_word < b.new_word; });
+    for (size_t i = 1; i < runs_.size(); ++i)
+      if (runs_[i - 1].new_word + runs_[i - 1].words > runs_[i].new_word)
         error("%s: the new layout puts two words of the old text at new address %#llx", option.program,
-              (unsigned long long)(bin.text_lo + 4 * uint64_t(run.new_word)));
-      runs_.push_back(run);
-    }
+              (unsigned long long)(bin.text_lo + 4 * uint64_t(runs_[i].new_word)));
   }
   // The old word at new address a, or none where no old word went and
   // outside the new text.  Asked in rising order, mostly: the search
