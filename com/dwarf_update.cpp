@@ -168,16 +168,20 @@ Sec dwarf_section(const char *name, bool quiet = false, bool *ok = nullptr) {
   if (scn == nullptr || gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
     return s;
   if (sh.sh_flags & SHF_COMPRESSED) {
-    if (quiet)
-      return *ok = false, s;
+    if (quiet) {
+      *ok = false;
+      return s;
+    }
     error("%s: section %s is compressed; vesk cannot update compressed DWARF", option.program, name);
   }
   Elf_Data *d = elf_getdata(scn, nullptr);
   Elf_Data *o = find_section_data_by_name(bin.out_elf, name);
   if (d == nullptr || o == nullptr || (d->d_buf == nullptr && d->d_size != 0) || o->d_size != d->d_size ||
       d->d_type != ELF_T_BYTE) {
-    if (quiet)
-      return *ok = false, s;
+    if (quiet) {
+      *ok = false;
+      return s;
+    }
     error("%s: cannot read the contents of section %s", option.program, name);
   }
   static const uint8_t none = 0;
@@ -561,6 +565,7 @@ void read_list(Cur &c, bool loc, bool v5, unsigned addr_size, uint64_t base, std
   }
 }
 
+// The new offsets of line programs, by their old ones.
 using Moves = std::map<uint64_t, uint64_t>;
 
 class DwarfUpdate {
@@ -575,9 +580,10 @@ public:
   DwarfUpdate(const DwarfUpdate &) = delete;
   DwarfUpdate &operator=(const DwarfUpdate &) = delete;
   // Finds the sections and starts the work that needs nothing but the
-  // layout (the entries, the line programs) on the second core.  With
-  // `quiet` it starts nothing where run() would stop the run, so that the
-  // message comes in its turn: false then.
+  // layout (the entries, the line programs) on the second core; false
+  // when there is nothing to update.  With `quiet` it starts nothing where
+  // the update would stop the run, so that the message comes in its turn:
+  // false then too.
   bool begin(bool quiet);
   // The rest, in the update's turn.
   void finish();
@@ -979,8 +985,6 @@ void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vec
   else
     o.sized(0, as), o.sized(0, as);
 }
-
-// The new offsets of line programs, by their old ones.
 
 // The new offsets of lists and view lists, by their old ones: pairs
 // sorted by old offset once all are in.  Of two for one offset (view lists
