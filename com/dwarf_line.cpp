@@ -340,8 +340,9 @@ std::vector<std::pair<uint64_t, std::vector<LineRow>>> read_line_rows(const uint
 std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsigned addr_size,
                                            std::map<uint64_t, uint64_t> *offsets) {
   Out out;
-  // The programs come out about as large as they went in.
-  out.reserve(size + size / 8 + 64);
+  // The programs come out a little larger than they went in: each piece
+  // of a sequence that the layout cut apart is a sequence of its own.
+  out.reserve(size + size / 4 + 64);
   SectionCursor c(in, size, 0, ".debug_line");
   // The input's pages are dropped behind the reader, a few megabytes at a
   // time: the rewrite runs beside others that hold much memory.

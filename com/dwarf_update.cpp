@@ -1488,6 +1488,7 @@ void DwarfUpdate::walk_entries() {
 
 void DwarfUpdate::finish() {
   entries->collect();
+  release_input_pages();
   for (bool v5 : {false, true}) {
     rewrite_lists(false, v5);
     rewrite_lists(true, v5);

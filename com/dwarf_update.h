@@ -97,9 +97,11 @@ public:
 private:
   std::vector<uint8_t> b_; // its size is the room made; n_ bytes of it are written
   size_t n_ = 0;
+  // Room grows by a quarter: resize writes every byte it adds, and a
+  // doubled buffer, written whole, would stay that large to the end.
   uint8_t *room(size_t k) {
     if (b_.size() - n_ < k)
-      b_.resize(std::max(2 * b_.size(), n_ + k + 256));
+      b_.resize(std::max(b_.size() + b_.size() / 4, n_ + k + 256));
     uint8_t *p = b_.data() + n_;
     n_ += k;
     return p;
