@@ -167,13 +167,7 @@ Sec dwarf_section(const char *name, bool quiet = false, bool *ok = nullptr) {
   GElf_Shdr sh;
   if (scn == nullptr || gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS)
     return s;
-  if (sh.sh_flags & SHF_COMPRESSED) {
-    if (quiet) {
-      *ok = false;
-      return s;
-    }
-    error("%s: section %s is compressed; vesk cannot update compressed DWARF", option.program, name);
-  }
+  // A compressed section was refused at discovery.
   Elf_Data *d = elf_getdata(scn, nullptr);
   Elf_Data *o = find_section_data_by_name(bin.out_elf, name);
   if (d == nullptr || o == nullptr || (d->d_buf == nullptr && d->d_size != 0) || o->d_size != d->d_size ||
