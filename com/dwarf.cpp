@@ -657,6 +657,10 @@ void Recorder::resolve_inline_notes() {
   }
 }
 
+// This thread makes every record besides reading its share, but that
+// costs little beside the reading: even halves gave the shortest walk.
+double front_share = 0.5;
+
 // The entries of every unit, in unit order.  The units of the back of
 // .debug_info are read on the second core, with a library handle of its
 // own, while this thread reads and records the front; their records are
@@ -694,13 +698,11 @@ void walk_units(Elf *elf, Recorder &recorder) {
   }
   forget_dwarf_error();
 
-  // The back part: from the first unit that starts past this share of
-  // the section.  This thread makes every record besides, but that costs
-  // little beside the reading: even halves gave the shortest walk.
-  constexpr double kFront = 0.5;
+  // The back part: from the first unit that starts past the front share
+  // of the section.
   size_t split = units.size();
   for (size_t i = 1; i < units.size(); ++i)
-    if (double(units[i].at) >= kFront * double(info_size)) {
+    if (double(units[i].at) >= front_share * double(info_size)) {
       split = i;
       break;
     }
@@ -744,6 +746,8 @@ void walk_units(Elf *elf, Recorder &recorder) {
 }
 
 } // namespace
+
+void set_discovery_front_share(double share) { front_share = share; }
 
 void dwarf_interface(Elf *elf) {
   check_dwarf_table_sections(elf);

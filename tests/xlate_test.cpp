@@ -13,6 +13,7 @@
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/options.h"
+#include "com/dwarf.h"
 #include "com/elf.h"
 #include "com/xlate_table.h"
 #include "support/bench.h"
@@ -438,6 +439,27 @@ TEST_P(DwarfBench, TableLeadsEveryWordBackToTheInput) {
     EXPECT_EQ(alone.out, both.out);
     EXPECT_TRUE(read_file(two / "out") == read_file(one / "out")) << "the output depends on the second core";
   }
+  // Discovery reads the units behind a share of .debug_info on the second
+  // core and makes their records after the front's: wherever the split
+  // falls (no second reader, every unit but the first on it), the same
+  // procedures in the same order, so the same output and merged feedback.
+  std::map<double, std::pair<std::string, std::string>> by_share;
+  for (double share : {1.0, 0.5, 0.0}) {
+    std::string out = b.path("share-" + std::to_string(share)), merged = out + ".merged";
+    std::vector<std::string> args{"vesk", b.annotated(), second + ".fb", "-o", out, "-merge", merged};
+    std::vector<char *> argv;
+    for (std::string &a : args)
+      argv.push_back(a.data());
+    vesk::set_discovery_front_share(share);
+    testing::internal::CaptureStderr();
+    int status = vesk::vesk_main(int(argv.size()), argv.data());
+    std::string err = testing::internal::GetCapturedStderr();
+    vesk::set_discovery_front_share(0.5);
+    ASSERT_EQ(status, 0) << err;
+    by_share[share] = {read_file(out), read_file(merged)};
+  }
+  EXPECT_TRUE(by_share[0.5] == by_share[1.0] && by_share[0.0] == by_share[1.0])
+      << "the records depend on where discovery splits .debug_info";
   // A second run reads the first one's output through its table and
   // writes one that leads straight back to the original build.
   const std::string again = b.path("again");
