@@ -123,6 +123,13 @@ Background::Background(std::function<void()> work) : task_(std::make_shared<Task
   task_->in_turn = !worker().hand_over(task_);
 }
 
+Background::Background(Now, std::function<void()> work) : task_(std::make_shared<Task>()) {
+  task_->work = std::move(work);
+  task_->in_turn = true;
+  Worker::run(*task_);
+  task_->done = true;
+}
+
 Background::~Background() {
   if (task_ != nullptr && !task_->in_turn)
     worker().wait(*task_, true);

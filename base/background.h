@@ -20,6 +20,11 @@ namespace vesk {
 class Background {
 public:
   explicit Background(std::function<void()> work);
+  // Does the work at once in the run's thread, ahead of its turn (while
+  // the second core is busy with other work): its messages are held and
+  // its end put off until collect, as for a task handed over.
+  struct Now {};
+  Background(Now, std::function<void()> work);
   ~Background();
   Background(const Background &) = delete;
   Background &operator=(const Background &) = delete;

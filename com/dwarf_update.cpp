@@ -119,8 +119,19 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   // The first break at or behind w.
   const std::vector<uint64_t> &at = breaks.at;
   size_t k = breaks_hint;
-  if (k > at.size() || (k > 0 && at[k - 1] >= w) || (k < at.size() && at[k] < w))
+  if (k > at.size() || (k > 0 && at[k - 1] >= w)) {
     k = size_t(std::lower_bound(at.begin(), at.end(), w) - at.begin());
+  } else if (k < at.size() && at[k] < w) {
+    // Most ranges lie a little behind the one before: gallop forward.
+    size_t lo = k + 1, hi = lo, step = 1;
+    while (hi < at.size() && at[hi] < w) {
+      lo = hi + 1;
+      hi = lo + step;
+      step *= 2;
+    }
+    hi = std::min(hi, at.size());
+    k = size_t(std::lower_bound(at.begin() + long(lo), at.begin() + long(hi), w) - at.begin());
+  }
   breaks_hint = k;
   for (; k < at.size() && at[k] < stop; ++k) {
     out->push_back({start, at[k] + 4, new_start, map_byte(at[k]) + 4});
@@ -271,12 +282,14 @@ void end_length(Out &o, size_t at, unsigned offset_size, const char *section) {
 
 // ------------------------------------------------------------ expressions
 
-// Re-points the code addresses (DW_OP_addr into .text) of the expression
-// p[0, len), in place.  Every operation's operands are passed over by its
-// kind; one this code does not know might hold an address, and ends the
-// run.
-void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offset_size, unsigned version,
-                      const char *section, size_t where, int depth = 0) {
+// Hands each code address (DW_OP_addr into .text) of the expression
+// p[0, len) to at(offset in p, address).  Every operation's operands are
+// passed over by its kind; one this code does not know might hold an
+// address, and ends the run.
+template <class At>
+void find_expression_addresses(const uint8_t *p, size_t len, unsigned addr_size, unsigned offset_size,
+                               unsigned version, const char *section, size_t where, At &&at, size_t from = 0,
+                               int depth = 0) {
   Cur c(p, len, section);
   // Compilers nest an entry value once; the limit keeps a damaged
   // expression from nesting the walk deeper than the stack goes.
@@ -294,10 +307,10 @@ void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offse
     }
     switch (op) {
     case DW_OP_addr: {
-      size_t at = c.pos;
+      size_t field = c.pos;
       uint64_t v = c.sized(addr_size);
       if (in_text(v & ~uint64_t(3)))
-        store_sized(p + at, map_byte(v), addr_size);
+        at(from + field, v);
       break;
     }
     case DW_OP_deref: case DW_OP_xderef: case DW_OP_nop: case DW_OP_push_object_address:
@@ -349,7 +362,8 @@ void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offse
     case DW_OP_entry_value: case DW_OP_GNU_entry_value: {
       uint64_t n = c.uleb();
       c.need(n);
-      patch_expression(p + c.pos, size_t(n), addr_size, offset_size, version, section, where, depth + 1);
+      find_expression_addresses(p + c.pos, size_t(n), addr_size, offset_size, version, section, where, at,
+                                from + c.pos, depth + 1);
       c.pos += n;
       break;
     }
@@ -362,6 +376,13 @@ void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offse
             option.program, section, where, op);
     }
   }
+}
+
+// Re-points the code addresses of the expression p[0, len) in place.
+void patch_expression(uint8_t *p, size_t len, unsigned addr_size, unsigned offset_size, unsigned version,
+                      const char *section, size_t where) {
+  find_expression_addresses(p, len, addr_size, offset_size, version, section, where,
+                            [&](size_t at, uint64_t v) { store_sized(p + at, map_byte(v), addr_size); });
 }
 
 // ------------------------------------------------------------ .debug_info
@@ -469,7 +490,7 @@ struct Die {
     uint64_t value;
   };
   std::vector<Addr> addrs;
-  bool have_data_high = false;
+  bool have_data_high = false, high_is_uleb = false;
   uint8_t *high_field = nullptr;
   unsigned high_size = 0;
   uint64_t high_value = 0;
@@ -477,8 +498,42 @@ struct Die {
   // Ready for the next entry; the vector keeps its storage.
   void clear() {
     addrs.clear();
-    have_data_high = false, high_field = nullptr, high_size = 0, high_value = 0, loc_ref = -1, views_ref = -1;
+    have_data_high = false, high_is_uleb = false, high_field = nullptr, high_size = 0, high_value = 0;
+    loc_ref = -1, views_ref = -1;
   }
+};
+
+// The entries are read before the layout and their code addresses patched
+// after it; in between, a large program's hundreds of thousands of places
+// are kept in few bytes each, and what the output's copy of the section
+// still holds there is read back.
+
+// A code address of .debug_info or .debug_types that the layout decides: a
+// pc, or a DW_OP_addr of an expression.  An end (a high pc, a return
+// address) goes with the byte before it.
+class AddrSite {
+public:
+  AddrSite(size_t offset, bool in_types, unsigned size, bool end)
+      : v_(uint64_t(offset) << 3 | (in_types ? 4 : 0) | (end ? 2 : 0) | (size == 8 ? 1 : 0)) {}
+  size_t offset() const { return size_t(v_ >> 3); }
+  bool in_types() const { return (v_ & 4) != 0; }
+  bool end() const { return (v_ & 2) != 0; }
+  unsigned size() const { return (v_ & 1) != 0 ? 8 : 4; }
+
+private:
+  uint64_t v_;
+};
+
+// The low and high pc of an entry, which describe one stretch of code
+// that the layout may have put in pieces.
+struct PcPair {
+  enum High : uint8_t { ADDRESS, LENGTH, ULEB_LENGTH }; // what the high pc holds
+  uint64_t die; // the entry's offset in its section
+  uint32_t unit;
+  uint32_t low_at, high_at; // the fields' offsets from the entry
+  uint8_t high_size, code_len;
+  High high;
+  bool first; // the unit's own entry
 };
 
 // One entry of a range or location list.
@@ -568,17 +623,22 @@ public:
   // The work on the second core writes into members: a run that ends
   // before collecting it waits for it before they go.
   ~DwarfUpdate() {
-    entries.reset();
     lines.reset();
+    loc_lists[1].reset();
+    loc_lists[0].reset();
+    patched.reset();
+    entries.reset();
   }
   DwarfUpdate(const DwarfUpdate &) = delete;
   DwarfUpdate &operator=(const DwarfUpdate &) = delete;
-  // Finds the sections and starts the work that needs nothing but the
-  // layout (the entries, the line programs) on the second core; false
-  // when there is nothing to update.  With `quiet` it starts nothing where
-  // the update would stop the run, so that the message comes in its turn:
-  // false then too.
+  // Finds the sections and starts reading the entries on the second core;
+  // false when there is nothing to update.  With `quiet` it starts nothing
+  // where the update would stop the run, so that the message comes in its
+  // turn: false then too.
   bool begin(bool quiet);
+  // Once the layout is known: the entries' code addresses and the
+  // location lists, on the second core.
+  void follow_layout();
   // The rest, in the update's turn.
   void finish();
 
@@ -608,10 +668,16 @@ private:
           v[out++] = v[i];
       v.resize(out);
     }
-    const uint64_t *find(const Sec *sec, uint64_t list) const {
+    // The lists are asked about in the order of their offsets: the search
+    // starts where the last one ended.
+    const uint64_t *find(const Sec *sec, uint64_t list, size_t *next) const {
       Item k{uintptr_t(sec), list, 0};
-      auto it = std::lower_bound(v.begin(), v.end(), k, before);
-      return it != v.end() && !before(k, *it) ? &it->views : nullptr;
+      size_t i = *next;
+      if (!(i <= v.size() && (i == v.size() || !before(v[i], k)) && (i == 0 || before(v[i - 1], k))))
+        i = size_t(std::lower_bound(v.begin(), v.end(), k, before) - v.begin());
+      bool found = i < v.size() && !before(k, v[i]);
+      *next = found ? i + 1 : i;
+      return found ? &v[i].views : nullptr;
     }
   } views_of;
   std::vector<Conversion> conversions;
@@ -621,31 +687,43 @@ private:
     std::vector<uint8_t> bytes;
   };
   std::vector<Rewritten> rewritten;
-  // The line programs, rewritten beside the entries and the lists (they
-  // read nothing else), and their new offsets by their old ones.
+  // The line programs, rewritten on the run's thread while the location
+  // lists are on the second core, and their new offsets by their old ones.
   std::unique_ptr<Background> lines;
   std::vector<uint8_t> line_bytes;
   Moves line_offsets;
-  // The entries of .debug_info and .debug_types, walked beside the updates
-  // of the other sections.
-  std::unique_ptr<Background> entries;
-  void walk_entries();
+  // The location lists of each DWARF version, rewritten on the second
+  // core (they need the entries read and the layout, nothing else).
+  std::unique_ptr<Background> loc_lists[2];
+  std::vector<Rewritten> loc_rewritten[2];
+  // The entries of .debug_info and .debug_types: read before the layout
+  // (what they hold and where), beside the checks and the layout, and
+  // their code addresses patched once the layout is known.
+  std::unique_ptr<Background> entries, patched;
+  std::vector<AddrSite> addr_sites;
+  std::vector<PcPair> pc_pairs;
+  void read_entries();
+  void patch_entries();
 
   void read_units(const Sec &s);
   const AbbrevTable &abbrev_table(uint64_t offset);
-  void walk_unit(size_t u);
-  void rewrite_lists(bool is_loc, bool v5);
-  void write_list(Out &o, const std::vector<Entry> &entries, std::vector<uint8_t> &pool, bool is_loc, bool v5,
-                  const Unit &u, const std::vector<std::pair<uint64_t, uint64_t>> *views, const char *section,
+  void read_unit(size_t u);
+  // Kept from one list to the next (one for each thread that rewrites
+  // lists): a list's entries, their expressions, pieces and view pairs.
+  struct ListScratch {
+    std::vector<Piece> pieces;
+    std::vector<size_t> piece_at;
+    std::vector<Entry> entries;
+    std::vector<uint8_t> exprs;
+    std::vector<std::pair<uint64_t, uint64_t>> views;
+  };
+  ListScratch range_scratch, loc_scratch;
+  void rewrite_lists(bool is_loc, bool v5, ListScratch &w, std::vector<Rewritten> *out);
+  void write_list(Out &o, ListScratch &w, bool is_loc, bool v5, const Unit &u, bool with_views, const char *section,
                   size_t where, uint64_t *list_at);
-  // Kept from one list or entry to the next: the pieces of a range, a
-  // list's entries, their expressions, pieces and view pairs.
-  std::vector<Piece> scratch_pieces, list_pieces;
+  // Kept from one range or entry to the next.
+  std::vector<Piece> scratch_pieces;
   Die die; // the entry being walked
-  std::vector<size_t> piece_at;
-  std::vector<Entry> list_entries;
-  std::vector<uint8_t> list_exprs;
-  std::vector<std::pair<uint64_t, uint64_t>> list_views;
   void rewrite_line();
   void rewrite_aranges();
   void write_abbrevs();
@@ -730,7 +808,7 @@ const AbbrevTable &DwarfUpdate::abbrev_table(uint64_t offset) {
   return kept;
 }
 
-void DwarfUpdate::walk_unit(size_t ui) {
+void DwarfUpdate::read_unit(size_t ui) {
   Unit &u = units[ui];
   const Sec &s = *u.sec;
   const AbbrevTable &t = abbrev_table(u.abbrev_offset);
@@ -777,7 +855,11 @@ void DwarfUpdate::walk_unit(size_t ui) {
       case DW_FORM_exprloc: {
         uint64_t n = c.uleb();
         c.need(n);
-        patch_expression(s.out + c.pos, size_t(n), u.addr_size, u.offset_size, u.version, s.name, c.pos);
+        size_t expr = c.pos;
+        bool in_types = &s == &types;
+        unsigned as = u.addr_size;
+        find_expression_addresses(s.in + c.pos, size_t(n), as, u.offset_size, u.version, s.name, c.pos,
+                                  [&](size_t off, uint64_t) { addr_sites.emplace_back(expr + off, in_types, as, false); });
         c.pos += n;
         continue;
       }
@@ -835,6 +917,7 @@ void DwarfUpdate::walk_unit(size_t ui) {
                  (form == DW_FORM_data1 || form == DW_FORM_data2 || form == DW_FORM_data4 ||
                   form == DW_FORM_data8 || form == DW_FORM_udata)) {
         d.have_data_high = true;
+        d.high_is_uleb = form == DW_FORM_udata;
         d.high_field = s.out + at;
         d.high_size = unsigned(c.pos - at);
         d.high_value = value;
@@ -857,7 +940,6 @@ void DwarfUpdate::walk_unit(size_t ui) {
         high = &x;
     }
     bool pair = low != nullptr && (high != nullptr || d.have_data_high);
-    auto put = [&](uint8_t *field, uint64_t v) { store_sized(field, v, u.addr_size); };
     if (first)
       u.base = low ? low->value : 0;
     for (const Die::Addr &x : d.addrs) {
@@ -865,7 +947,9 @@ void DwarfUpdate::walk_unit(size_t ui) {
         continue;
       bool is_end = x.attr == DW_AT_high_pc || x.attr == DW_AT_call_return_pc ||
                     (x.attr == DW_AT_low_pc && a.tag == kGnuCallSite);
-      put(x.field, is_end ? map_end(x.value) : map_byte(x.value));
+      // Only an address of .text (or just behind its end) changes.
+      if (is_end ? x.value != 0 && in_text((x.value - 1) & ~uint64_t(3)) : in_text(x.value & ~uint64_t(3)))
+        addr_sites.emplace_back(size_t(x.field - s.out), &s == &types, u.addr_size, is_end);
     }
     if (pair) {
       uint64_t lo = low->value;
@@ -874,37 +958,81 @@ void DwarfUpdate::walk_unit(size_t ui) {
         hi = uint32_t(hi);
       if (hi < lo)
         error("%s: section %s: the entry at offset %#zx ends before it starts", option.program, s.name, die_pos);
-      std::vector<Piece> &pieces = scratch_pieces;
-      pieces.clear();
-      map_range(lo, hi, &pieces);
-      if (pieces.size() == 1) {
-        put(low->field, pieces[0].new_lo);
-        if (high)
-          put(high->field, pieces[0].new_hi);
-      } else {
-        unsigned high_size = high ? u.addr_size : d.high_size;
-        if (high_size < u.offset_size)
-          error("%s: section %s: the code of the entry at offset %#zx now lies in pieces, and its %u-byte high pc "
-                "cannot hold the offset of a range list",
-                option.program, s.name, die_pos, high_size);
-        // A unit's low pc is the base of its lists: the new lists are
-        // written with absolute addresses.
-        put(low->field, first ? 0 : pieces[0].new_lo);
-        conversions.push_back(
-            {ui, die_pos, code, code_len, s.out + die_pos, high ? high->field : d.high_field, high_size, pieces});
-      }
+      uint8_t *high_field = high ? high->field : d.high_field;
+      // A code or a length that no compiler pads this far.
+      if (code_len > 255 || (!high && d.high_size > 255) || c.pos - die_pos > UINT32_MAX)
+        c.fail("an entry whose abbreviation code or high pc takes more than 255 bytes");
+      PcPair::High kind = high ? PcPair::ADDRESS : d.high_is_uleb ? PcPair::ULEB_LENGTH : PcPair::LENGTH;
+      pc_pairs.push_back({die_pos, uint32_t(ui), uint32_t(low->field - (s.out + die_pos)),
+                          uint32_t(high_field - (s.out + die_pos)), uint8_t(high ? u.addr_size : d.high_size),
+                          uint8_t(code_len), kind, first});
     }
     first = false;
   }
+}
+
+// Re-points the code addresses that the entries hold, and finds the entries
+// whose code now lies in pieces.
+void DwarfUpdate::patch_entries() {
+  for (const AddrSite &x : addr_sites) {
+    uint8_t *field = (x.in_types() ? types : info).out + x.offset();
+    uint64_t v = load_sized(field, x.size());
+    store_sized(field, x.end() ? map_end(v) : map_byte(v), x.size());
+  }
+  std::vector<AddrSite>().swap(addr_sites);
+  std::vector<Piece> &pieces = scratch_pieces;
+  for (const PcPair &p : pc_pairs) {
+    const Unit &u = units[p.unit];
+    uint8_t *entry = u.sec->out + p.die;
+    uint8_t *low_field = entry + p.low_at, *high_field = entry + p.high_at;
+    uint64_t lo = load_sized(low_field, u.addr_size), hi = 0;
+    if (p.high == PcPair::ADDRESS) {
+      hi = load_sized(high_field, u.addr_size);
+    } else {
+      uint64_t length = 0;
+      if (p.high == PcPair::LENGTH)
+        length = load_sized(high_field, p.high_size);
+      else
+        for (unsigned i = 0; i < p.high_size && i < 10; ++i)
+          length |= uint64_t(high_field[i] & 0x7f) << (7 * i);
+      hi = lo + length;
+    }
+    if (u.addr_size == 4)
+      hi = uint32_t(hi);
+    pieces.clear();
+    map_range(lo, hi, &pieces);
+    if (pieces.size() == 1) {
+      store_sized(low_field, pieces[0].new_lo, u.addr_size);
+      if (p.high == PcPair::ADDRESS)
+        store_sized(high_field, pieces[0].new_hi, u.addr_size);
+      continue;
+    }
+    if (p.high_size < u.offset_size)
+      error("%s: section %s: the code of the entry at offset %#zx now lies in pieces, and its %u-byte high pc "
+            "cannot hold the offset of a range list",
+            option.program, u.sec->name, p.die, unsigned(p.high_size));
+    // A unit's low pc is the base of its lists: the new lists are
+    // written with absolute addresses.
+    store_sized(low_field, p.first ? 0 : pieces[0].new_lo, u.addr_size);
+    uint64_t code = 0;
+    for (unsigned i = 0; i < p.code_len && i < 10; ++i)
+      code |= uint64_t(entry[i] & 0x7f) << (7 * i);
+    conversions.push_back({p.unit, size_t(p.die), code, p.code_len, entry, high_field, p.high_size, pieces});
+  }
+  std::vector<PcPair>().swap(pc_pairs);
 }
 
 // Writes entries (of the unit u) as one list, each with its own absolute
 // address, split into the pieces of its code.  When the list has a view
 // list, that goes in front, one pair per piece; *list_at gets the offset of
 // the list itself.
-void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vector<uint8_t> &pool, bool is_loc,
-                             bool v5, const Unit &u, const std::vector<std::pair<uint64_t, uint64_t>> *views,
+void DwarfUpdate::write_list(Out &o, ListScratch &w, bool is_loc, bool v5, const Unit &u, bool with_views,
                              const char *section, size_t where, uint64_t *list_at) {
+  const std::vector<Entry> &entries = w.entries;
+  std::vector<uint8_t> &pool = w.exprs;
+  const std::vector<std::pair<uint64_t, uint64_t>> *views = with_views ? &w.views : nullptr;
+  std::vector<Piece> &list_pieces = w.pieces;
+  std::vector<size_t> &piece_at = w.piece_at;
   // The pieces of entry i are list_pieces[piece_at[i], piece_at[i + 1]).
   list_pieces.clear();
   piece_at.assign(1, 0);
@@ -986,21 +1114,36 @@ void DwarfUpdate::write_list(Out &o, const std::vector<Entry> &entries, std::vec
 struct ListMoves {
   std::vector<std::pair<uint64_t, uint64_t>> v;
   void add(uint64_t from, uint64_t to) { v.push_back({from, to}); }
+  // The lists are written in the order of their old offsets: sorted
+  // already, but for damaged input.
   void sort() {
-    std::stable_sort(v.begin(), v.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+    auto before = [](const auto &a, const auto &b) { return a.first < b.first; };
+    if (!std::is_sorted(v.begin(), v.end(), before))
+      std::stable_sort(v.begin(), v.end(), before);
   }
-  const uint64_t *find(uint64_t from) const {
-    auto it = std::upper_bound(v.begin(), v.end(), from, [](uint64_t f, const auto &e) { return f < e.first; });
-    return it != v.begin() && std::prev(it)->first == from ? &std::prev(it)->second : nullptr;
+  // References come mostly in the order of the lists: the one behind the
+  // last found is tried first.
+  const uint64_t *find(uint64_t from, size_t *next) const {
+    size_t k = *next;
+    // The last of equal offsets counts.
+    if (!(k < v.size() && v[k].first == from && (k + 1 == v.size() || v[k + 1].first != from))) {
+      auto it = std::upper_bound(v.begin(), v.end(), from, [](uint64_t f, const auto &e) { return f < e.first; });
+      if (it == v.begin() || std::prev(it)->first != from)
+        return nullptr;
+      k = size_t(std::prev(it) - v.begin());
+    }
+    *next = k + 1;
+    return &v[k].second;
   }
 };
 
 void patch_refs(const std::vector<Ref> &refs, const std::vector<Unit> &units, bool v5, const ListMoves &moved,
                 const char *section, const char *what) {
+  size_t next = 0;
   for (const Ref &r : refs) {
     if ((units[r.unit].version >= 5) != v5)
       continue;
-    const uint64_t *to = moved.find(r.value);
+    const uint64_t *to = moved.find(r.value, &next);
     if (to == nullptr)
       error("%s: section %s: %s at offset %#llx of %s is not where a list begins", option.program,
             units[r.unit].sec->name, what, (unsigned long long)r.value, section);
@@ -1008,7 +1151,7 @@ void patch_refs(const std::vector<Ref> &refs, const std::vector<Unit> &units, bo
   }
 }
 
-void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
+void DwarfUpdate::rewrite_lists(bool is_loc, bool v5, ListScratch &w, std::vector<Rewritten> *out) {
   Sec &s = is_loc ? (v5 ? loclists : loc) : (v5 ? rnglists : ranges);
   const char *name = is_loc ? (v5 ? ".debug_loclists" : ".debug_loc") : (v5 ? ".debug_rnglists" : ".debug_ranges");
   const std::vector<Ref> &list_refs = refs[is_loc ? REF_LOC : REF_RANGES];
@@ -1019,7 +1162,8 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   for (size_t i = 0; i < list_refs.size(); ++i)
     if ((units[list_refs[i].unit].version >= 5) == v5)
       lists.push_back({list_refs[i].value, i});
-  std::sort(lists.begin(), lists.end());
+  if (!std::is_sorted(lists.begin(), lists.end())) // they are, in a unit's entries
+    std::sort(lists.begin(), lists.end());
   size_t clash = SIZE_MAX;
   size_t unique = 0;
   for (size_t i = 0; i < lists.size(); ++i) {
@@ -1079,15 +1223,18 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     bool has_views;
   };
   std::vector<Block> blocks;
+  size_t next_views = 0;
   for (auto [offset, unit] : lists) {
-    const uint64_t *v = views_of.find(&s, offset);
+    const uint64_t *v = views_of.find(&s, offset, &next_views);
     bool has_views = v != nullptr;
     if (has_views && *v > offset)
       error("%s: section %s: the location views at offset %#llx lie behind their list", option.program, name,
             (unsigned long long)*v);
     blocks.push_back({has_views ? *v : offset, offset, unit, has_views});
   }
-  std::sort(blocks.begin(), blocks.end(), [](const Block &a, const Block &b) { return a.start < b.start; });
+  auto starts_before = [](const Block &a, const Block &b) { return a.start < b.start; };
+  if (!std::is_sorted(blocks.begin(), blocks.end(), starts_before))
+    std::sort(blocks.begin(), blocks.end(), starts_before);
   std::vector<std::pair<uint64_t, size_t>>().swap(lists); // the blocks say it all now
 
   Out o;
@@ -1136,7 +1283,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
       error("%s: section %s: a list at offset %#llx lies past the end of its table", option.program, name,
             (unsigned long long)b.list);
     Cur c(s.in, end, name);
-    std::vector<std::pair<uint64_t, uint64_t>> &views = list_views;
+    std::vector<std::pair<uint64_t, uint64_t>> &views = w.views;
     views.clear();
     c.pos = size_t(b.start);
     while (c.pos < b.list) {
@@ -1145,12 +1292,11 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
     }
     if (c.pos != b.list)
       c.fail("location views that run into their list");
-    read_list(c, is_loc, v5, u.addr_size, u.base, &list_entries, &list_exprs);
+    read_list(c, is_loc, v5, u.addr_size, u.base, &w.entries, &w.exprs);
     if (b.has_views)
       moved_views.add(b.start, o.size());
     uint64_t at = 0;
-    write_list(o, list_entries, list_exprs, is_loc, v5, u, b.has_views ? &views : nullptr, name, size_t(b.list),
-               &at);
+    write_list(o, w, is_loc, v5, u, b.has_views, name, size_t(b.list), &at);
     moved.add(b.list, at);
   }
   // The range lists of the entries whose code came apart (in a table of
@@ -1163,12 +1309,12 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
       t->addr_size = u.addr_size, t->offset_size = u.offset_size;
       open_table(t);
     }
-    list_entries.clear();
-    list_exprs.clear();
+    w.entries.clear();
+    w.exprs.clear();
     for (const Piece &p : cv->pieces)
-      list_entries.push_back(Entry{false, p.old_lo, p.old_hi, 0, 0, false, 0, 0});
+      w.entries.push_back(Entry{false, p.old_lo, p.old_hi, 0, 0, false, 0, 0});
     uint64_t at = 0;
-    write_list(o, list_entries, list_exprs, false, v5, u, nullptr, name, cv->die, &at);
+    write_list(o, w, false, v5, u, false, name, cv->die, &at);
     cv->list_offset = at;
   }
   close_table();
@@ -1177,7 +1323,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5) {
   patch_refs(list_refs, units, v5, moved, name, is_loc ? "a location list" : "a range list");
   if (is_loc)
     patch_refs(refs[REF_VIEWS], units, v5, moved_views, name, "a location view list");
-  rewritten.push_back({name, s.present() ? s.type : info.type, o.take()});
+  out->push_back({name, s.present() ? s.type : info.type, o.take()});
 }
 
 void DwarfUpdate::rewrite_line() {
@@ -1454,15 +1600,23 @@ bool DwarfUpdate::begin(bool quiet) {
   macro = dwarf_section(".debug_macro", quiet, &ok);
   if (!ok)
     return false;
-  entries = std::make_unique<Background>([this] { walk_entries(); });
-  if (line.present())
-    lines = std::make_unique<Background>([this] {
-      line_bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &line_offsets);
-    });
+  entries = std::make_unique<Background>([this] { read_entries(); });
   return true;
 }
 
-void DwarfUpdate::walk_entries() {
+void DwarfUpdate::follow_layout() {
+  find_breaks();
+  // Queued behind the reading of the entries, which it finishes.
+  patched = std::make_unique<Background>([this] { patch_entries(); });
+  for (bool v5 : {false, true})
+    loc_lists[v5] = std::make_unique<Background>([this, v5] {
+      rewrite_lists(true, v5, loc_scratch, &loc_rewritten[v5]);
+      const Sec &s = v5 ? loclists : loc;
+      release_input_pages(s.in, s.size);
+    });
+}
+
+void DwarfUpdate::read_entries() {
   if (info.present())
     read_units(info);
   if (types.present())
@@ -1471,7 +1625,7 @@ void DwarfUpdate::walk_entries() {
   // rewritten sections and the patched copies take its place.
   DropBehind info_read(info);
   for (size_t i = 0; i < units.size(); ++i) {
-    walk_unit(i);
+    read_unit(i);
     if (units[i].sec == &info)
       info_read.reached(units[i].end);
   }
@@ -1481,17 +1635,32 @@ void DwarfUpdate::walk_entries() {
 }
 
 void DwarfUpdate::finish() {
-  entries->collect();
+  if (patched == nullptr)
+    follow_layout();
+  // The patching went through what the reading found before it failed, if
+  // it did: an entry that could not keep its range, in front of the one
+  // that failed, is reported first.
+  // Of the input, only the lists and line programs are read from here on,
+  // once each.
   release_input_pages();
+  if (line.present())
+    lines = std::make_unique<Background>(Background::Now{}, [this] {
+      line_bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &line_offsets);
+      release_input_pages(line.in, line.size);
+    });
+  entries->wait();
+  patched->collect();
+  entries->collect();
   for (bool v5 : {false, true}) {
-    rewrite_lists(false, v5);
-    rewrite_lists(true, v5);
+    rewrite_lists(false, v5, range_scratch, &rewritten);
+    const Sec &s = v5 ? rnglists : ranges;
+    release_input_pages(s.in, s.size);
+    loc_lists[v5]->collect();
+    for (Rewritten &r : loc_rewritten[v5])
+      rewritten.push_back(std::move(r));
   }
-  for (const Sec *s : {&rnglists, &ranges, &loclists, &loc})
-    release_input_pages(s->in, s->size);
   write_abbrevs();
   rewrite_line();
-  release_input_pages(line.in, line.size);
   rewrite_aranges();
   for (Rewritten &r : rewritten)
     bin.is_elf32 ? place_section<Elf32Class>(r.name, r.type, r.bytes)
@@ -1510,12 +1679,11 @@ bool dwarf_follows_layout() {
 
 namespace {
 
-// An update begun right after the layout, finished in its turn.  The
-// layout's breaks hold for this run only: forgotten once the update's
-// work is over.
+// An update begun before the layout, finished in its turn.  The layout's
+// breaks hold for this run only: forgotten once the update's work is over.
 struct Begun {
   std::unique_ptr<DwarfUpdate> update = std::make_unique<DwarfUpdate>();
-  Begun() { find_breaks(); }
+  Begun() = default;
   ~Begun() {
     update.reset();
     breaks = Breaks{};
@@ -1539,6 +1707,11 @@ void start_dwarf_update() {
   auto begun = std::make_shared<Begun>();
   if (begun->update->begin(true))
     bin.dwarf_update = begun;
+}
+
+void continue_dwarf_update() {
+  if (bin.dwarf_update != nullptr)
+    std::static_pointer_cast<Begun>(bin.dwarf_update)->update->follow_layout();
 }
 
 void update_dwarf() {

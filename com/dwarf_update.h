@@ -26,11 +26,14 @@ bool dwarf_follows_layout();
 // scopes whose code the layout tore apart a range list.  A section that
 // grows is written anew at the end of the file.
 void update_dwarf();
-// Run step, right after the layout: begins the update with what needs
-// nothing but the layout (the entries of .debug_info, the line programs),
-// on the second core beside the updates of the other sections.
-// update_dwarf finishes it in its turn; without this step it does it all.
+// Run step, before the layout: begins the update by reading the entries
+// of .debug_info on the second core, beside the checks and the layout.
 void start_dwarf_update();
+// Run step, right after the layout: goes on with what needs nothing but
+// the layout (the entries' code addresses, the location lists), on the
+// second core beside the updates of the other sections.  update_dwarf
+// finishes the update in its turn; without these steps it does it all.
+void continue_dwarf_update();
 
 namespace dwarf_update {
 

@@ -191,6 +191,9 @@ const Recipe kRecipes[] = {
   {"DWARF address range table version", "o32d", [](Victim &v) { v.put(v.at(".debug_aranges", 4), 2, 9); }, "section .debug_aranges is damaged"},
   {"DWARF range list offset array", "n64", [](Victim &v) { v.put32(".debug_rnglists", 8, 1); }, "a table with an offset array"},
   {"DWARF lists and line programs damaged: the lists come first", "o32d", [](Victim &v) { v.put32(".debug_rnglists", 8, 1), v.put(v.at(".debug_line", 4), 2, 1); }, "a table with an offset array"},
+  {"DWARF location list offset array", "n64", [](Victim &v) { v.put32(".debug_loclists", 8, 1); }, ".debug_loclists is damaged: a table with an offset array"},
+  {"DWARF range and location lists damaged: the range lists come first", "o32d", [](Victim &v) { v.put32(".debug_loclists", 8, 1), v.put32(".debug_rnglists", 8, 1); }, ".debug_rnglists is damaged"},
+  {"DWARF location lists and line programs damaged: the location lists come first", "o32d", [](Victim &v) { v.put32(".debug_loclists", 8, 1), v.put(v.at(".debug_line", 4), 2, 1); }, ".debug_loclists is damaged"},
   // feedback files
   {"feedback version 3", "n64", [](Victim &v) { v.feedback("$magic 1\n$version 3\n$start\n"); }, "invalid version"},
   {"feedback without a version", "o32m", [](Victim &v) { v.feedback("$magic 1\n$start\nmain calc.c 3\n"); }, "invalid version"},

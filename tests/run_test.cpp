@@ -183,9 +183,17 @@ TEST(Refusals, WorkBesideTheRunKeepsItsTurn) {
     EXPECT_EQ(read, 1);
     warning("after the wait");
     EXPECT_THROW(failing.collect(), Fatal);
+    // Work done at once, ahead of its turn, keeps its turn all the same.
+    int early = 0;
+    Background ahead(Background::Now{}, [&] { early = 1, warning("done ahead"), error("ahead failed"); });
+    EXPECT_EQ(early, 1);
+    warning("its turn comes");
+    EXPECT_THROW(ahead.collect(), Fatal);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: from the run.\nWarning: from the task.\n"
                                                        "Warning: the run goes on.\nWarning: after the wait.\n"
-                                                       "Warning: before.\nError: the task failed.\n");
+                                                       "Warning: before.\nError: the task failed.\n"
+                                                       "Warning: its turn comes.\nWarning: done ahead.\n"
+                                                       "Error: ahead failed.\n");
   }
   Background::run_in_turn(false);
 }

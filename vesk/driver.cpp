@@ -131,6 +131,7 @@ void reorder_it() {
   release_input_pages(); // of what reading the input touched, the rewrite reads only some again
   duplicate_elf();
   prepare_new_text();
+  start_dwarf_update(); // on the second core, beside the checks and the layout
   read_gp_ranges(); // which GOT the code of a program with several reads
   verify_proc();
   check_branch_out_of_procedure();
@@ -148,7 +149,7 @@ void reorder_it() {
   bool has_events = !is_o32() && has_event_sections(bin.in_elf);
   if (!is_o32() && !has_events)
     refuse_unrepairable_moves();
-  start_dwarf_update(); // on the second core, beside the updates below
+  continue_dwarf_update(); // on the second core, beside the updates below
   if (bin.debug_kind == DEBUG_DWARF)
     build_xlate_table(order); // likewise
   update_elf_header();
