@@ -505,8 +505,10 @@ struct Die {
 
 // The entries are read before the layout and their code addresses patched
 // after it; in between, a large program's hundreds of thousands of places
-// are kept in few bytes each, and what the output's copy of the section
-// still holds there is read back.
+// are kept in few bytes each, and what the input holds there is read back.
+// (Not from the output's copy: a page of it read before it is written
+// would be copied on the write while the other core may hold it, which
+// costs the machine a cross-core interruption every page.)
 
 // A code address of .debug_info or .debug_types that the layout decides: a
 // pc, or a DW_OP_addr of an expression.  An end (a high pc, a return
@@ -975,26 +977,27 @@ void DwarfUpdate::read_unit(size_t ui) {
 // whose code now lies in pieces.
 void DwarfUpdate::patch_entries() {
   for (const AddrSite &x : addr_sites) {
-    uint8_t *field = (x.in_types() ? types : info).out + x.offset();
-    uint64_t v = load_sized(field, x.size());
-    store_sized(field, x.end() ? map_end(v) : map_byte(v), x.size());
+    const Sec &s = x.in_types() ? types : info;
+    uint64_t v = load_sized(s.in + x.offset(), x.size());
+    store_sized(s.out + x.offset(), x.end() ? map_end(v) : map_byte(v), x.size());
   }
   std::vector<AddrSite>().swap(addr_sites);
   std::vector<Piece> &pieces = scratch_pieces;
   for (const PcPair &p : pc_pairs) {
     const Unit &u = units[p.unit];
+    const uint8_t *in = u.sec->in + p.die;
     uint8_t *entry = u.sec->out + p.die;
     uint8_t *low_field = entry + p.low_at, *high_field = entry + p.high_at;
-    uint64_t lo = load_sized(low_field, u.addr_size), hi = 0;
+    uint64_t lo = load_sized(in + p.low_at, u.addr_size), hi = 0;
     if (p.high == PcPair::ADDRESS) {
-      hi = load_sized(high_field, u.addr_size);
+      hi = load_sized(in + p.high_at, u.addr_size);
     } else {
       uint64_t length = 0;
       if (p.high == PcPair::LENGTH)
-        length = load_sized(high_field, p.high_size);
+        length = load_sized(in + p.high_at, p.high_size);
       else
         for (unsigned i = 0; i < p.high_size && i < 10; ++i)
-          length |= uint64_t(high_field[i] & 0x7f) << (7 * i);
+          length |= uint64_t(in[p.high_at + i] & 0x7f) << (7 * i);
       hi = lo + length;
     }
     if (u.addr_size == 4)
@@ -1016,7 +1019,7 @@ void DwarfUpdate::patch_entries() {
     store_sized(low_field, p.first ? 0 : pieces[0].new_lo, u.addr_size);
     uint64_t code = 0;
     for (unsigned i = 0; i < p.code_len && i < 10; ++i)
-      code |= uint64_t(entry[i] & 0x7f) << (7 * i);
+      code |= uint64_t(in[i] & 0x7f) << (7 * i);
     conversions.push_back({p.unit, size_t(p.die), code, p.code_len, entry, high_field, p.high_size, pieces});
   }
   std::vector<PcPair>().swap(pc_pairs);
