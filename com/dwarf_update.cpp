@@ -976,15 +976,27 @@ void DwarfUpdate::read_unit(size_t ui) {
 // Re-points the code addresses that the entries hold, and finds the entries
 // whose code now lies in pieces.
 void DwarfUpdate::patch_entries() {
-  for (const AddrSite &x : addr_sites) {
+  // One pass through each section, the places and the pairs taken in the
+  // order they lie in it, the input's pages dropped behind it.
+  DropBehind info_read(info), types_read(types);
+  auto patch_site = [&](const AddrSite &x) {
     const Sec &s = x.in_types() ? types : info;
     uint64_t v = load_sized(s.in + x.offset(), x.size());
     store_sized(s.out + x.offset(), x.end() ? map_end(v) : map_byte(v), x.size());
-  }
-  std::vector<AddrSite>().swap(addr_sites);
+    (x.in_types() ? types_read : info_read).reached(x.offset());
+  };
   std::vector<Piece> &pieces = scratch_pieces;
+  size_t next_site = 0;
   for (const PcPair &p : pc_pairs) {
     const Unit &u = units[p.unit];
+    bool in_types = u.sec == &types;
+    for (; next_site < addr_sites.size(); ++next_site) {
+      const AddrSite &x = addr_sites[next_site];
+      if (x.in_types() > in_types || (x.in_types() == in_types && x.offset() > p.die))
+        break;
+      patch_site(x);
+    }
+    (in_types ? types_read : info_read).reached(p.die);
     const uint8_t *in = u.sec->in + p.die;
     uint8_t *entry = u.sec->out + p.die;
     uint8_t *low_field = entry + p.low_at, *high_field = entry + p.high_at;
@@ -1022,7 +1034,12 @@ void DwarfUpdate::patch_entries() {
       code |= uint64_t(in[i] & 0x7f) << (7 * i);
     conversions.push_back({p.unit, size_t(p.die), code, p.code_len, entry, high_field, p.high_size, pieces});
   }
+  for (; next_site < addr_sites.size(); ++next_site)
+    patch_site(addr_sites[next_site]);
+  std::vector<AddrSite>().swap(addr_sites);
   std::vector<PcPair>().swap(pc_pairs);
+  release_input_pages(info.in, info.size);
+  release_input_pages(types.in, types.size);
 }
 
 // Writes entries (of the unit u) as one list, each with its own absolute

@@ -386,10 +386,10 @@ void build_xlate_table(const std::vector<Proc *> &order) {
   if (Proc *first = bin.procs.order_head; first != nullptr && in_text(first->old_addr))
     first_new = text_map_of(first->old_addr);
   bin.xlate_pieces.clear();
-  // Made here and now, while the second core rewrites the DWARF; its
-  // messages wait for the table's turn.
+  // On the second core, behind the DWARF's lists: made here, it would set
+  // the run's peak beside them.
   bin.xlate_task = std::make_unique<Background>(
-      Background::Now{}, [moved, first_new] { bin.xlate_pieces = make_xlate_table(*moved, first_new); });
+      [moved, first_new] { bin.xlate_pieces = make_xlate_table(*moved, first_new); });
 }
 
 void add_xlate_section() {

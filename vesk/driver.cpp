@@ -151,7 +151,7 @@ void reorder_it() {
     refuse_unrepairable_moves();
   continue_dwarf_update(); // on the second core, beside the updates below
   if (bin.debug_kind == DEBUG_DWARF)
-    build_xlate_table(order); // on this thread meanwhile
+    build_xlate_table(order); // likewise
   update_elf_header();
   update_dynamic();
   update_got();
