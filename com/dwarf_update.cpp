@@ -628,7 +628,6 @@ public:
     lines.reset();
     loc_lists[1].reset();
     loc_lists[0].reset();
-    patched.reset();
     entries.reset();
   }
   DwarfUpdate(const DwarfUpdate &) = delete;
@@ -638,8 +637,7 @@ public:
   // where the update would stop the run, so that the message comes in its
   // turn: false then too.
   bool begin(bool quiet);
-  // Once the layout is known: the entries' code addresses and the
-  // location lists, on the second core.
+  // Once the layout is known: the location lists, on the second core.
   void follow_layout();
   // The rest, in the update's turn.
   void finish();
@@ -698,10 +696,11 @@ private:
   // core (they need the entries read and the layout, nothing else).
   std::unique_ptr<Background> loc_lists[2];
   std::vector<Rewritten> loc_rewritten[2];
-  // The entries of .debug_info and .debug_types: read before the layout
-  // (what they hold and where), beside the checks and the layout, and
-  // their code addresses patched once the layout is known.
-  std::unique_ptr<Background> entries, patched;
+  // The entries of .debug_info and .debug_types: read on the second core
+  // before the layout (what they hold and where), beside the checks and
+  // the layout; their code addresses are patched in the update's turn.
+  std::unique_ptr<Background> entries;
+  bool following = false; // follow_layout has begun the work
   std::vector<AddrSite> addr_sites;
   std::vector<PcPair> pc_pairs;
   void read_entries();
@@ -1625,9 +1624,10 @@ bool DwarfUpdate::begin(bool quiet) {
 }
 
 void DwarfUpdate::follow_layout() {
+  following = true;
   find_breaks();
-  // Queued behind the reading of the entries, which it finishes.
-  patched = std::make_unique<Background>([this] { patch_entries(); });
+  // Queued behind the reading of the entries, whose references they
+  // follow.
   for (bool v5 : {false, true})
     loc_lists[v5] = std::make_unique<Background>([this, v5] {
       rewrite_lists(true, v5, loc_scratch, &loc_rewritten[v5]);
@@ -1655,11 +1655,8 @@ void DwarfUpdate::read_entries() {
 }
 
 void DwarfUpdate::finish() {
-  if (patched == nullptr)
+  if (!following)
     follow_layout();
-  // The patching went through what the reading found before it failed, if
-  // it did: an entry that could not keep its range, in front of the one
-  // that failed, is reported first.
   // Of the input, only the lists and line programs are read from here on,
   // once each.
   release_input_pages();
@@ -1668,8 +1665,11 @@ void DwarfUpdate::finish() {
       line_bytes = rewrite_line_programs(line.in, line.size, bin.is_elf32 ? 4 : 8, &line_offsets);
       release_input_pages(line.in, line.size);
     });
+  // The patching goes through what the reading found before it failed, if
+  // it did: an entry that could not keep its range, in front of the one
+  // that failed, is reported first.
   entries->wait();
-  patched->collect();
+  patch_entries();
   entries->collect();
   for (bool v5 : {false, true}) {
     rewrite_lists(false, v5, range_scratch, &rewritten);

@@ -30,9 +30,9 @@ void update_dwarf();
 // of .debug_info on the second core, beside the checks and the layout.
 void start_dwarf_update();
 // Run step, right after the layout: goes on with what needs nothing but
-// the layout (the entries' code addresses, the location lists), on the
-// second core beside the updates of the other sections.  update_dwarf
-// finishes the update in its turn; without these steps it does it all.
+// the layout and the entries read (the location lists), on the second
+// core beside the updates of the other sections.  update_dwarf finishes
+// the update in its turn; without these steps it does it all.
 void continue_dwarf_update();
 
 namespace dwarf_update {
