@@ -63,10 +63,8 @@ class Out {
 public:
   size_t size() const { return n_; }
   uint8_t *data() { return b_.data(); }
-  void reserve(size_t k) {
-    if (b_.size() < k)
-      b_.resize(k);
-  }
+  // Room for k bytes, taken by the pages as they are written.
+  void reserve(size_t k) { b_.reserve(k); }
   void u8(uint64_t v) { *room(1) = uint8_t(v); }
   void u16(uint64_t v) { sized(v, 2); }
   void u32(uint64_t v) { sized(v, 4); }
