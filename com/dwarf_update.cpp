@@ -486,19 +486,19 @@ bool is_pc_attr(uint64_t attr) {
 struct Die {
   struct Addr {
     uint64_t attr;
-    uint8_t *field;
+    size_t at; // the field's offset in the section
     uint64_t value;
   };
   std::vector<Addr> addrs;
   bool have_data_high = false, high_is_uleb = false;
-  uint8_t *high_field = nullptr;
+  size_t high_at = 0;
   unsigned high_size = 0;
   uint64_t high_value = 0;
   long loc_ref = -1, views_ref = -1;
   // Ready for the next entry; the vector keeps its storage.
   void clear() {
     addrs.clear();
-    have_data_high = false, high_is_uleb = false, high_field = nullptr, high_size = 0, high_value = 0;
+    have_data_high = false, high_is_uleb = false, high_at = 0, high_size = 0, high_value = 0;
     loc_ref = -1, views_ref = -1;
   }
 };
@@ -840,7 +840,7 @@ void DwarfUpdate::read_unit(size_t ui) {
       uint64_t value = 0;
       switch (form) {
       case DW_FORM_addr:
-        d.addrs.push_back({spec.attr, s.out + at, c.sized(u.addr_size)});
+        d.addrs.push_back({spec.attr, at, c.sized(u.addr_size)});
         continue;
       case DW_FORM_addrx: case DW_FORM_GNU_addr_index: case DW_FORM_addrx1: case DW_FORM_addrx2:
       case DW_FORM_addrx3: case DW_FORM_addrx4:
@@ -919,7 +919,7 @@ void DwarfUpdate::read_unit(size_t ui) {
                   form == DW_FORM_data8 || form == DW_FORM_udata)) {
         d.have_data_high = true;
         d.high_is_uleb = form == DW_FORM_udata;
-        d.high_field = s.out + at;
+        d.high_at = at;
         d.high_size = unsigned(c.pos - at);
         d.high_value = value;
       }
@@ -950,7 +950,7 @@ void DwarfUpdate::read_unit(size_t ui) {
                     (x.attr == DW_AT_low_pc && a.tag == kGnuCallSite);
       // Only an address of .text (or just behind its end) changes.
       if (is_end ? x.value != 0 && in_text((x.value - 1) & ~uint64_t(3)) : in_text(x.value & ~uint64_t(3)))
-        addr_sites.emplace_back(size_t(x.field - s.out), &s == &types, u.addr_size, is_end);
+        addr_sites.emplace_back(x.at, &s == &types, u.addr_size, is_end);
     }
     if (pair) {
       uint64_t lo = low->value;
@@ -959,13 +959,12 @@ void DwarfUpdate::read_unit(size_t ui) {
         hi = uint32_t(hi);
       if (hi < lo)
         error("%s: section %s: the entry at offset %#zx ends before it starts", option.program, s.name, die_pos);
-      uint8_t *high_field = high ? high->field : d.high_field;
       // A code or a length that no compiler pads this far.
       if (code_len > 255 || (!high && d.high_size > 255) || c.pos - die_pos > UINT32_MAX)
         c.fail("an entry whose abbreviation code or high pc takes more than 255 bytes");
       PcPair::High kind = high ? PcPair::ADDRESS : d.high_is_uleb ? PcPair::ULEB_LENGTH : PcPair::LENGTH;
-      pc_pairs.push_back({die_pos, uint32_t(ui), uint32_t(low->field - (s.out + die_pos)),
-                          uint32_t(high_field - (s.out + die_pos)), uint8_t(high ? u.addr_size : d.high_size),
+      pc_pairs.push_back({die_pos, uint32_t(ui), uint32_t(low->at - die_pos),
+                          uint32_t((high ? high->at : d.high_at) - die_pos), uint8_t(high ? u.addr_size : d.high_size),
                           uint8_t(code_len), kind, first});
     }
     first = false;
