@@ -119,6 +119,9 @@ struct Bin {
   // The output .text's pages made fresh on the second core before the
   // layout writes them (end_run waits for it before the image goes).
   std::unique_ptr<Background> fresh_text;
+  // The feedback files read beside the discovery (their reader's own
+  // type; end_run waits for the reading).
+  std::shared_ptr<void> feedback_reading;
   // The DWARF update begun beside the other updates (its own type, known
   // to the update only; end_run waits for its work).
   std::shared_ptr<void> dwarf_update;

@@ -22,6 +22,7 @@ Options option;
 void end_run() {
   // Work on the second core reads the input and the layout.
   bin.dwarf_update.reset();
+  bin.feedback_reading.reset();
   bin.xlate_task.reset();
   bin.fresh_text.reset();
   if (bin.in_elf != nullptr)

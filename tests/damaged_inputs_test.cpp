@@ -206,6 +206,8 @@ const Recipe kRecipes[] = {
   {"feedback is a directory", "n64", [](Victim &v) { v.args.push_back("fbdir"), mkdir((v.dir / "fbdir").c_str(), 0755), v.named = "fbdir"; }, "is not a regular file"},
   {"feedback is a FIFO", "n64", [](Victim &v) { v.args.push_back("fifo"), mkfifo((v.dir / "fifo").c_str(), 0644), v.named = "fifo"; }, "is not a regular file"},
   {"feedback missing", "o32m", [](Victim &v) { v.args.push_back("nofb"), v.named = "nofb"; }, "cannot read reorder file"},
+  {"feedback missing, program damaged: the program comes first", "o32m", [](Victim &v) { v.pdr0(offsetof(Pdr, isym), kHuge), v.args.push_back("nofb"); }, "has no symbol"},
+  {"two feedback files damaged: the last, read first, comes first", "o32m", [](Victim &v) { write_file(v.dir / "a.fb", "$magic 1\n$version 3\n$start\n"), v.feedback("$magic 1\n$start\n"), v.args = {"prog", "a.fb", "prog.fb", "-o", "out"}; }, "invalid version"},
   // command lines
   {"input is a directory", "n64", [](Victim &v) { v.args = {"sub", "prog.fb", "-o", "out"}, mkdir((v.dir / "sub").c_str(), 0755), v.named = "sub"; }, "is not a regular file"},
   {"input is a FIFO", "n64", [](Victim &v) { v.args = {"pipe", "prog.fb", "-o", "out"}, mkfifo((v.dir / "pipe").c_str(), 0644), v.named = "pipe"; }, "is not a regular file"},

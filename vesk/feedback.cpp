@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <sys/stat.h>
 #include <vector>
 
+#include "base/background.h"
 #include "base/bin.h"
 #include "base/diag.h"
 #include "vesk/options.h"
@@ -148,46 +150,57 @@ void read_header_line(const char *path, const char *line, HeaderState &h) {
   }
 }
 
-// The fields of a body line.  A line with fewer fields leaves the missing
-// ones as the line before left them.
-struct BodyFields {
-  char name[NAME_BUF] = "";
-  char file[NAME_BUF] = "";
-  uint32_t count = 0;
+// A feedback file as read: the lines of its body in order, their words
+// kept in one block of characters (each ending in a zero).
+struct FeedbackText {
+  struct Line {
+    size_t name = 0, file = 0; // offsets into chars
+    size_t key = 0;            // the file name to look the procedure up under
+    size_t number = 0;         // the count's word, for the message of one out of range
+    size_t hash = 0;
+    uint32_t count = 0;
+    bool count_too_large = false;
+  };
+  std::vector<char> chars;
+  std::vector<Line> lines;
+  bool directive_after_start = false;
+
+  size_t keep(const char *word) {
+    size_t at = chars.size();
+    chars.insert(chars.end(), word, word + std::strlen(word) + 1);
+    return at;
+  }
+  const char *at(size_t offset) const { return chars.data() + offset; }
 };
 
-// A body line as read, before its procedure is looked up.
-struct BodyLine {
-  BodyFields fields;
-  bool count_too_large = false;
-  char number[NUMBER_BUF] = "";
-  const char *file = nullptr; // the file name to look the procedure up under
-  size_t hash = 0;
-};
-
-// Reads a line into b; the fields the line lacks are those of the line
-// before.
-void read_body_line(const char *line, const BodyFields &before, BodyLine &b) {
-  BodyFields &f = b.fields;
-  f.count = before.count;
+// Reads a body line into b; the fields the line lacks are those of the
+// line before.
+void read_body_line(const char *line, const FeedbackText::Line &before, FeedbackText &text,
+                    FeedbackText::Line &b) {
+  char word[NAME_BUF];
   const char *s = line;
-  bool name = next_word(s, f.name, sizeof f.name);
-  bool file = name && next_word(s, f.file, sizeof f.file);
-  if (!name)
-    std::strcpy(f.name, before.name);
-  if (!file)
-    std::strcpy(f.file, before.file);
-  b.count_too_large =
-      file && next_word(s, b.number, sizeof b.number) && parse_unsigned(b.number, 10, f.count) == Parsed::too_large;
+  b = before;
+  b.count_too_large = false;
+  bool name = next_word(s, word, sizeof word);
+  if (name)
+    b.name = text.keep(word);
+  bool file = name && next_word(s, word, sizeof word);
+  if (file) {
+    b.file = text.keep(word);
+    // DWARF keeps compilation-unit names without their directories.
+    b.key = bin.debug_kind == DEBUG_DWARF ? b.file + size_t(basename(word) - word) : b.file;
+  }
+  char number[NUMBER_BUF];
+  if (file && next_word(s, number, sizeof number) &&
+      parse_unsigned(number, 10, b.count) == Parsed::too_large) {
+    b.count_too_large = true;
+    b.number = text.keep(number);
+  }
 }
 
-constexpr int32_t IN_EARLIER = 1;
-constexpr int32_t IN_LATER = 2;
-constexpr int32_t TAKEN = 4; // already in the merged list
-
-} // namespace
-
-int read_reorder_file(const char *path, ProcMapEntry *list) {
+// Reads a feedback file whole: its header is checked (a fault in it ends
+// the run), its body lines are kept for the lookups.
+void read_feedback_text(const char *path, FeedbackText &text) {
   // Opening a FIFO would wait for a writer, and a directory reads as empty.
   struct stat st;
   if (stat(path, &st) == 0 && !S_ISREG(st.st_mode))
@@ -196,7 +209,6 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
   FILE *f = file.get();
   if (f == nullptr)
     error("cannot read reorder file %s", path);
-  clear_proc_flag();
 
   char line[LINE_BUF];
   HeaderState header;
@@ -210,61 +222,88 @@ int read_reorder_file(const char *path, ProcMapEntry *list) {
   if (header.version != 2)
     error("%s: invalid version; a feedback file has $version 2", path);
 
-  // Each record is listed at most once per file: a found record is marked
-  // listed, and listed records are not found again.
-  //
-  // The lines are read a batch at a time and then looked up in order: the
-  // names of a feedback file come in no order the table's memory follows,
-  // and knowing the names a few lines ahead lets the index, the records
-  // and their names be fetched before their lookups need them.
-  int n = 0;
-  constexpr size_t kBatch = 256, kAhead = 8;
-  std::vector<BodyLine> batch(kBatch);
-  BodyFields fields; // a line with fewer fields keeps the rest of the line before
-  bool more = true;
-  while (more) {
-    size_t lines = 0;
-    bool directive = false;
-    while (lines < kBatch && (more = std::fgets(line, sizeof line, f) != nullptr)) {
-      if (line[0] == '#')
-        continue;
-      if (line[0] == '$') {
-        directive = true;
-        more = false;
-        break;
-      }
-      BodyLine &b = batch[lines];
-      read_body_line(line, lines == 0 ? fields : batch[lines - 1].fields, b);
-      ++lines;
-      // DWARF keeps compilation-unit names without their directories.
-      b.file = bin.debug_kind == DEBUG_DWARF ? basename(b.fields.file) : b.fields.file;
-      b.hash = proc_name_hash(b.fields.name, b.file);
+  FeedbackText::Line before;
+  before.name = before.file = before.key = text.keep("");
+  while (std::fgets(line, sizeof line, f) != nullptr) {
+    if (line[0] == '#')
+      continue;
+    if (line[0] == '$') {
+      text.directive_after_start = true;
+      break;
     }
-    if (lines != 0)
-      fields = batch[lines - 1].fields;
-    for (size_t i = 0; i < lines; ++i) {
-      for (int step = 0; step < 3; ++step)
-        if (size_t ahead = i + (3 - step) * kAhead; ahead < lines)
-          prefetch_proc_name(batch[ahead].hash, step);
-      BodyLine &b = batch[i];
-      if (b.count_too_large)
-        warning("%s: the count %s of %s(%s) is out of range; taken as %u", path, b.number, b.fields.name,
-                b.fields.file, UINT32_MAX);
-      Proc *p = find_proc_by_name(b.fields.name, b.file, b.hash);
-      if (p == nullptr)
-        continue;
-      p->listed = 1;
-      p->freq = saturating_add(p->freq, b.fields.count);
-      list[n].proc = p;
-      list[n].count = b.fields.count;
-      ++n;
-    }
-    if (directive)
-      error("%s: directive after $start", path);
+    FeedbackText::Line &b = text.lines.emplace_back();
+    read_body_line(line, before, text, b);
+    before = b;
   }
+  for (FeedbackText::Line &b : text.lines)
+    b.hash = proc_name_hash(text.at(b.name), text.at(b.key));
+}
+
+// Looks the lines of a file up in the procedure table, in order.  Each
+// record is listed at most once per file: a found record is marked listed,
+// and listed records are not found again.
+int look_up_feedback(const char *path, const FeedbackText &text, ProcMapEntry *list) {
+  clear_proc_flag();
+  // The names of a feedback file come in no order the table's memory
+  // follows: knowing the names a few lines ahead lets the index, the
+  // records and their names be fetched before their lookups need them.
+  constexpr size_t kAhead = 8;
+  const std::vector<FeedbackText::Line> &lines = text.lines;
+  int n = 0;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    for (int step = 0; step < 3; ++step)
+      if (size_t ahead = i + (3 - step) * kAhead; ahead < lines.size())
+        prefetch_proc_name(lines[ahead].hash, step);
+    const FeedbackText::Line &b = lines[i];
+    if (b.count_too_large)
+      warning("%s: the count %s of %s(%s) is out of range; taken as %u", path, text.at(b.number), text.at(b.name),
+              text.at(b.file), UINT32_MAX);
+    Proc *p = find_proc_by_name(text.at(b.name), text.at(b.key), b.hash);
+    if (p == nullptr)
+      continue;
+    p->listed = 1;
+    p->freq = saturating_add(p->freq, b.count);
+    list[n].proc = p;
+    list[n].count = b.count;
+    ++n;
+  }
+  if (text.directive_after_start)
+    error("%s: directive after $start", path);
   for (int i = 0; i < n; ++i)
     list[i].proc->listed = 0;
   return n;
+}
+
+constexpr int32_t IN_EARLIER = 1;
+constexpr int32_t IN_LATER = 2;
+constexpr int32_t TAKEN = 4; // already in the merged list
+
+// The feedback files read on the second core, in the order their turns
+// come (the last file first).
+struct FeedbackReading {
+  std::vector<const char *> paths;
+  std::deque<FeedbackText> texts;
+  std::vector<std::unique_ptr<Background>> tasks; // after texts: destroyed, and so waited for, first
+};
+
+int feedback_file_count() {
+  int n = 0;
+  while (option.feedback_files != nullptr && option.feedback_files[n] != nullptr)
+    ++n;
+  return n;
+}
+
+} // namespace
+
+void start_reading_feedback() {
+  auto reading = std::make_shared<FeedbackReading>();
+  for (int i = feedback_file_count() - 1; i >= 0; --i) {
+    const char *path = option.feedback_files[i];
+    reading->paths.push_back(path);
+    FeedbackText &text = reading->texts.emplace_back();
+    reading->tasks.push_back(std::make_unique<Background>([path, &text] { read_feedback_text(path, text); }));
+  }
+  bin.feedback_reading = reading;
 }
 
 int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *later, int n_later) {
@@ -312,33 +351,40 @@ int merge_feedback_lists(ProcMapEntry *earlier, int n_earlier, ProcMapEntry *lat
 }
 
 void read_reorder_files() {
-  ProcMapEntry *current = alloc_proc_map();
-  ProcMapEntry *accumulated = alloc_proc_map();
-  int n_files = 0;
-  while (option.feedback_files != nullptr && option.feedback_files[n_files] != nullptr)
-    ++n_files;
+  using Map = std::unique_ptr<ProcMapEntry, void (*)(void *)>;
+  Map current(alloc_proc_map(), std::free);
+  Map accumulated(alloc_proc_map(), std::free);
+  int n_files = feedback_file_count();
   if (n_files == 0)
     error("no feedback file");
+  auto reading = std::static_pointer_cast<FeedbackReading>(std::move(bin.feedback_reading));
+  if (reading == nullptr || reading->paths.size() != size_t(n_files)) { // not begun beside the discovery
+    start_reading_feedback();
+    reading = std::static_pointer_cast<FeedbackReading>(std::move(bin.feedback_reading));
+  }
+  // The k-th file in turn, read and looked up.
+  auto read = [&reading](int k, ProcMapEntry *list) {
+    reading->tasks[size_t(k)]->collect();
+    return look_up_feedback(reading->paths[size_t(k)], reading->texts[size_t(k)], list);
+  };
 
   // The last file first, then each earlier one merged in front of it, so
   // that the first file on the command line leads the order.
-  int n_accumulated = read_reorder_file(option.feedback_files[n_files - 1], accumulated);
-  for (int i = n_files - 2; i >= 0; --i) {
-    int n_current = read_reorder_file(option.feedback_files[i], current);
-    n_accumulated = merge_feedback_lists(current, n_current, accumulated, n_accumulated);
+  int n_accumulated = read(0, accumulated.get());
+  for (int k = 1; k < n_files; ++k) {
+    int n_current = read(k, current.get());
+    n_accumulated = merge_feedback_lists(current.get(), n_current, accumulated.get(), n_accumulated);
   }
 
   clear_proc_flag();
   for (int i = 0; i < n_accumulated; ++i) {
-    attach_proc_list(accumulated[i].proc);
-    accumulated[i].proc->listed = 1;
+    attach_proc_list(accumulated.get()[i].proc);
+    accumulated.get()[i].proc->listed = 1;
   }
   attach_proc_with_no_feedback();
   if (bin.procs.feedback_stale && option.verbose == 0)
     note("Feedback file(s) may be out of date. You may want to regenerate the\n"
          "      feedback file(s) for better performance. Use vesk -v for more info.");
-  std::free(current);
-  std::free(accumulated);
 }
 
 } // namespace vesk
