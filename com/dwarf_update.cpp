@@ -198,25 +198,6 @@ Sec dwarf_section(const char *name, bool quiet = false, bool *ok = nullptr) {
   return s;
 }
 
-// Drops the input pages of a section behind a reader that goes through it
-// once, front to back, a few megabytes at a time: what it rewrites grows
-// beside it, and both at their full size would set the run's peak.
-class DropBehind {
-public:
-  explicit DropBehind(const Sec &s) : s_(s) {}
-  void reached(size_t pos) {
-    if (pos > done_ + kStep && pos <= s_.size) {
-      release_input_pages(s_.in + done_, pos - done_);
-      done_ = pos;
-    }
-  }
-
-private:
-  static constexpr size_t kStep = size_t(2) << 20;
-  const Sec &s_;
-  size_t done_ = 0;
-};
-
 const char *section_name_of(Elf_Scn *scn) {
   size_t shstrndx = 0;
   GElf_Shdr sh;
@@ -976,7 +957,7 @@ void DwarfUpdate::read_unit(size_t ui) {
 void DwarfUpdate::patch_entries() {
   // One pass through each section, the places and the pairs taken in the
   // order they lie in it, the input's pages dropped behind it.
-  DropBehind info_read(info), types_read(types);
+  DropBehind info_read(info.in, info.size), types_read(types.in, types.size);
   auto patch_site = [&](const AddrSite &x) {
     const Sec &s = x.in_types() ? types : info;
     uint64_t v = load_sized(s.in + x.offset(), x.size());
@@ -1273,7 +1254,7 @@ void DwarfUpdate::rewrite_lists(bool is_loc, bool v5, ListScratch &w, std::vecto
     length_at = begin_length(o, t->offset_size);
     o.u16(5), o.u8(t->addr_size), o.u8(0), o.u32(0);
   };
-  DropBehind read(s);
+  DropBehind read(s.in, s.size);
   for (const Block &b : blocks) {
     read.reached(b.start);
     const Unit &u = units[b.unit];
@@ -1642,7 +1623,7 @@ void DwarfUpdate::read_entries() {
     read_units(types);
   // Each input section is dropped from memory once it has been read: the
   // rewritten sections and the patched copies take its place.
-  DropBehind info_read(info);
+  DropBehind info_read(info.in, info.size);
   for (size_t i = 0; i < units.size(); ++i) {
     read_unit(i);
     if (units[i].sec == &info)

@@ -34,6 +34,26 @@ void release_input_pages();
 // The same for the input's pages that lie wholly inside [p, p + n); nothing
 // when those bytes are not the mapped input's.
 void release_input_pages(const void *p, size_t n);
+// Drops the input pages of [in, in + size) behind a reader that goes
+// through them once, front to back, a few megabytes at a time: what it
+// writes grows beside it, and both at their full size would set the run's
+// peak.  A page read again later is fetched again.
+class DropBehind {
+public:
+  DropBehind(const uint8_t *in, size_t size) : in_(in), size_(size) {}
+  void reached(size_t pos) {
+    if (pos > done_ + kStep && pos <= size_) {
+      release_input_pages(in_ + done_, pos - done_);
+      done_ = pos;
+    }
+  }
+
+private:
+  static constexpr size_t kStep = size_t(2) << 20;
+  const uint8_t *in_;
+  size_t size_;
+  size_t done_ = 0;
+};
 // Writes the image, restores from the input every byte of the file that no
 // header or section contents cover, and ends bin.out_elf (left null).
 void write_it();

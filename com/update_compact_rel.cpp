@@ -401,9 +401,16 @@ void update_compact_rel() {
   GotPages pages;
   DataSections data;
   CompactRelEntry e;
+  // The input's code is read here for the last time, in address order: its
+  // pages go behind the walk, a little behind it for the partner
+  // instructions in front (one further back is fetched again).
+  DropBehind code_read(bin.text_buf, size_t(bin.text_words) * 4);
+  constexpr uint32_t kPartnersBehind = 1 << 16;
   while (cm_rlc_get(&cm, &e)) {
     update_entry(e, pages, data);
     out.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
+    if (in_text(e.vaddr) && e.vaddr - bin.text_lo > kPartnersBehind)
+      code_read.reached(e.vaddr - bin.text_lo - kPartnersBehind);
   }
 
   // A stream that became shorter is padded: the count in the header says

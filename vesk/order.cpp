@@ -91,8 +91,10 @@ void lay_out_text(const std::vector<Proc *> &order) {
     layout.place(spans[i].first, spans[i].end);
   }
   // Words that no procedure covers still hold code or data that something
-  // may refer to: they follow the procedures, in their input order.
-  layout.place(0, bin.text_words);
+  // may refer to: they follow the procedures, in their input order.  Each
+  // word is laid out once, so a full text has none left to look for.
+  if (bin.new_text_fill != bin.text_words)
+    layout.place(0, bin.text_words);
 }
 
 // Marks pages first..last (inclusive) of one layout; the counts are taken
