@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <malloc.h>
 #include <mutex>
 #include <sched.h>
 #include <system_error>
@@ -49,6 +50,11 @@ public:
       if (!usable_)
         return false;
       usable_ = second_core();
+      // One heap for both threads: what one frees, the other's next
+      // buffers reuse.  A heap of its own for the second thread would
+      // keep what its tasks freed beside the run's and raise the peak.
+      if (usable_)
+        mallopt(M_ARENA_MAX, 1);
       try {
         if (usable_)
           thread_ = std::thread([this] { loop(); });

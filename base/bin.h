@@ -122,6 +122,13 @@ struct Bin {
   // The feedback files read beside the discovery (their reader's own
   // type; end_run waits for the reading).
   std::shared_ptr<void> feedback_reading;
+  // The stretches of .vesk.gp laid out again on the second core, and the
+  // output buffer they go to.
+  std::unique_ptr<Background> gp_ranges_task;
+  std::vector<uint8_t> *gp_ranges_bytes = nullptr;
+  // The .mdebug update done on the second core, beside the last repairs of
+  // the code.
+  std::unique_ptr<Background> mdebug_task;
   // The DWARF update begun beside the other updates (its own type, known
   // to the update only; end_run waits for its work).
   std::shared_ptr<void> dwarf_update;

@@ -109,6 +109,16 @@ void PrivateMap::overwrite(size_t off, size_t n) {
     sysfatal("cannot map memory for the output");
 }
 
+void PrivateMap::modify(size_t off, size_t n) {
+  if (p_ == nullptr || off > n_ || n > n_ - off || n == 0)
+    return;
+  size_t page = size_t(sysconf(_SC_PAGESIZE));
+  uintptr_t lo = (reinterpret_cast<uintptr_t>(p_) + off) / page * page;
+  uintptr_t hi = reinterpret_cast<uintptr_t>(p_) + off + n;
+  // Only a speed-up: an older kernel without it leaves the faults to come.
+  madvise(reinterpret_cast<void *>(lo), hi - lo, MADV_POPULATE_WRITE);
+}
+
 bool PrivateMap::map(int fd, size_t size) {
   if (p_ != nullptr || size == 0)
     return p_ != nullptr;

@@ -58,6 +58,11 @@ public:
   // pages inside them become zero pages, present at once.  A write to a
   // page of the map otherwise faults and copies the file's page first.
   void overwrite(size_t off, size_t n);
+  // Bytes [off, off + n) will be read and then partly written: their pages
+  // are copied from the file, writable, at once.  A page first read and
+  // then written is mapped twice, and the second time every other core
+  // running the process must drop the first mapping (an interrupt each).
+  void modify(size_t off, size_t n);
 
 private:
   uint8_t *p_ = nullptr;

@@ -25,6 +25,8 @@ void end_run() {
   bin.feedback_reading.reset();
   bin.xlate_task.reset();
   bin.fresh_text.reset();
+  bin.gp_ranges_task.reset();
+  bin.mdebug_task.reset();
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

@@ -180,12 +180,28 @@ void *output_contents(const Elf_Data *in) {
   return dup_buffer(in->d_buf, in->d_size);
 }
 
-void prepare_to_overwrite(void *p, size_t n) {
+namespace {
+
+// Where [p, p + n) lies in the private map of the input, if it does.
+bool in_out_base(void *p, size_t n, size_t *off) {
   uint8_t *base = bin.out_base.data();
   uint8_t *at = static_cast<uint8_t *>(p);
   if (base == nullptr || at < base || n > bin.out_base.size() || size_t(at - base) > bin.out_base.size() - n)
-    return; // a buffer of its own: already fresh
-  bin.out_base.overwrite(size_t(at - base), n);
+    return false; // a buffer of its own
+  *off = size_t(at - base);
+  return true;
+}
+
+} // namespace
+
+void prepare_to_overwrite(void *p, size_t n) {
+  if (size_t off = 0; in_out_base(p, n, &off))
+    bin.out_base.overwrite(off, n);
+}
+
+void prepare_to_modify(void *p, size_t n) {
+  if (size_t off = 0; in_out_base(p, n, &off))
+    bin.out_base.modify(off, n);
 }
 
 void *dup_buffer(const void *src, size_t size) {

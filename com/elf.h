@@ -71,5 +71,9 @@ const char *keep_input_name(const char *s);
 // anything reads them: where they lie in the private map of the input,
 // their pages are made fresh (not copied from the file) and ready at once.
 void prepare_to_overwrite(void *p, size_t n);
+// The output contents [p, p + n) are about to be read and partly
+// rewritten: where they lie in the private map of the input, their pages
+// are copied at once, ready to be written.
+void prepare_to_modify(void *p, size_t n);
 
 } // namespace vesk

@@ -9,16 +9,19 @@
 // so no pointer is ever formed outside the buffer.
 #include "com/mdebug.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <gelf.h>
 #include <libelf.h>
 
+#include "base/background.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
 #include "com/elf.h"
+#include "com/update.h"
 #include "mdebug/records.h"
 
 namespace vesk {
@@ -159,13 +162,33 @@ void check_line_table(const MdebugBytes &m, const Hdrr &hdr) {
           size, uint32_t(hdr.cbLineOffset), (unsigned long long)m.file_off, m.size);
 }
 
-template <class C> uint64_t section_offset(Elf_Scn *scn) {
+// The file offset of a section of the output; false when its header
+// cannot be read.
+// The tables the update rewrites are read first: their pages are made
+// writable at once (see prepare_to_modify).  The bounds are checked where
+// the records are used.
+void prepare_tables(const MdebugBytes &m, const Hdrr &hdr) {
+  auto prepare = [&m](uint32_t table_off, uint64_t count, size_t entsize) {
+    Offset start = std::max<Offset>(m.at(table_off, 0, entsize), 0);
+    Offset end = std::min<Offset>(m.at(table_off, count, entsize), Offset(m.size));
+    if (start < end)
+      prepare_to_modify(m.buf + size_t(start), size_t(end - start));
+  };
+  prepare(hdr.cbFdOffset, uint32_t(hdr.ifdMax), sizeof(Fdr));
+  prepare(hdr.cbPdOffset, uint32_t(hdr.ipdMax), sizeof(Pdr));
+  prepare(hdr.cbSymOffset, uint32_t(hdr.isymMax), sizeof(Symr));
+  prepare(hdr.cbExtOffset, uint32_t(hdr.iextMax), sizeof(Extr));
+}
+
+template <class C> bool section_offset(Elf_Scn *scn, uint64_t *offset) {
   const typename C::Shdr *sh = C::getshdr(scn);
-  if (sh == nullptr) {
-    print_elf_error(option.program);
-    error("cannot read the section header of .mdebug");
-  }
-  return sh->sh_offset;
+  if (sh != nullptr)
+    *offset = sh->sh_offset;
+  return sh != nullptr;
+}
+
+bool section_offset(Elf_Scn *scn, uint64_t *offset) {
+  return bin.is_elf32 ? section_offset<Elf32Class>(scn, offset) : section_offset<Elf64Class>(scn, offset);
 }
 
 } // namespace
@@ -181,6 +204,7 @@ void fixmdebug(uint8_t *buffer, size_t size, uint64_t file_off) {
   bin.line_size = hdr.cbLine;
 
   MdebugBytes m{buffer, size, file_off};
+  prepare_tables(m, hdr);
   check_line_table(m, hdr);
   fix_fdrs(m, hdr);
   fix_externals(m, hdr);
@@ -189,17 +213,69 @@ void fixmdebug(uint8_t *buffer, size_t size, uint64_t file_off) {
     warning("mdebug has incorrect procedure info");
 }
 
-void update_mdebug() {
+namespace {
+
+// The output's .mdebug: its bytes and its place in the file.  False when
+// there is none, or, when quiet, when it cannot be read (its update then
+// says so in its turn).
+bool mdebug_output(uint8_t **buf, size_t *size, uint64_t *file_off, bool quiet) {
   Elf_Scn *scn = find_section_by_name(bin.out_elf, ".mdebug");
   if (scn == nullptr)
-    return;
-  uint64_t sh_offset = bin.is_elf32 ? section_offset<Elf32Class>(scn) : section_offset<Elf64Class>(scn);
+    return false;
+  uint64_t sh_offset = 0;
+  if (!section_offset(scn, &sh_offset)) {
+    if (quiet)
+      return elf_errno(), false;
+    print_elf_error(option.program);
+    error("cannot read the section header of .mdebug");
+  }
   Elf_Data *d = elf_getdata(scn, nullptr);
   if (d == nullptr || (d->d_buf == nullptr && d->d_size != 0)) {
+    if (quiet)
+      return elf_errno(), false;
     print_elf_error(option.program);
     error("cannot read the contents of section .mdebug");
   }
-  fixmdebug(static_cast<uint8_t *>(d->d_buf), d->d_size, sh_offset + uint64_t(d->d_off));
+  *buf = static_cast<uint8_t *>(d->d_buf);
+  *size = d->d_size;
+  *file_off = sh_offset + uint64_t(d->d_off);
+  return true;
+}
+
+// The sections that the updates ahead of .mdebug's may grow: one in front
+// of it in the file would move it before its turn.
+bool may_move_before_its_turn(uint64_t file_off) {
+  for (const char *name : {".compact_rel", GP_RANGES_SECTION}) {
+    Elf_Scn *scn = find_section_by_name(bin.out_elf, name);
+    uint64_t at = 0;
+    if (scn != nullptr && (!section_offset(scn, &at) || at < file_off))
+      return elf_errno(), true;
+  }
+  return false;
+}
+
+} // namespace
+
+void start_mdebug_update() {
+  uint8_t *buf = nullptr;
+  size_t size = 0;
+  uint64_t file_off = 0;
+  if (!mdebug_output(&buf, &size, &file_off, true) || may_move_before_its_turn(file_off))
+    return;
+  bin.mdebug_task = std::make_unique<Background>([buf, size, file_off] { fixmdebug(buf, size, file_off); });
+}
+
+void update_mdebug() {
+  if (bin.mdebug_task != nullptr) {
+    bin.mdebug_task->collect();
+    bin.mdebug_task.reset();
+    return;
+  }
+  uint8_t *buf = nullptr;
+  size_t size = 0;
+  uint64_t file_off = 0;
+  if (mdebug_output(&buf, &size, &file_off, false))
+    fixmdebug(buf, size, file_off);
 }
 
 } // namespace vesk

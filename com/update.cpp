@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/background.h"
 #include "base/bytes.h"
 #include "base/key_sort.h"
 #include "base/diag.h"
@@ -66,16 +67,14 @@ void read_gp_ranges() {
   }
 }
 
+namespace {
+
 // The stretches of .text in the description follow the code, so that the
 // output can be laid out again: each is cut into the runs of its words that
-// stayed together.
-void update_gp_ranges() {
-  Elf_Scn *scn = bin.gp_ranges.empty() ? nullptr : find_section_by_name(bin.out_elf, GP_RANGES_SECTION);
-  Elf_Data *d = scn ? elf_getdata(scn, nullptr) : nullptr;
-  if (d == nullptr)
-    return;
+// stayed together.  Reads only the layout and the stretches given.
+void lay_out_gp_ranges(const std::vector<Bin::GpRange> &ranges, std::vector<uint8_t> &bytes) {
   std::vector<Bin::GpRange> out;
-  for (const Bin::GpRange &r : bin.gp_ranges) {
+  for (const Bin::GpRange &r : ranges) {
     uint64_t lo = std::max(r.lo, bin.text_lo), hi = std::min(r.hi, bin.text_hi);
     if (lo >= hi) {
       out.push_back(r); // data, or code outside .text, stays where it is
@@ -116,25 +115,59 @@ void update_gp_ranges() {
   for (size_t i = 0; i < out.size(); ++i)
     by_lo[i] = {out[i].lo, i};
   stable_sort_by_key(by_lo);
-  std::vector<Bin::GpRange> sorted(out.size());
-  for (size_t i = 0; i < out.size(); ++i)
-    sorted[i] = out[by_lo[i].second];
-  out = std::move(sorted);
-  std::vector<uint8_t> &bytes = bin.out_buffers.emplace_back();
   bytes.reserve(24 * out.size());
-  for (size_t i = 0; i < out.size(); ++i) {
-    if (i > 0 && out[i].lo < out[i - 1].hi)
-      error("%s: the new layout puts code of two GOTs at %#llx", option.program, (unsigned long long)out[i].lo);
-    if (!bytes.empty() && out[i].lo == out[i - 1].hi && out[i].gp == out[i - 1].gp) {
-      store64(bytes.data() + bytes.size() - 16, out[i].hi);
-      continue;
+  const Bin::GpRange *last = nullptr;
+  for (const KeyValue &k : by_lo) {
+    const Bin::GpRange &r = out[k.second];
+    if (last != nullptr && r.lo < last->hi)
+      error("%s: the new layout puts code of two GOTs at %#llx", option.program, (unsigned long long)r.lo);
+    if (last != nullptr && r.lo == last->hi && r.gp == last->gp) {
+      store64(bytes.data() + bytes.size() - 16, r.hi);
+    } else {
+      uint8_t b[24];
+      store64(b, r.lo);
+      store64(b + 8, r.hi);
+      store64(b + 16, r.gp);
+      bytes.insert(bytes.end(), b, b + 24);
     }
-    uint8_t b[24];
-    store64(b, out[i].lo);
-    store64(b + 8, out[i].hi);
-    store64(b + 16, out[i].gp);
-    bytes.insert(bytes.end(), b, b + 24);
+    last = &r;
   }
+}
+
+Elf_Scn *gp_ranges_output(Elf_Data **d) {
+  Elf_Scn *scn = bin.gp_ranges.empty() ? nullptr : find_section_by_name(bin.out_elf, GP_RANGES_SECTION);
+  *d = scn ? elf_getdata(scn, nullptr) : nullptr;
+  return *d != nullptr ? scn : nullptr;
+}
+
+} // namespace
+
+void start_gp_ranges_update() {
+  Elf_Data *d = nullptr;
+  if (gp_ranges_output(&d) == nullptr)
+    return;
+  std::vector<uint8_t> &bytes = bin.out_buffers.emplace_back();
+  bin.gp_ranges_bytes = &bytes;
+  // A copy: the GOT update reads the stretches again meanwhile.
+  bin.gp_ranges_task = std::make_unique<Background>(
+      [ranges = bin.gp_ranges, &bytes] { lay_out_gp_ranges(ranges, bytes); });
+}
+
+void update_gp_ranges() {
+  Elf_Data *d = nullptr;
+  Elf_Scn *scn = gp_ranges_output(&d);
+  if (scn == nullptr)
+    return;
+  std::vector<uint8_t> *laid_out = bin.gp_ranges_bytes;
+  if (bin.gp_ranges_task != nullptr) {
+    bin.gp_ranges_task->collect();
+    bin.gp_ranges_task.reset();
+    bin.gp_ranges_bytes = nullptr;
+  } else {
+    laid_out = &bin.out_buffers.emplace_back();
+    lay_out_gp_ranges(bin.gp_ranges, *laid_out);
+  }
+  std::vector<uint8_t> &bytes = *laid_out;
   if (bytes.size() > d->d_size)
     expand_section(scn, uint32_t(bytes.size() - d->d_size));
   else if (bin.is_elf32)

@@ -72,7 +72,9 @@ constexpr const char *FREE_PAGES_SECTION = ".vesk.got_free";
 void give_free_pages();
 // Reads it into bin.gp_ranges (empty without it).
 void read_gp_ranges();
-// Re-points its stretches of .text for the new layout (bin.text_map).
+// Re-points its stretches of .text for the new layout (bin.text_map): begun
+// on the second core once the layout is final, finished in its turn.
+void start_gp_ranges_update();
 void update_gp_ranges();
 // The gp that the code or data word at old address a uses.
 uint64_t gp_at(uint64_t a);

@@ -150,7 +150,9 @@ void reorder_it() {
   bool has_events = !is_o32() && has_event_sections(bin.in_elf);
   if (!is_o32() && !has_events)
     refuse_unrepairable_moves();
-  continue_dwarf_update(); // on the second core, beside the updates below
+  // On the second core, beside the updates below.
+  start_gp_ranges_update();
+  continue_dwarf_update();
   if (bin.debug_kind == DEBUG_DWARF)
     build_xlate_table(order); // likewise
   update_elf_header();
@@ -162,6 +164,9 @@ void reorder_it() {
   if (is_o32())
     update_rpt();
   update_branch_offset();
+  // Beside the last repair of the code, where its input pages go: the
+  // pages of .mdebug it copies do not add to them.
+  start_mdebug_update();
   if (is_o32())
     update_compact_rel();
   else if (has_events)
