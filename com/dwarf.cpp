@@ -666,7 +666,7 @@ double front_share = 0.5;
 // own, while this thread reads and records the front; their records are
 // made after the front's, in the same order as when one thread reads them
 // all.
-void walk_units(Elf *elf, Recorder &recorder) {
+void walk_units(Elf *elf, Recorder &recorder, const std::function<void()> &beside) {
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // the library leaves them alone in an executable, as it must: applying
   // them would add every address a second time.  The section's size
@@ -729,6 +729,8 @@ void walk_units(Elf *elf, Recorder &recorder) {
     });
   else
     split = units.size();
+  if (beside)
+    beside();
 
   EntryReader reader(dw.get(), info_size, recorder);
   for (size_t i = 0; i < split; ++i)
@@ -749,13 +751,13 @@ void walk_units(Elf *elf, Recorder &recorder) {
 
 void set_discovery_front_share(double share) { front_share = share; }
 
-void dwarf_interface(Elf *elf) {
+void dwarf_interface(Elf *elf, const std::function<void()> &beside) {
   check_dwarf_table_sections(elf);
   FunctionSymbols syms = read_function_symbols(elf);
   // A record for about every function symbol.
   reserve_procs(syms.by_addr.size() + syms.by_addr.size() / 8 + 64);
   Recorder recorder(syms);
-  walk_units(elf, recorder);
+  walk_units(elf, recorder, beside);
   recorder.resolve_inline_notes();
   add_symbol_table_procs(syms);
   attach_padding();

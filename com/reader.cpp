@@ -360,13 +360,16 @@ void parse_input() {
     bin.stubs_lo = bin.text_lo;
 }
 
-void debug_interface() {
-  if (bin.debug_kind == DEBUG_DWARF)
-    dwarf_interface(bin.in_elf);
-  else if (bin.debug_kind == DEBUG_MDEBUG)
+void debug_interface(const std::function<void()> &beside) {
+  if (bin.debug_kind == DEBUG_DWARF) {
+    dwarf_interface(bin.in_elf, beside);
+  } else if (bin.debug_kind == DEBUG_MDEBUG) {
+    if (beside)
+      beside();
     mdebug_interface();
-  else
+  } else {
     error("%s stripped. No debug section", option.program);
+  }
 }
 
 } // namespace vesk

@@ -1,6 +1,8 @@
 // Reading the input executable into bin.
 #pragma once
 
+#include <functional>
+
 #include <gelf.h>
 
 namespace vesk {
@@ -15,7 +17,9 @@ void open_input();
 // values.
 void parse_input();
 // The procedures, from DWARF or mdebug, completed from the symbol table.
-void debug_interface();
+// beside: work to hand to the second core meanwhile, behind discovery's
+// own there.
+void debug_interface(const std::function<void()> &beside = {});
 Elf64_Ehdr copy_elf_header_to64(const Elf32_Ehdr *h32);
 void copy_section_header_to64(const Elf32_Shdr *h32, Elf64_Shdr *h64);
 

@@ -45,8 +45,7 @@ void run(int argc, char **argv) {
   open_input();
   describe_code_addresses_in_memory();
   parse_input();
-  start_reading_feedback(); // on the second core, beside the discovery
-  debug_interface();
+  debug_interface(start_reading_feedback); // the files read beside the discovery
   read_reorder_files();
   if (option.debug)
     dump_procs();

@@ -221,6 +221,15 @@ void read_feedback_text(const char *path, FeedbackText &text) {
   }
   if (header.version != 2)
     error("%s: invalid version; a feedback file has $version 2", path);
+  // Room for the whole body at once: buffers that grow by steps would be
+  // handed back to the system one after the other as they move, and each
+  // time the other core, busy with the discovery, would have to stop.
+  // Untouched room costs no memory.
+  if (fstat(fileno(f), &st) == 0 && st.st_size > 0) {
+    size_t size = std::min<size_t>(size_t(st.st_size), size_t(256) << 20);
+    text.chars.reserve(size + 16);
+    text.lines.reserve(size / 16);
+  }
 
   FeedbackText::Line before;
   before.name = before.file = before.key = text.keep("");
