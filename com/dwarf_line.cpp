@@ -54,9 +54,11 @@ struct Header {
 
 uint64_t truncate(uint64_t v, unsigned addr_size) { return addr_size == 4 ? uint32_t(v) : v; }
 
-// Plays the program [c.pos, end) and returns its rows.
-std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version) {
-  std::vector<Row> rows;
+// Plays the program [c.pos, end) into rows.  The rows of one program
+// after the other go to the same buffer: a buffer of their own would be
+// new memory for every program, each page of it faulted in.
+void play(SectionCursor &c, size_t end, Header &h, unsigned version, std::vector<Row> &rows) {
+  rows.clear();
   Row r;
   r.is_stmt = h.default_is_stmt != 0;
   const Row fresh = r;
@@ -138,7 +140,6 @@ std::vector<Row> play(SectionCursor &c, size_t end, Header &h, unsigned version)
   }
   if (!rows.empty() && !rows.back().end_sequence)
     c.fail("a line sequence without its end");
-  return rows;
 }
 
 // Writes rows as a program of the same header.
@@ -262,16 +263,15 @@ void write_sequence(Encoder &e, const std::vector<Row> &rows, size_t first, size
   }
 }
 
-// One program of .debug_line: its header read, its rows played.
+// One program of .debug_line: its header read.
 struct Program {
   size_t start, body, program, end;
   unsigned offset_size, version;
   Header h;
-  std::vector<Row> rows;
 };
 
-// Reads the program at c.pos and leaves c at its end.
-Program read_program(SectionCursor &c, const uint8_t *in, unsigned addr_size) {
+// Reads the program at c.pos, plays it into rows and leaves c at its end.
+Program read_program(SectionCursor &c, const uint8_t *in, unsigned addr_size, std::vector<Row> &rows) {
   Program p{};
   p.start = c.pos;
   uint64_t length = c.u32();
@@ -315,7 +315,7 @@ Program read_program(SectionCursor &c, const uint8_t *in, unsigned addr_size) {
     c.fail("a line program header runs past its length");
   SectionCursor prog(in, p.end, 0, ".debug_line");
   prog.pos = p.program;
-  p.rows = play(prog, p.end, h, p.version);
+  play(prog, p.end, h, p.version, rows);
   c.pos = p.end;
   return p;
 }
@@ -326,11 +326,12 @@ std::vector<std::pair<uint64_t, std::vector<LineRow>>> read_line_rows(const uint
                                                                       unsigned addr_size) {
   std::vector<std::pair<uint64_t, std::vector<LineRow>>> out;
   SectionCursor c(in, size, 0, ".debug_line");
+  std::vector<Row> played;
   while (c.pos < size) {
-    Program p = read_program(c, in, addr_size);
+    Program p = read_program(c, in, addr_size, played);
     std::vector<LineRow> rows;
-    rows.reserve(p.rows.size());
-    for (const Row &r : p.rows)
+    rows.reserve(played.size());
+    for (const Row &r : played)
       rows.push_back({r.addr, r.file, r.line, r.end_sequence});
     out.emplace_back(p.start, std::move(rows));
   }
@@ -347,16 +348,16 @@ std::vector<uint8_t> rewrite_line_programs(const uint8_t *in, size_t size, unsig
   // The input's pages are dropped behind the reader, a few megabytes at a
   // time: the rewrite runs beside others that hold much memory.
   size_t dropped = 0;
+  std::vector<Row> rows;
   while (c.pos < size) {
     if (c.pos - dropped > (size_t(2) << 20)) {
       release_input_pages(in + dropped, c.pos - dropped);
       dropped = c.pos;
     }
-    Program p = read_program(c, in, addr_size);
+    Program p = read_program(c, in, addr_size, rows);
     size_t start = p.start, body = p.body, program = p.program, end = p.end;
     unsigned offset_size = p.offset_size;
     const Header &h = p.h;
-    std::vector<Row> &rows = p.rows;
     SectionCursor prog(in, end, 0, ".debug_line");
     prog.pos = end;
 
