@@ -185,6 +185,21 @@ TEST_F(Planning, LeadingStubsStayAndUncoveredWordsFollowTheProcedures) {
   EXPECT_EQ(map, (std::vector<uint32_t>{0, 1, 2, 6, 3, 4, 5}));
 }
 
+// Procedures that share words (which the checks refuse before the layout)
+// still give a text that holds every word once: a word goes with the first
+// procedure of the list that covers it.
+TEST_F(Planning, SharedWordsAreLaidOutOnceWithTheFirstProcedure) {
+  set_text({0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16});
+  make("p0", LO, 16);     // words 0 to 3
+  make("p1", LO + 8, 16); // words 2 to 5
+  attach({get_proc_by_index(1), get_proc_by_index(0)});
+  testing::internal::CaptureStderr();
+  reorder_procedures();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(map, (std::vector<uint32_t>{4, 5, 0, 1, 2, 3, 6}));
+  EXPECT_EQ(load32(&out[4 * 4]), 0x10u);
+}
+
 // A divide ending a page is a fault; so is a branch ending a page whose
 // second word before is a memory access or an MFC1 (the word right before
 // does not matter).

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/background.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
@@ -33,6 +34,9 @@ struct Layout {
   static constexpr uint32_t kUnplaced = ~uint32_t(0);
 
   Layout() { std::fill_n(bin.text_map, bin.text_words, kUnplaced); }
+  // On a map already marked, and laid out in part.
+  struct Marked {};
+  explicit Layout(Marked) {}
 
   // Words first..end-1, less those laid out already.  A procedure's words
   // are consecutive in the input and stay so in the output: each run of
@@ -55,6 +59,41 @@ struct Layout {
   }
 };
 
+// Whether the procedures' words can be laid out by two threads at once:
+// no two of the listed records share a word, nor does one share a word
+// with the stubs laid out first.  Then every procedure's place follows
+// from the sizes of those in front of it.
+bool spans_apart(const std::vector<TextSpan> &spans, uint64_t stub_words) {
+  procs_by_start();
+  const std::vector<bool> &overlaps = bin.procs.overlaps;
+  if (std::find(overlaps.begin(), overlaps.end(), true) != overlaps.end())
+    return false;
+  uint64_t words = stub_words;
+  for (const TextSpan &s : spans) {
+    if (s.size() != 0 && s.first < stub_words)
+      return false;
+    words += s.size();
+  }
+  return words <= bin.text_words;
+}
+
+// Lays spans [from, to) out at their places (at[i] for spans[i]).
+void place_apart(const std::vector<TextSpan> &spans, const std::vector<uint32_t> &at, size_t from, size_t to) {
+  constexpr size_t kAhead = 8;
+  uint32_t *map = bin.text_map;
+  for (size_t i = from; i < to; ++i) {
+    if (i + kAhead < to && spans[i + kAhead].size() != 0) {
+      uint64_t k = spans[i + kAhead].first;
+      __builtin_prefetch(bin.text_buf + 4 * k);
+      __builtin_prefetch(map + k, 1);
+    }
+    const TextSpan &s = spans[i];
+    for (uint64_t k = s.first; k < s.end; ++k)
+      map[k] = at[i] + uint32_t(k - s.first);
+    std::memcpy(bin.new_text + 4 * uint64_t(at[i]), bin.text_buf + 4 * s.first, 4 * s.size());
+  }
+}
+
 void lay_out_text(const std::vector<Proc *> &order) {
   if (bin.text_words != 0 && (bin.new_text == nullptr || bin.text_map == nullptr))
     error("internal: no output text to lay the procedures out in");
@@ -62,15 +101,12 @@ void lay_out_text(const std::vector<Proc *> &order) {
     prepare_new_text(); // a run that did not begin with it
   bin.fresh_text->collect();
   bin.fresh_text.reset();
-  Layout layout;
-  bin.new_text_fill = 0;
+  // The map starts all unplaced, for the words that no procedure covers:
+  // its back half is marked on the second core meanwhile.
+  uint64_t half = bin.text_words / 2;
+  uint32_t *map = bin.text_map;
+  Background mark([map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
 
-  // A run of stubs at the start of the text that no procedure covers stays
-  // where it is.
-  if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo) {
-    uint64_t n = (bin.libstub_hi - bin.libstub_lo) / 4;
-    layout.place(0, std::min<uint64_t>(n, bin.text_words));
-  }
   // The spans first, then the copies: a shuffled order reads the text from
   // everywhere, and knowing the spans ahead lets the words, their map
   // entries and marks be fetched a few procedures early.
@@ -82,19 +118,56 @@ void lay_out_text(const std::vector<Proc *> &order) {
       __builtin_prefetch(order[i + kAhead]);
     spans.push_back(text_span(order[i]));
   }
-  for (size_t i = 0; i < spans.size(); ++i) {
-    if (i + kAhead < spans.size() && spans[i + kAhead].size() != 0) {
-      uint64_t k = spans[i + kAhead].first;
-      __builtin_prefetch(bin.text_buf + 4 * k);
-      __builtin_prefetch(bin.text_map + k, 1);
+  // A run of stubs at the start of the text that no procedure covers stays
+  // where it is.
+  uint64_t stub_words = 0;
+  if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo)
+    stub_words = std::min<uint64_t>((bin.libstub_hi - bin.libstub_lo) / 4, bin.text_words);
+
+  if (!spans_apart(spans, stub_words)) {
+    mark.collect();
+    Layout layout;
+    bin.new_text_fill = 0;
+    layout.place(0, stub_words);
+    for (size_t i = 0; i < spans.size(); ++i) {
+      if (i + kAhead < spans.size() && spans[i + kAhead].size() != 0) {
+        uint64_t k = spans[i + kAhead].first;
+        __builtin_prefetch(bin.text_buf + 4 * k);
+        __builtin_prefetch(bin.text_map + k, 1);
+      }
+      layout.place(spans[i].first, spans[i].end);
     }
-    layout.place(spans[i].first, spans[i].end);
+    // Words that no procedure covers still hold code or data that something
+    // may refer to: they follow the procedures, in their input order.  Each
+    // word is laid out once, so a full text has none left to look for.
+    if (bin.new_text_fill != bin.text_words)
+      layout.place(0, bin.text_words);
+    return;
   }
-  // Words that no procedure covers still hold code or data that something
-  // may refer to: they follow the procedures, in their input order.  Each
-  // word is laid out once, so a full text has none left to look for.
-  if (bin.new_text_fill != bin.text_words)
-    layout.place(0, bin.text_words);
+
+  // Apart, the procedures are laid out by both cores, each half of the
+  // words.
+  std::fill(map, map + half, Layout::kUnplaced);
+  mark.collect();
+  std::vector<uint32_t> at(spans.size());
+  uint64_t fill = stub_words, middle = spans.size();
+  for (size_t i = 0; i < spans.size(); ++i) {
+    at[i] = uint32_t(fill);
+    fill += spans[i].size();
+    if (middle == spans.size() && fill - stub_words > (bin.text_words - stub_words) / 2)
+      middle = i + 1;
+  }
+  Background back([&spans, &at, middle] { place_apart(spans, at, middle, spans.size()); });
+  for (uint64_t k = 0; k < stub_words; ++k)
+    map[k] = uint32_t(k);
+  std::memcpy(bin.new_text, bin.text_buf, 4 * stub_words);
+  place_apart(spans, at, 0, middle);
+  back.collect();
+  bin.new_text_fill = uint32_t(fill);
+  if (bin.new_text_fill != bin.text_words) {
+    Layout rest(Layout::Marked{});
+    rest.place(0, bin.text_words);
+  }
 }
 
 // Marks pages first..last (inclusive) of one layout; the counts are taken
