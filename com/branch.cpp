@@ -22,8 +22,11 @@ void update_branch_offset() {
   if (bin.text_buf == nullptr || bin.text_map == nullptr || bin.new_text == nullptr)
     return;
   auto fix = [](uint32_t k) {
-    uint32_t word = word_at(bin.text_buf, k);
     uint64_t old_pc = bin.text_lo + uint64_t(k) * 4;
+    // The word as the layout copied it, untouched so far: the input's
+    // pages of the code are gone by now.
+    const uint8_t *copy = new_text_word(text_map_word(k));
+    uint32_t word = copy != nullptr ? load32(copy) : word_at(bin.text_buf, k);
     switch (mips::fixup_kind(word)) {
     case mips::Fixup::branch: update_one_branch(word, old_pc); break;
     case mips::Fixup::jump: update_jump(word, old_pc); break;

@@ -145,6 +145,9 @@ void reorder_it() {
   if (option.r4000_fix == 1)
     fix_r4000_bug();
   std::vector<Proc *> order = reorder_procedures();
+  // The layout read the input's code for the last time but for the
+  // compact relocations, which fetch the pages they need again.
+  release_input_pages(bin.text_buf, size_t(bin.text_words) * 4);
   // n32/n64 code that moves needs the events records to be repaired.
   bool has_events = !is_o32() && has_event_sections(bin.in_elf);
   if (!is_o32() && !has_events)
