@@ -34,6 +34,11 @@ void release_input_pages();
 // The same for the input's pages that lie wholly inside [p, p + n); nothing
 // when those bytes are not the mapped input's.
 void release_input_pages(const void *p, size_t n);
+// Writes the bytes [p, p + n) at out_offset of the output when they are
+// the mapped input's, copied from file to file by the system (they need
+// not pass through the run's memory, nor fault the input's pages in);
+// false when they are not, or when the two files allow no such copy.
+bool copy_input_bytes(const void *p, size_t n, uint64_t out_offset);
 // Drops the input pages of [in, in + size) behind a reader that goes
 // through them once, front to back, a few megabytes at a time: what it
 // writes grows beside it, and both at their full size would set the run's

@@ -240,8 +240,11 @@ template <class C> void write_image(Elf *elf) {
     if (size == 0 || buf == nullptr)
       return;
     if (type == ELF_T_BYTE) {
-      write_at(bin.out_fd, offset, buf, size, "contents", option.output);
-      release_input_pages(buf, size); // the kept relocations are written from the input's image
+      // The kept relocations are written from the input's image.
+      if (!copy_input_bytes(buf, size, offset)) {
+        write_at(bin.out_fd, offset, buf, size, "contents", option.output);
+        release_input_pages(buf, size);
+      }
       return;
     }
     file_order.resize(size);
