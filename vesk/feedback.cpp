@@ -226,9 +226,9 @@ void read_feedback_text(const char *path, FeedbackText &text) {
   // time the other core, busy with the discovery, would have to stop.
   // Untouched room costs no memory.
   if (fstat(fileno(f), &st) == 0 && st.st_size > 0) {
-    size_t size = std::min<size_t>(size_t(st.st_size), size_t(256) << 20);
+    size_t size = std::min<size_t>(size_t(st.st_size), size_t(64) << 20);
     text.chars.reserve(size + 16);
-    text.lines.reserve(size / 16);
+    text.lines.reserve(size / 24); // a name, a file name and a count
   }
 
   FeedbackText::Line before;
