@@ -200,6 +200,17 @@ TEST_F(Planning, SharedWordsAreLaidOutOnceWithTheFirstProcedure) {
   EXPECT_EQ(load32(&out[4 * 4]), 0x10u);
 }
 
+// An empty text has nothing to lay out and nothing to copy from or to (a
+// damaged input the fuzzer found: the copies were handed null pointers).
+TEST_F(Planning, EmptyTextLaysNothingOut) {
+  set_text({});
+  attach({});
+  testing::internal::CaptureStderr();
+  reorder_procedures();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(bin.new_text_fill, 0u);
+}
+
 // A divide ending a page is a fault; so is a branch ending a page whose
 // second word before is a memory access or an MFC1 (the word right before
 // does not matter).

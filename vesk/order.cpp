@@ -88,6 +88,8 @@ void place_apart(const std::vector<TextSpan> &spans, const std::vector<uint32_t>
       __builtin_prefetch(map + k, 1);
     }
     const TextSpan &s = spans[i];
+    if (s.size() == 0)
+      continue;
     for (uint64_t k = s.first; k < s.end; ++k)
       map[k] = at[i] + uint32_t(k - s.first);
     std::memcpy(bin.new_text + 4 * uint64_t(at[i]), bin.text_buf + 4 * s.first, 4 * s.size());
@@ -158,9 +160,11 @@ void lay_out_text(const std::vector<Proc *> &order) {
       middle = i + 1;
   }
   Background back([&spans, &at, middle] { place_apart(spans, at, middle, spans.size()); });
-  for (uint64_t k = 0; k < stub_words; ++k)
-    map[k] = uint32_t(k);
-  std::memcpy(bin.new_text, bin.text_buf, 4 * stub_words);
+  if (stub_words != 0) {
+    for (uint64_t k = 0; k < stub_words; ++k)
+      map[k] = uint32_t(k);
+    std::memcpy(bin.new_text, bin.text_buf, 4 * stub_words);
+  }
   place_apart(spans, at, 0, middle);
   back.collect();
   bin.new_text_fill = uint32_t(fill);
