@@ -291,8 +291,9 @@ TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
       // however many digits it has.
       {{"b a.c 4294967296\nc a.c 12x\nd a.c 0007\ne a.c 99999999999999999999999\n"},
        {"b(a.c) 4294967295", "c(a.c) 12", "d(a.c) 7", "e(a.c) 4294967295", "a(a.c) 0", "a(b.c) 0"}},
-      // Lines are read in batches: a name alone on the first line of a
-      // batch still takes the file and count of the last line before it.
+      // A line without a word repeats the one before (its name, listed
+      // already, counts once): a name alone behind many of them still
+      // takes the file and count of the last line that had them.
       {{"b a.c 5\n" + std::string(254, '\n') + "c a.c 7\nd\n"},
        {"b(a.c) 5", "c(a.c) 7", "d(a.c) 7", "a(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
   };

@@ -28,15 +28,10 @@ constexpr uint64_t PAGE = 4096;
 // laid out once: a word that an earlier procedure already carried (the
 // ranges of overlapping procedures) is skipped by the later ones, so the
 // new text never holds more words than the old.  The map itself tells
-// which words are laid out (kUnplaced: not yet), so no second array as
-// long as the text is needed.
+// which words are laid out (kUnplaced: not yet; every entry starts so), so
+// no second array as long as the text is needed.
 struct Layout {
   static constexpr uint32_t kUnplaced = ~uint32_t(0);
-
-  Layout() { std::fill_n(bin.text_map, bin.text_words, kUnplaced); }
-  // On a map already marked, and laid out in part.
-  struct Marked {};
-  explicit Layout(Marked) {}
 
   // Words first..end-1, less those laid out already.  A procedure's words
   // are consecutive in the input and stay so in the output: each run of
@@ -104,7 +99,7 @@ void lay_out_text(const std::vector<Proc *> &order) {
   bin.fresh_text->collect();
   bin.fresh_text.reset();
   // The map starts all unplaced, for the words that no procedure covers:
-  // its back half is marked on the second core meanwhile.
+  // its back half is marked on the second core while the spans are found.
   uint64_t half = bin.text_words / 2;
   uint32_t *map = bin.text_map;
   Background mark([map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
@@ -126,8 +121,10 @@ void lay_out_text(const std::vector<Proc *> &order) {
   if (bin.libstub_lo != 0 && bin.libstub_lo == bin.text_lo)
     stub_words = std::min<uint64_t>((bin.libstub_hi - bin.libstub_lo) / 4, bin.text_words);
 
+  std::fill(map, map + half, Layout::kUnplaced);
+  mark.collect();
+
   if (!spans_apart(spans, stub_words)) {
-    mark.collect();
     Layout layout;
     bin.new_text_fill = 0;
     layout.place(0, stub_words);
@@ -149,8 +146,6 @@ void lay_out_text(const std::vector<Proc *> &order) {
 
   // Apart, the procedures are laid out by both cores, each half of the
   // words.
-  std::fill(map, map + half, Layout::kUnplaced);
-  mark.collect();
   std::vector<uint32_t> at(spans.size());
   uint64_t fill = stub_words, middle = spans.size();
   for (size_t i = 0; i < spans.size(); ++i) {
@@ -168,10 +163,8 @@ void lay_out_text(const std::vector<Proc *> &order) {
   place_apart(spans, at, 0, middle);
   back.collect();
   bin.new_text_fill = uint32_t(fill);
-  if (bin.new_text_fill != bin.text_words) {
-    Layout rest(Layout::Marked{});
-    rest.place(0, bin.text_words);
-  }
+  if (bin.new_text_fill != bin.text_words)
+    Layout().place(0, bin.text_words);
 }
 
 // Marks pages first..last (inclusive) of one layout; the counts are taken
