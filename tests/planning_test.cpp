@@ -110,6 +110,17 @@ TEST_F(Planning, ABranchOutOfAProcedureTiesEveryProcedureInBetween) {
   EXPECT_EQ(order(), (Order{"p5", "p0", "p1", "p2", "p3", "p4"}));
   for (int i = 0; i < 6; ++i)
     EXPECT_EQ(p[size_t(i)]->tied, i >= 1 && i <= 3) << i;
+
+  // Backwards: from p4 word 1 to p1 word 2, the same procedures in between.
+  fresh_run();
+  b.assign(6, body(4));
+  b[4][1] = beq_zero(-12);
+  p = make_all(b);
+  attach({p[5], p[3], p[0], p[2], p[4], p[1]});
+  check_branch_out_of_procedure();
+  EXPECT_EQ(order(), (Order{"p5", "p0", "p1", "p2", "p3", "p4"}));
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(p[size_t(i)]->tied, i >= 1 && i <= 3) << i;
 }
 
 TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
@@ -117,6 +128,7 @@ TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
   // p0 and p2 end in calls (p2's through a register); an earlier jr keeps either from falling through.
   b[0] = b[2] = {JR_RA, NOP, jal(LO + 80), NOP};
   b[2][2] = JALR_T9;
+  b[1][2] = beq_zero(-3); // p1 has no jr but ends in a jump back (a cold part into its hot one): no tie
   b[3][2] = BREAK0;       // p3 stops with a break: no tie
   b[4][2] = NOP;          // p4 falls through into p5
   std::vector<Proc *> p = make_all(b);
@@ -124,6 +136,7 @@ TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
   tie_procedures_ending_in_a_call();
   tie_procedures_without_a_return();
   EXPECT_EQ(order(), (Order{"p4", "p5", "p2", "p3", "p0", "p1"}));
+  EXPECT_EQ(p[1]->tied, 0);
   EXPECT_EQ(p[3]->tied, 0);
   EXPECT_EQ(p[5]->tied, 0);
 }
