@@ -62,6 +62,23 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
     EXPECT_TRUE(read_file(elsewhere) == read_file(out)) << "the output depends on the file system it is written to";
     unlink(elsewhere.c_str());
   }
+  // Given twice, every count counts twice: the merged feedback holds each
+  // procedure's sum.  (Two files that together name every procedure of
+  // the table are refused: one is left out.)
+  if (fb.size() > 1) {
+    std::vector<FeedbackLine> most(fb.begin(), fb.end() - 1);
+    std::map<std::pair<std::string, std::string>, uint64_t> fed;
+    for (const FeedbackLine &l : most)
+      fed[{l.name, l.file}] += l.count;
+    const std::string twice = b.path("merged-twice.fb"), most_fb = b.path("most.fb");
+    write_file(most_fb, feedback_text(most));
+    RunResult t = run_vesk({e->path, most_fb, most_fb, "-o", b.path("twice"), "-merge", twice});
+    ASSERT_EQ(t.status, 0) << t.err;
+    for (const FeedbackLine &l : feedback_lines(twice)) {
+      auto it = fed.find({l.name, l.file});
+      EXPECT_EQ(l.count, it == fed.end() ? 0 : 2 * it->second) << l.name << " " << l.file;
+    }
+  }
   ASSERT_EQ(b.vesk(b.annotated(), fb, b.path("via-annotate")).status, 0);
   EXPECT_TRUE(read_file(out) == read_file(b.path("via-annotate"))) << "vesk-annotate then vesk wrote another file";
   // The output's contents start as views of the input's pages: neither
