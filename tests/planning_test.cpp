@@ -136,9 +136,19 @@ TEST_F(Planning, ACallOrNoReturnAtTheEndTiesTheNextProcedure) {
   tie_procedures_ending_in_a_call();
   tie_procedures_without_a_return();
   EXPECT_EQ(order(), (Order{"p4", "p5", "p2", "p3", "p0", "p1"}));
+  EXPECT_EQ(p[0]->tied, 1); // p5, its callee, returns
   EXPECT_EQ(p[1]->tied, 0);
   EXPECT_EQ(p[3]->tied, 0);
   EXPECT_EQ(p[5]->tied, 0);
+
+  // A call to a function that never returns (p2 ends in an endless loop,
+  // without a jr) does not run on into the next procedure.
+  fresh_run();
+  p = make_all({{JR_RA, NOP, jal(LO + 32), NOP}, body(4), {ADDIU_SP, ADDIU_SP, beq_zero(-1), NOP}, body(4)});
+  attach({p[3], p[1], p[0], p[2]});
+  tie_procedures_ending_in_a_call();
+  tie_procedures_without_a_return();
+  EXPECT_EQ(order(), (Order{"p3", "p1", "p0", "p2"}));
 }
 
 // A branch in a word no procedure holds ends the run.
