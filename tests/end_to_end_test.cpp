@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,6 +80,27 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
       auto it = fed.find({l.name, l.file});
       EXPECT_EQ(l.count, it == fed.end() ? 0 : 2 * it->second) << l.name << " " << l.file;
     }
+  }
+  // Under -v, the pages the counted procedures touch now: the merged
+  // feedback and the address mapping list the procedures in the same
+  // order, with their counts and new places.
+  {
+    std::vector<FeedbackLine> counted = feedback_lines(merged);
+    std::vector<DebugProc> placed = address_mapping(r.out);
+    ASSERT_EQ(counted.size(), placed.size());
+    std::set<uint64_t> pages;
+    for (size_t i = 0; i < placed.size(); ++i)
+      if (counted[i].count != 0 && placed[i].new_hi >= placed[i].new_lo + 4)
+        for (uint64_t page = placed[i].new_lo / 4096; page <= (placed[i].new_hi - 4) / 4096; ++page)
+          pages.insert(page);
+    RunResult v = run_vesk({e->path, out + ".fb", "-o", b.path("verbose"), "-v"});
+    unsigned total = 0, before = 0, after = 0;
+    size_t at = v.out.find("Total text ");
+    ASSERT_NE(at, std::string::npos) << v.out << v.err;
+    ASSERT_EQ(std::sscanf(v.out.c_str() + at, "Total text %uK. Touched text reduced from %uK to %uK", &total, &before,
+                          &after),
+              3);
+    EXPECT_EQ(after, 4 * pages.size());
   }
   ASSERT_EQ(b.vesk(b.annotated(), fb, b.path("via-annotate")).status, 0);
   EXPECT_TRUE(read_file(out) == read_file(b.path("via-annotate"))) << "vesk-annotate then vesk wrote another file";
