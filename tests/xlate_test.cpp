@@ -154,6 +154,9 @@ TEST(XlateProducer, HundredThousandProceduresRoundTrip) {
         XlateRange r;
         ASSERT_EQ(xlate_address_xtnd(&t, XLATE_NEW_TO_OLD, in[i].new_addr + 4, &to, &r), XLATE_OK);
         EXPECT_EQ(to, in[i].old_addr + 4);
+        // The last word of a side that grew leads to the last word of the old side.
+        ASSERT_EQ(xlate_address_xtnd(&t, XLATE_NEW_TO_OLD, in[i].new_addr + in[i].new_len - 4, &to, &r), XLATE_OK);
+        EXPECT_EQ(to, in[i].old_addr + std::min(in[i].new_len, in[i].old_len) - 4);
         ASSERT_EQ(xlate_address_xtnd(&t, XLATE_OLD_TO_NEW, in[i].old_addr, &to, &r), XLATE_OK);
         EXPECT_EQ(to, in[i].new_addr);
       }
