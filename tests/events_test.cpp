@@ -43,6 +43,8 @@ TEST(EventsReader, DecodesEveryShapeAndRefusesCutRecords) {
       {{0x12, 1, 2, 3, 4, 5, 6, 7, 8}, EK_64_HIGHEST, 0, 0x0102030405060708},
       {{0x37, 0x85, 0x01}, CK_SADDR_64, 0, 133},
       {{0x07, 0xfe, 0, 0, 0, 4, 0x02}, EK_SWITCH_32, 0, uint64_t(-2)},
+      {{0x18, 0xff, 0xff, 0xff, 0xf8}, EK_FCALL_LOCAL, 0, uint64_t(-8)},
+      {{0x6b, 0x81, 0x01}, 0x6b, 0, 129},
       {{0x7f}, 0x7f, 0, 0},
   };
   for (const Case &c : cases) {
