@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "support/bench.h"
+#include "tools/profile/order.h"
 
 using namespace vesk::test;
 
@@ -166,4 +167,28 @@ TEST(Profile, SavedTracesAreReadOrRefused) {
       EXPECT_NE(access(fb.c_str(), F_OK), 0) << "no feedback file after a refusal";
     }
   }
+}
+
+// The three orders on made-up counts of five procedures of 16 bytes (p4:
+// 4096): p0 calls p1 a hundred times and p2 once, p3 calls p4 once.
+TEST(Profile, OrdersOnMadeUpCounts) {
+  using namespace vesk::profile;
+  Program p;
+  for (uint32_t size : {16u, 16u, 16u, 16u, 4096u})
+    p.procs.push_back({"", "", 0, size, true});
+  std::vector<ProcCount> counts = {{5, 100}, {5, 1000}, {1, 600}, {9, 5000}, {1, 1}};
+  std::unordered_map<uint64_t, uint64_t> calls = {{Recorder::call_key(0, 1), 100}, {Recorder::call_key(0, 2), 1},
+                                                  {Recorder::call_key(3, 4), 1}};
+  // Most entries first, executed instructions between equal entries; a
+  // procedure that was entered but ran no instruction of its own still ran.
+  counts[4].instructions = 0;
+  EXPECT_EQ(hot_order(p, counts), (std::vector<int>{3, 1, 0, 2, 4}));
+  counts[4].instructions = 1;
+  // p1 and p2 go behind their caller p0, unless the cluster would grow
+  // past the limit; p4 would thin p3's cluster out more than eightfold:
+  // alone, the least dense, it comes last.
+  EXPECT_EQ(c3_order(p, counts, calls, 1 << 20), (std::vector<int>{3, 0, 1, 2, 4}));
+  EXPECT_EQ(c3_order(p, counts, calls, 40), (std::vector<int>{3, 2, 0, 1, 4}));
+  counts[2] = {};
+  EXPECT_EQ(hot_order(p, counts), (std::vector<int>{3, 1, 0, 4}));
 }
