@@ -112,6 +112,18 @@ TEST(Refusals, OneErrorLineStatusOneNoOutputInputUntouched) {
   }
 }
 
+// Without -o and feedback files, vesk reads prog.fb beside the program's
+// name and writes prog.vesk, as given explicitly.
+TEST(Refusals, DefaultFeedbackAndOutputNames) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir dir("defaults");
+  write_file(dir / "prog", read_file(bench_named("calc-o32-mdebug-fno-pie")->path));
+  write_file(dir / "prog.fb", kNoFeedback);
+  ASSERT_EQ(run_vesk({"prog"}, dir.path()).status, 0);
+  ASSERT_EQ(run_vesk({"prog", "prog.fb", "-o", "named"}, dir.path()).status, 0);
+  EXPECT_TRUE(read_file(dir / "prog.vesk") == read_file(dir / "named"));
+}
+
 // A finished output takes the place of what was at its path, whatever was
 // there; nothing else is left in the directory, and a failed swap leaves
 // the path as it was.
