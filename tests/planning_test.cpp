@@ -254,6 +254,16 @@ TEST_F(Planning, R4000PageEndPatterns) {
     EXPECT_EQ(check_r4000_bug_per_block(0, lo + 4, lo, 8192), 0u); // the word now ends no page
     EXPECT_EQ(check_r4000_bug_per_block(0, lo, lo, 16), 0u);       // the block ends before the page does
   }
+
+  // p1's divide would end the first page: p2, which faults nowhere, goes in
+  // front of it, and p3 stays behind.
+  fresh_run();
+  std::vector<Proc *> p = make_all({body(1020), body(8, {{3, DIV}}), body(4), body(4)});
+  attach({p[0], p[1], p[2], p[3]});
+  testing::internal::CaptureStderr();
+  fix_r4000_bug();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(order(), (Order{"p0", "p2", "p1", "p3"}));
 }
 
 namespace {
