@@ -499,7 +499,7 @@ TEST(VeskXlate, NamesTheOriginalCodeOfEveryFunction) {
   for (const ElfSymbol &s : ElfFile(b.annotated()).functions(true))
     ++seen[s.name];
   std::vector<std::string> args{xlate_binary(), out}, lines{"addr2line", "-e", b.annotated()};
-  std::vector<std::string> expected;
+  std::vector<std::string> expected, named;
   std::map<std::string, uint64_t> old_of;
   for (const ElfSymbol &s : ElfFile(b.annotated()).functions(true))
     old_of[s.name] = s.value;
@@ -512,6 +512,7 @@ TEST(VeskXlate, NamesTheOriginalCodeOfEveryFunction) {
     std::snprintf(buf, sizeof buf, "%#llx", (unsigned long long)old_of[s.name]);
     lines.push_back(buf);
     expected.push_back(args.back() + " -> " + buf + " " + s.name + " at ");
+    named.push_back(s.name);
   }
   ASSERT_GT(expected.size(), 50u);
   RunResult r = run_command(args), a = run_command(lines);
@@ -527,6 +528,32 @@ TEST(VeskXlate, NamesTheOriginalCodeOfEveryFunction) {
     with_line += known;
   }
   EXPECT_GT(with_line, expected.size() / 2);
+
+  // With the original named, its own symbols and lines answer the same.
+  std::vector<std::string> with_original = args;
+  with_original.insert(with_original.begin() + 1, {"-e", b.annotated()});
+  EXPECT_EQ(run_command(with_original).out, r.out);
+  // Backwards, each original address leads to the new one.
+  std::vector<std::string> back{xlate_binary(), "-r", out};
+  back.insert(back.end(), lines.begin() + 3, lines.end());
+  RunResult rb = run_command(back);
+  std::istringstream backwards(rb.out);
+  for (size_t i = 0; i < expected.size(); ++i) {
+    ASSERT_TRUE(std::getline(backwards, line)) << rb.err;
+    EXPECT_EQ(line.substr(0, line.find(" at ")), lines[3 + i] + " -> " + args[2 + i] + " " + named[i]);
+  }
+  // As a filter, the address that starts a line becomes the original one;
+  // a word inside a function is named from its start.
+  r = run_command({"sh", "-c", "printf ' %s here\nnone\n' \"$1\" | \"$0\" \"$2\" -", xlate_binary(), args[2], out});
+  EXPECT_EQ(r.out, " " + lines[3] + " here\nnone\n");
+  for (const ElfSymbol &s : ElfFile(out).functions(true))
+    if (seen[s.name] == 1 && s.size > 8) {
+      char at[64];
+      std::snprintf(at, sizeof at, "%#llx", (unsigned long long)s.value + 8);
+      r = run_command({xlate_binary(), out, at});
+      EXPECT_NE(r.out.find(" " + s.name + "+0x8 at "), std::string::npos) << r.out;
+      break;
+    }
 
   // A table that is not one is refused with a message.
   std::string bytes = read_file(out);
