@@ -64,14 +64,18 @@ struct Case {
   const char *abi, *model;
   bool statics;    // static functions, reached through GOT pages
   bool may_refuse; // a layout may need more pages than the secondary GOT has
+  int n = 0;       // variables per file; 0: enough for one secondary GOT
 };
 
 // o32 and n32 GOT entries are 4 bytes, n64's 8: a GOT splits beyond 16,380
 // and 8,190 entries.  n32 position-dependent code reaches no data through
-// the GOT.
+// the GOT.  With 9,000 variables a file, each file after the first gets a
+// secondary GOT of its own, so the layouts put code of two secondary GOTs
+// side by side.
 const Case kCases[] = {
     {"o32", "pie", false, false}, {"o32", "pie", true, true},     {"o32", "no-pie", true, false},
     {"n32", "pie", false, false}, {"n64", "pie", true, true},    {"n64", "no-pie", true, false},
+    {"o32", "pie", false, false, 9000},
 };
 
 } // namespace
@@ -79,9 +83,10 @@ const Case kCases[] = {
 TEST(MultiGot, ProgramsWithSeveralGotsLaidOutAnewPrintWhatTheyPrinted) {
   for (const Case &c : kCases) {
     std::string abi = c.abi;
-    SCOPED_TRACE(abi + " " + c.model + (c.statics ? " with static functions" : ""));
+    SCOPED_TRACE(abi + " " + c.model + (c.statics ? " with static functions" : "") +
+                 (c.n != 0 ? ", " + std::to_string(c.n) + " variables a file" : ""));
     ScratchDir dir("multigot");
-    generate(dir, 4, abi == "n64" ? 2600 : 4200, c.statics);
+    generate(dir, 4, c.n != 0 ? c.n : abi == "n64" ? 2600 : 4200, c.statics);
     BenchExe e;
     e.name = "multigot-" + abi;
     e.path = dir / e.name;
