@@ -131,8 +131,14 @@ TEST(MultiGot, ProgramsWithSeveralGotsLaidOutAnewPrintWhatTheyPrinted) {
     for (LayoutOrder order : {REVERSED, SHUFFLED}) {
       SCOPED_TRACE(order_name(order));
       std::string out = b.path(std::string("out-") + order_name(order));
-      if (!lay_out(e.path, ordered(order, b, e, e.path, {}, nullptr), out))
+      if (!lay_out(e.path, ordered(order, b, e, e.path, {}, nullptr), out)) {
+        // Reversed, the code of each object stays in one piece, as many
+        // pages long as before: the page entries of its GOT cover it once
+        // those its code no longer needs take the new pages.  Only another
+        // order can need more pages than a secondary GOT has.
+        EXPECT_NE(order, REVERSED) << "the reversed layout was refused";
         continue;
+      }
       if (order != REVERSED)
         continue;
       ASSERT_EQ(b.vesk(b.annotated(), ordered(order, b, e, e.path, {}, nullptr), out + ".annotated").status, 0);
