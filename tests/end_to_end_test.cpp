@@ -3,9 +3,9 @@
 // file) in one order (reversed, shuffled, or
 // hottest first from a traced run, taken in turn along the bench so that
 // each order meets every ABI, debug format, code model and relocation
-// style) and must print under qemu what the original printed; vesk reading
-// an o32 mdebug output again must find every procedure where the first run
-// put it; pinned to one core, vesk writes and says the same.
+// style) and must print under qemu what the original printed; the mdebug
+// tables must name the new places of the code, and vesk reading an o32
+// mdebug output again must find every procedure where the first run put it; pinned to one core, vesk writes and says the same.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,6 +23,75 @@ using namespace vesk::test;
 namespace {
 
 class EndToEnd : public testing::TestWithParam<size_t> {}; // the index in the bench
+
+// Where the code at old address a lies after the run that printed map:
+// a procedure moves as one piece, and code the map does not move stays.
+uint64_t moved_to(const std::vector<DebugProc> &map, uint64_t a) {
+  for (const DebugProc &m : map)
+    if (a >= m.old_addr && a - m.old_addr < m.new_hi - m.new_lo)
+      return m.new_lo + (a - m.old_addr);
+  return a;
+}
+
+// The mdebug tables that debuggers read name the new places of the code:
+// every procedure descriptor (its file's base plus its own address, the
+// sum a reader forms), every local symbol of a kind that holds a code
+// address (static, label, procedure, static procedure), every external
+// symbol.  The input names each descriptor's procedure by its symbol.
+void check_mdebug_follows_code(const std::string &in_path, const std::string &out_path,
+                               const std::vector<DebugProc> &map) {
+  using namespace vesk;
+  ElfFile in(in_path), out(out_path);
+  const GElf_Shdr text = in.shdr(".text");
+  auto in_text = [&](uint32_t a) { return a >= text.sh_addr && a < text.sh_addr + text.sh_size; };
+  const Hdrr *ih = record_at<Hdrr>(in.bytes.data(), in.shdr(".mdebug").sh_offset);
+  const Hdrr *oh = record_at<Hdrr>(out.bytes.data(), out.shdr(".mdebug").sh_offset);
+  ASSERT_EQ(uint32_t(ih->ifdMax), uint32_t(oh->ifdMax));
+  auto sym = [](const ElfFile &f, const Hdrr *h, uint32_t i) {
+    return record_at<Symr>(f.bytes.data(), uint64_t(h->cbSymOffset) + i * sizeof(Symr));
+  };
+  size_t checked = 0;
+  for (uint32_t i = 0; i < ih->isymMax; ++i) {
+    uint32_t was = sym(in, ih, i)->value;
+    unsigned st = symr_st(*sym(in, ih, i));
+    if (in_text(was) && (st == 2 || st == 5 || st == 6 || st == 14)) {
+      EXPECT_EQ(uint32_t(sym(out, oh, i)->value), moved_to(map, was)) << std::hex << "local symbol at " << was;
+      ++checked;
+    }
+  }
+  for (uint32_t i = 0; i < ih->iextMax; ++i) {
+    uint32_t was = record_at<Extr>(in.bytes.data(), uint64_t(ih->cbExtOffset) + i * sizeof(Extr))->asym.value;
+    if (in_text(was)) {
+      uint32_t now = record_at<Extr>(out.bytes.data(), uint64_t(oh->cbExtOffset) + i * sizeof(Extr))->asym.value;
+      EXPECT_EQ(now, moved_to(map, was)) << std::hex << "external symbol at " << was;
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 10u);
+  // The descriptors only where the linker did not mark the code PIC: in
+  // PIC code the update takes a descriptor's address for absolute, which
+  // GNU as does not write (it counts from the file's base there too), and
+  // leaves it relative to the base it zeroes.  A known fault; the check
+  // waits for its fix.
+  if (in.ehdr().e_flags & EF_MIPS_PIC)
+    return;
+  IpdCarry carry;
+  for (uint32_t i = 0; i < ih->ifdMax; ++i) {
+    const Fdr *wf = record_at<Fdr>(in.bytes.data(), uint64_t(ih->cbFdOffset) + i * sizeof(Fdr));
+    const Fdr *nf = record_at<Fdr>(out.bytes.data(), uint64_t(oh->cbFdOffset) + i * sizeof(Fdr));
+    ProcRange procs = fdr_proc_range(*wf, false, carry);
+    for (uint64_t k = procs.first; k < procs.first + procs.count; ++k) {
+      const Pdr *wp = record_at<Pdr>(in.bytes.data(), uint64_t(ih->cbPdOffset) + k * sizeof(Pdr));
+      const Pdr *np = record_at<Pdr>(out.bytes.data(), uint64_t(oh->cbPdOffset) + k * sizeof(Pdr));
+      if (uint32_t(wp->isym) == MDEBUG_NIL)
+        continue;
+      uint32_t was = sym(in, ih, uint32_t(wf->isymBase) + uint32_t(wp->isym))->value;
+      if (in_text(was)) {
+        EXPECT_EQ(uint32_t(nf->adr + np->adr), moved_to(map, was)) << std::hex << "procedure descriptor of " << was;
+      }
+    }
+  }
+}
 
 } // namespace
 
@@ -123,34 +192,23 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
   RunResult run = run_bench(*e, out);
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, e->expected);
+  if (e->debug == "mdebug")
+    check_mdebug_follows_code(e->path, out, address_mapping(r.out));
   // A second run on a PIC n32/n64 output would not find the data words the
   // first run repaired (their records are not kept in the rebuilt stream).
   if (e->debug != "mdebug" || e->abi != "o32")
     return;
 
-  // The mdebug symbols followed the code: a second run reads every
-  // procedure at its new address, says its input was processed already,
-  // and lays it out again.  ".libstub" is no mdebug procedure and always
-  // starts the text; the start files' code it stood for is found again by
-  // the first of their function symbols.
+  // A second run reads every procedure at its new address, says its input
+  // was processed already, and lays it out again.  ".libstub" is no mdebug
+  // procedure and always starts the text; the start files' code it stood
+  // for is found again by the first of their function symbols.
   std::multimap<std::string, uint64_t> expected, got;
-  std::map<uint64_t, uint64_t> new_start;
   for (const DebugProc &m : address_mapping(r.out)) {
-    new_start[m.old_addr] = m.new_lo;
     if (m.name != ".libstub")
       expected.emplace(m.name, m.new_lo);
     else if (m.new_lo != m.old_addr)
       expected.emplace("__start", m.new_lo);
-  }
-  // So did the local symbols of the procedures (stProc, stStaticProc),
-  // which debuggers read.
-  ElfFile before(b.annotated()), after(out);
-  const vesk::Hdrr *h = vesk::record_at<vesk::Hdrr>(before.bytes.data(), before.shdr(".mdebug").sh_offset);
-  for (uint32_t i = 0, off = h->cbSymOffset; i < h->isymMax; ++i, off += sizeof(vesk::Symr)) {
-    auto *was = vesk::record_at<vesk::Symr>(before.bytes.data(), off);
-    if ((vesk::symr_st(*was) == 6 || vesk::symr_st(*was) == 14) && new_start.count(was->value)) {
-      EXPECT_EQ(uint32_t(vesk::record_at<vesk::Symr>(after.bytes.data(), off)->value), new_start[was->value]) << i;
-    }
   }
   const std::string again = b.path("again");
   r = b.vesk(out, random_order(b, e->name + " again"), again, {"-debug"});
