@@ -79,10 +79,13 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
   if (range.first > hdr.ipdMax || range.count > uint32_t(hdr.ipdMax) - range.first)
     error("mdebug pdr of ifd %d beyond the table: %llu + %llu > ipdMax %u", int(ifd),
           (unsigned long long)range.first, (unsigned long long)range.count, uint32_t(hdr.ipdMax));
-  // PDR addresses are relative to the file's base, except in PIC code and
-  // where the first descriptor already holds the base (absolute addresses).
+  // PDR addresses are relative to the file's base, except where the first
+  // descriptor already holds the base (absolute addresses).  PIC code's
+  // are taken for absolute by some tools, but GNU as counts them from the
+  // base there too: there the base counts where the address lands in
+  // .text only with it.
   uint32_t base = fdr.adr;
-  if (bin.pic_kind == 0 || uint32_t(pdrs[0].adr) == base)
+  if (uint32_t(pdrs[0].adr) == base)
     base = 0;
   for (uint64_t k = 0; k < range.count; ++k) {
     Pdr &pd = pdrs[k];
@@ -91,7 +94,8 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
       dump("cur_pdr->adr = %#x", adr);
     if (uint32_t(pd.isym) == MDEBUG_NIL)
       continue;
-    uint64_t a = uint32_t(adr + base);
+    bool from_base = bin.pic_kind != 0 || (!in_text(adr) && in_text(uint32_t(adr + base)));
+    uint64_t a = uint32_t(adr + (from_base ? base : 0));
     if (in_text(a)) {
       pd.adr = uint32_t(text_map_of(a));
     } else {

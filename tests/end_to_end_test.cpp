@@ -68,13 +68,6 @@ void check_mdebug_follows_code(const std::string &in_path, const std::string &ou
     }
   }
   EXPECT_GT(checked, 10u);
-  // The descriptors only where the linker did not mark the code PIC: in
-  // PIC code the update takes a descriptor's address for absolute, which
-  // GNU as does not write (it counts from the file's base there too), and
-  // leaves it relative to the base it zeroes.  A known fault; the check
-  // waits for its fix.
-  if (in.ehdr().e_flags & EF_MIPS_PIC)
-    return;
   IpdCarry carry;
   for (uint32_t i = 0; i < ih->ifdMax; ++i) {
     const Fdr *wf = record_at<Fdr>(in.bytes.data(), uint64_t(ih->cbFdOffset) + i * sizeof(Fdr));
