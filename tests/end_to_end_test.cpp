@@ -5,7 +5,8 @@
 // each order meets every ABI, debug format, code model and relocation
 // style) and must print under qemu what the original printed; the mdebug
 // tables must name the new places of the code, and vesk reading an o32
-// mdebug output again must find every procedure where the first run put it; pinned to one core, vesk writes and says the same.
+// mdebug output again must find every procedure where the first run put
+// it; pinned to one core, vesk writes and says the same.
 #include <gtest/gtest.h>
 
 #include <algorithm>
