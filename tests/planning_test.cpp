@@ -275,9 +275,13 @@ struct Feedback : Planning {
   std::vector<std::string> paths;
   std::vector<const char *> files;
 
-  // Procedures a..e of a.c and a of b.c, then the given feedback files read.
-  void read(const std::vector<std::string> &contents) {
+  std::string err; // what reading them printed
+
+  // Procedures a..e of a.c and a of b.c, then the given feedback files read
+  // (each behind the header), for a program with DWARF or mdebug.
+  void read(const std::vector<std::string> &contents, bool dwarf = false, const std::string &header = kHeader) {
     fresh_run();
+    bin.debug_kind = dwarf ? DEBUG_DWARF : DEBUG_MDEBUG;
     option.program = "/some/where/prog";
     for (const char *n : {"a", "b", "c", "d", "e"})
       make(n, 0x10000 + 16 * uint64_t(n[0] - 'a'), 16);
@@ -287,14 +291,14 @@ struct Feedback : Planning {
     files.clear();
     for (const std::string &c : contents) {
       paths.push_back(dir / ("f" + std::to_string(paths.size()) + ".fb"));
-      write_file(paths.back(), kHeader + c);
+      write_file(paths.back(), header + c);
       files.push_back(paths.back().c_str());
     }
     files.push_back(nullptr);
     option.feedback_files = files.data();
     testing::internal::CaptureStderr();
     read_reorder_files();
-    testing::internal::GetCapturedStderr();
+    err = testing::internal::GetCapturedStderr();
   }
   // The list as "name(file) count".
   static Order counted() {
@@ -334,6 +338,16 @@ TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
     read(files);
     EXPECT_EQ(counted(), expected) << files[0];
   }
+  // DWARF names a unit by its file alone: a line's directories do not
+  // count.  A file written for a program of another name says so.
+  read({"e /some/dir/a.c 9\n"}, true);
+  EXPECT_EQ(counted().front(), "e(a.c) 9");
+  const std::string named = "$magic 269680640\n$version 2\n$name /else/where/";
+  read({"c a.c 1\n"}, false, named + "prog\n$start\n");
+  EXPECT_EQ(err.find("derived from"), std::string::npos) << err;
+  read({"c a.c 1\n"}, false, named + "other\n$start\n");
+  EXPECT_NE(err.find("Warning: feedback file " + paths[0] + " derived from /else/where/other !!!"), std::string::npos)
+      << err;
 }
 
 // Feedback lines find the first unlisted record of a name at or behind the
