@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 
+#include "mdebug/records.h"
 #include "support/bench.h"
 
 using namespace vesk::test;
@@ -99,3 +100,31 @@ TEST_P(Coverage, EveryWordOfEveryFunctionSymbolLiesInANamedProcedure) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Executables, Coverage, testing::ValuesIn(coverage_names()));
+
+// A file's first procedure descriptor is 16 bits wide: in a program of more
+// than 65,535 procedures the files' values start again from 0, which the
+// walk over the files counts as one more 64 K (not for a file without
+// procedures, nor one whose extension bits are set); with -B the linker's
+// extension bits are taken instead.
+TEST(MdebugFiles, ProcedureRangesPastSixtyFourThousandDescriptors) {
+  using namespace vesk;
+  struct Case {
+    uint32_t first, count, bits;
+    ProcRange walked, with_b;
+  } cases[] = {
+      {0, 0xfff0, 0, {0, 0xfff0}, {0, 0xfff0}},
+      {0xfff0, 0x20, 0, {0xfff0, 0x20}, {0xfff0, 0x20}},
+      {0x10, 0, 0, {0x10, 0}, {0x10, 0}},                  // no procedures: no wrap
+      {0x8, 5, 0, {0x10008, 5}, {0x8, 5}},                 // a wrap
+      {0x3, 2, 1u << 17, {0x10003, 2}, {0x10003, 2}},      // extension bits: no wrap
+      {0x4, 1, 1u << 13, {0x10004, 1}, {0x4, 0x10001}},    // a count's extension bits
+  };
+  IpdCarry walk, with_b;
+  for (const Case &c : cases) {
+    Fdr f{};
+    f.ipdFirst = uint16_t(c.first), f.cpd = uint16_t(c.count), f.bits = c.bits;
+    ProcRange r = fdr_proc_range(f, false, walk), b = fdr_proc_range(f, true, with_b);
+    EXPECT_TRUE(r.first == c.walked.first && r.count == c.walked.count) << std::hex << c.first << ": " << r.first;
+    EXPECT_TRUE(b.first == c.with_b.first && b.count == c.with_b.count) << std::hex << c.first << ": " << b.first;
+  }
+}
