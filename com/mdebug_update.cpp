@@ -83,10 +83,17 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
   // descriptor already holds the base (absolute addresses).  PIC code's
   // are taken for absolute by some tools, but GNU as counts them from the
   // base there too: there the base counts where the address lands in
-  // .text only with it.
+  // .text only with it.  In a PIE whose text lies low both readings can
+  // land in .text; the procedure's own symbol, which holds its absolute
+  // address, then says which one is meant.
   uint32_t base = fdr.adr;
   if (uint32_t(pdrs[0].adr) == base)
     base = 0;
+  // The same records, with the same message, as the file's local symbols
+  // are repaired from right after.
+  uint32_t sym_count = fdr.csym;
+  const Symr *syms =
+      sym_count != 0 ? records_in<Symr>(m, hdr.cbSymOffset, fdr.isymBase, sym_count, "local symbols", int(ifd)) : nullptr;
   for (uint64_t k = 0; k < range.count; ++k) {
     Pdr &pd = pdrs[k];
     uint32_t adr = pd.adr;
@@ -95,6 +102,13 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
     if (uint32_t(pd.isym) == MDEBUG_NIL)
       continue;
     bool from_base = bin.pic_kind != 0 || (!in_text(adr) && in_text(uint32_t(adr + base)));
+    if (base != 0 && in_text(adr) && in_text(uint32_t(adr + base)) && uint32_t(pd.isym) < sym_count) {
+      uint32_t sym_value = syms[uint32_t(pd.isym)].value;
+      if (sym_value == uint32_t(adr + base))
+        from_base = true;
+      else if (sym_value == adr)
+        from_base = false;
+    }
     uint64_t a = uint32_t(adr + (from_base ? base : 0));
     if (in_text(a)) {
       pd.adr = uint32_t(text_map_of(a));
