@@ -77,6 +77,8 @@ TEST_P(RealBuild, ReorderedProgramPassesItsOwnTests) {
     EXPECT_TRUE(order != SHUFFLED || double(moved) > 0.95 * double(total));
     RunResult c = check(*e, out);
     EXPECT_EQ(c.status, 0) << c.err;
+    if (e->debug == "mdebug")
+      check_mdebug_follows_code(e->path, out, address_mapping(r.out));
   }
 }
 

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "base/bytes.h"
+#include "mdebug/records.h"
 
 namespace vesk::test {
 
@@ -436,5 +437,72 @@ std::vector<FeedbackLine> ordered(LayoutOrder o, const AnnotatedBench &b, const 
     return random_order(b, e.name);
   return hot_first_order(b, e, exe, args, run);
 }
+
+namespace {
+
+// Where the code at old address a lies after the run that printed map:
+// a procedure moves as one piece, and code the map does not move stays.
+uint64_t moved_to(const std::vector<DebugProc> &map, uint64_t a) {
+  for (const DebugProc &m : map)
+    if (a >= m.old_addr && a - m.old_addr < m.new_hi - m.new_lo)
+      return m.new_lo + (a - m.old_addr);
+  return a;
+}
+
+} // namespace
+
+// The mdebug tables that debuggers read name the new places of the code:
+// every procedure descriptor (its file's base plus its own address, the
+// sum a reader forms), every local symbol of a kind that holds a code
+// address (static, label, procedure, static procedure), every external
+// symbol.  The input names each descriptor's procedure by its symbol.
+void check_mdebug_follows_code(const std::string &in_path, const std::string &out_path,
+                               const std::vector<DebugProc> &map) {
+  using namespace vesk;
+  ElfFile in(in_path), out(out_path);
+  const GElf_Shdr text = in.shdr(".text");
+  auto in_text = [&](uint32_t a) { return a >= text.sh_addr && a < text.sh_addr + text.sh_size; };
+  const Hdrr *ih = record_at<Hdrr>(in.bytes.data(), in.shdr(".mdebug").sh_offset);
+  const Hdrr *oh = record_at<Hdrr>(out.bytes.data(), out.shdr(".mdebug").sh_offset);
+  ASSERT_EQ(uint32_t(ih->ifdMax), uint32_t(oh->ifdMax));
+  auto sym = [](const ElfFile &f, const Hdrr *h, uint32_t i) {
+    return record_at<Symr>(f.bytes.data(), uint64_t(h->cbSymOffset) + i * sizeof(Symr));
+  };
+  size_t checked = 0;
+  for (uint32_t i = 0; i < ih->isymMax; ++i) {
+    uint32_t was = sym(in, ih, i)->value;
+    unsigned st = symr_st(*sym(in, ih, i));
+    if (in_text(was) && (st == 2 || st == 5 || st == 6 || st == 14)) {
+      EXPECT_EQ(uint32_t(sym(out, oh, i)->value), moved_to(map, was)) << std::hex << "local symbol at " << was;
+      ++checked;
+    }
+  }
+  for (uint32_t i = 0; i < ih->iextMax; ++i) {
+    uint32_t was = record_at<Extr>(in.bytes.data(), uint64_t(ih->cbExtOffset) + i * sizeof(Extr))->asym.value;
+    if (in_text(was)) {
+      uint32_t now = record_at<Extr>(out.bytes.data(), uint64_t(oh->cbExtOffset) + i * sizeof(Extr))->asym.value;
+      EXPECT_EQ(now, moved_to(map, was)) << std::hex << "external symbol at " << was;
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 10u);
+  IpdCarry carry;
+  for (uint32_t i = 0; i < ih->ifdMax; ++i) {
+    const Fdr *wf = record_at<Fdr>(in.bytes.data(), uint64_t(ih->cbFdOffset) + i * sizeof(Fdr));
+    const Fdr *nf = record_at<Fdr>(out.bytes.data(), uint64_t(oh->cbFdOffset) + i * sizeof(Fdr));
+    ProcRange procs = fdr_proc_range(*wf, false, carry);
+    for (uint64_t k = procs.first; k < procs.first + procs.count; ++k) {
+      const Pdr *wp = record_at<Pdr>(in.bytes.data(), uint64_t(ih->cbPdOffset) + k * sizeof(Pdr));
+      const Pdr *np = record_at<Pdr>(out.bytes.data(), uint64_t(oh->cbPdOffset) + k * sizeof(Pdr));
+      if (uint32_t(wp->isym) == MDEBUG_NIL)
+        continue;
+      uint32_t was = sym(in, ih, uint32_t(wf->isymBase) + uint32_t(wp->isym))->value;
+      if (in_text(was)) {
+        EXPECT_EQ(uint32_t(nf->adr + np->adr), moved_to(map, was)) << std::hex << "procedure descriptor of " << was;
+      }
+    }
+  }
+}
+
 
 } // namespace vesk::test

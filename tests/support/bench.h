@@ -110,6 +110,12 @@ struct DebugProc {
 };
 std::vector<DebugProc> address_mapping(const std::string &debug_out);
 std::vector<DebugProc> procedure_table(const std::string &debug_out);
+// The mdebug tables of out name the new places of the code that vesk moved
+// as map (its -debug address mapping) says: every procedure descriptor
+// (its file's base plus its own address), every local symbol of a kind that
+// holds a code address, every external symbol.
+void check_mdebug_follows_code(const std::string &in_path, const std::string &out_path,
+                               const std::vector<DebugProc> &map);
 
 // An o32 executable annotated by vesk-annotate in a private directory, and
 // its procedures in the order vesk lays them out without feedback.
