@@ -92,6 +92,76 @@ TEST(Annotate, DescribesPairsWordsAndGpRelativeWords) {
   EXPECT_EQ(run_o32(out).out, "42 43\n");
 }
 
+// References that an entry can describe only up to a point: each program
+// is annotated (and then must still print what it printed) or refused with
+// the reason, never described wrongly.
+TEST(Annotate, DescribesWhatAnEntryCanHoldAndRefusesTheRest) {
+  // get() in assembly behind f2, which returns 42; main prints what get
+  // returns.
+  auto program = [](const std::string &body) {
+    return "#include <stdio.h>\nextern int get(void);\n__asm__(\".text\\n .globl f2\\n .ent f2\\nf2:\\n .set "
+           "noreorder\\n jr $31\\n li $2,42\\n .end f2\\n .globl get\\n .ent get\\nget:\\n" +
+           body + " .end get\\n .set reorder\\n\");\nint main(void) { printf(\"%d\\n\", get()); return 0; }\n";
+  };
+  // A _gp_disp set-up whose %lo lies `gap` words behind its %hi (gp is
+  // saved around it: nothing here reads it), then 42 from f2 called
+  // through $25.
+  auto gp_disp = [](int gap) {
+    return " addiu $sp,$sp,-32\\n sw $31,28($sp)\\n sw $28,24($sp)\\n lui $28,%hi(_gp_disp)\\n"
+           " .rept " + std::to_string(gap - 1) + "\\n nop\\n .endr\\n addiu $28,$28,%lo(_gp_disp)\\n"
+           " lui $25,%hi(f2)\\n addiu $25,$25,%lo(f2)\\n jalr $25\\n nop\\n lw $28,24($sp)\\n lw $31,28($sp)\\n"
+           " jr $31\\n addiu $sp,$sp,32\\n";
+  };
+  // Two %hi of f2 that form different addresses with a %lo of f2, then a
+  // third one that loads $3.
+  const std::string two_his = " lui $3,%hi(f2)\\n addiu $9,$3,%lo(f2)\\n lui $3,%hi(f2+0x10000)\\n"
+                              " addiu $9,$3,%lo(f2+0x10000)\\n lui $3,%hi(f2)\\n";
+  const char *const several = "one of several %hi that form different addresses";
+  const struct {
+    const char *what;
+    std::string body;
+    const char *refusal; // empty: annotated, and it prints 42
+  } cases[] = {
+      // Where the nearest load of a %lo's register cannot be trusted, the
+      // %lo is not paired with it; among several candidates it is refused.
+      {"a %lo behind a call, which may change its register",
+       two_his + " jal f2\\n nop\\n addiu $2,$3,%lo(f2)\\n jr $31\\n nop\\n", several},
+      {"a %lo where a jump lands", two_his + " b 1f\\n nop\\n1: addiu $2,$3,%lo(f2)\\n jr $31\\n nop\\n", several},
+      // An entry says how far a _gp_disp %lo lies behind its %hi in 8 bits
+      // of words.
+      {"a _gp_disp pair 255 words apart", gp_disp(255), ""},
+      {"a _gp_disp pair 256 words apart", gp_disp(256), "cannot be described"},
+      // One %hi whose %lo form f2 and an address outside .text: it cannot
+      // follow f2 without taking the other address with it.
+      {"a %hi shared by code and other data",
+       " lui $3,%hi(f2)\\n addiu $25,$3,%lo(f2)\\n addiu $4,$3,%lo(f2+0x7000)\\n jr $25\\n nop\\n",
+       "is shared by references to different addresses"},
+      // Two %hi of f2 form different addresses with a %lo whose register
+      // came from the stack: the call's own relocation, four words on,
+      // tells which one it completes.
+      {"a %lo told apart by the call it completes",
+       " addiu $sp,$sp,-32\\n sw $31,28($sp)\\n lui $25,%hi(f2)\\n addiu $9,$25,%lo(f2)\\n"
+       " lui $25,%hi(f2+0x10000)\\n addiu $9,$25,%lo(f2+0x10000)\\n lui $25,%hi(f2)\\n sw $25,16($sp)\\n"
+       " lw $25,16($sp)\\n addiu $25,$25,%lo(f2)\\n nop\\n nop\\n nop\\n .reloc 1f,R_MIPS_JALR,f2\\n1: jalr $25\\n"
+       " nop\\n lw $31,28($sp)\\n jr $31\\n addiu $sp,$sp,32\\n",
+       ""},
+  };
+  ScratchDir dir("annotate-limits");
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].what);
+    std::string exe = compile_o32(dir, "limits" + std::to_string(i), program(cases[i].body), {"-fno-pie", "-no-pie"});
+    std::string out = exe + ".ann";
+    RunResult r = run_command({annotate_binary(), exe, "-o", out});
+    if (*cases[i].refusal != 0) {
+      EXPECT_EQ(r.status, 1);
+      EXPECT_NE(r.err.find(cases[i].refusal), std::string::npos) << r.err;
+    } else {
+      ASSERT_EQ(r.status, 0) << r.err;
+      EXPECT_EQ(run_o32(out).out, "42\n");
+    }
+  }
+}
+
 // The parts are placed on their own, and a layout that puts them out of a
 // branch's reach of each other is repaired by moving the cold part behind
 // the hot one.
