@@ -62,10 +62,16 @@ namespace {
 // not follow it in the new layout), in address order, from the word in
 // front of .text to its last one.  Found once per layout: the ranges of
 // units, scopes and line sequences ask about the same words many times.
+// Between two breaks the code moved as one stretch, every byte of it by
+// the same shift: kept for each stretch, so that a range costs no look
+// into the text map (a large program's map is far bigger than the caches).
 struct Breaks {
   const uint32_t *map = nullptr;
   uint64_t words = 0;
   std::vector<uint64_t> at;
+  std::vector<uint64_t> shift; // of the stretch that ends behind at[k]
+  uint64_t tail_shift = 0;     // of the stretch behind the last break
+  uint64_t shift_of(size_t k) const { return k < at.size() ? shift[k] : tail_shift; }
 };
 Breaks breaks;
 // Where the last search ended: the lists and scopes of one function ask
@@ -97,6 +103,11 @@ void find_breaks() {
       check(w);
   if (bin.text_words != 0)
     check(text_end - 4);
+  breaks.shift.resize(breaks.at.size());
+  for (size_t k = 0; k < breaks.at.size(); ++k)
+    breaks.shift[k] = map_byte(breaks.at[k]) - breaks.at[k];
+  uint64_t behind = breaks.at.empty() ? 0 : breaks.at.back() + 4;
+  breaks.tail_shift = map_byte(behind) - behind;
 }
 
 } // namespace
@@ -111,7 +122,7 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   // apart.
   if (breaks.map != bin.text_map || breaks.words != bin.text_words)
     find_breaks();
-  uint64_t start = lo, new_start = map_byte(lo);
+  uint64_t start = lo;
   uint64_t last = (hi - 1) & ~uint64_t(3);
   uint64_t text_end = bin.text_lo + 4 * uint64_t(bin.text_words);
   uint64_t w = std::max(lo & ~uint64_t(3), bin.text_lo >= 4 ? bin.text_lo - 4 : 0);
@@ -133,12 +144,15 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
     k = size_t(std::lower_bound(at.begin() + long(lo), at.begin() + long(hi), w) - at.begin());
   }
   breaks_hint = k;
+  // lo lies in the stretch that ends behind break k (or behind the last).
+  uint64_t new_start = start + breaks.shift_of(k);
   for (; k < at.size() && at[k] < stop; ++k) {
-    out->push_back({start, at[k] + 4, new_start, map_byte(at[k]) + 4});
-    start = at[k] + 4;
-    new_start = map_byte(at[k] + 4);
+    uint64_t end = at[k] + 4;
+    out->push_back({start, end, new_start, new_start + (end - start)});
+    start = end;
+    new_start = end + breaks.shift_of(k + 1);
   }
-  out->push_back({start, hi, new_start, map_byte(hi - 1) + 1});
+  out->push_back({start, hi, new_start, new_start + (hi - start)});
 }
 
 } // namespace dwarf_update
