@@ -333,6 +333,9 @@ TEST_F(Feedback, FilesGiveTheOrderAndTheRestFollowsInTableOrder) {
       // takes the file and count of the last line that had them.
       {{"b a.c 5\n" + std::string(254, '\n') + "c a.c 7\nd\n"},
        {"b(a.c) 5", "c(a.c) 7", "d(a.c) 7", "a(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
+      // A comment line is passed over: a name alone behind it takes the
+      // file and count of the line before.
+      {{"d a.c 9\n# b.c 50\nb\n"}, {"d(a.c) 9", "b(a.c) 9", "a(a.c) 0", "c(a.c) 0", "e(a.c) 0", "a(b.c) 0"}},
   };
   for (const auto &[files, expected] : cases) {
     read(files);
