@@ -92,8 +92,9 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
   // The same records, with the same message, as the file's local symbols
   // are repaired from right after.
   uint32_t sym_count = fdr.csym;
-  const Symr *syms =
-      sym_count != 0 ? records_in<Symr>(m, hdr.cbSymOffset, fdr.isymBase, sym_count, "local symbols", int(ifd)) : nullptr;
+  const Symr *syms = nullptr;
+  if (sym_count != 0)
+    syms = records_in<Symr>(m, hdr.cbSymOffset, fdr.isymBase, sym_count, "local symbols", int(ifd));
   for (uint64_t k = 0; k < range.count; ++k) {
     Pdr &pd = pdrs[k];
     uint32_t adr = pd.adr;
