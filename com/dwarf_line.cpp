@@ -175,9 +175,12 @@ public:
     if (r.epilogue_begin)
       standard(LNS_set_epilogue_begin);
     if (r.discriminator != 0) {
-      Out d;
-      d.uleb(r.discriminator);
-      o.u8(0), o.uleb(1 + d.size()), o.u8(LNE_set_discriminator), o.bytes(d.data(), d.size());
+      // Its operand's length leads it: counted first (no buffer of its
+      // own for every row that has one; GCC gives many rows one).
+      size_t n = 1;
+      for (uint64_t v = r.discriminator >> 7; v != 0; v >>= 7)
+        ++n;
+      o.u8(0), o.uleb(1 + n), o.u8(LNE_set_discriminator), o.uleb(r.discriminator);
     }
     uint64_t adv = advance(addr);
     int64_t dline = int64_t(r.line - st.line);
