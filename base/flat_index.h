@@ -26,15 +26,29 @@ public:
     mask_ = buckets - 1;
     head_.assign(buckets, -1);
     items_.assign(n, Item{});
-    // Built backwards, each item goes in front of its bucket's chain, so
-    // that every chain runs in increasing order.
-    for (size_t i = n; i-- > 0;) {
+    // The hashes first, in table order; then the chains, built backwards
+    // so that each item goes in front of its bucket's chain and every chain
+    // runs in increasing order.  The buckets lie all over their array: each
+    // is fetched some items before it is written.
+    constexpr int32_t kNoKey = -2;
+    for (size_t i = 0; i < n; ++i) {
       size_t h = 0;
-      if (!key_hash(i, h))
+      if (key_hash(i, h))
+        items_[i].hash = h;
+      else
+        items_[i].next = kNoKey;
+    }
+    constexpr size_t kAhead = 16;
+    for (size_t i = n; i-- > 0;) {
+      if (i >= kAhead)
+        __builtin_prefetch(&head_[items_[i - kAhead].hash & mask_], 1);
+      Item &item = items_[i];
+      if (item.next == kNoKey) {
+        item.next = -1;
         continue;
-      items_[i].hash = h;
-      items_[i].next = head_[h & mask_];
-      head_[h & mask_] = int32_t(i);
+      }
+      item.next = head_[item.hash & mask_];
+      head_[item.hash & mask_] = int32_t(i);
     }
   }
 
