@@ -103,7 +103,7 @@ void fix_pdrs(const MdebugBytes &m, const Hdrr &hdr, const Fdr &fdr, uint32_t if
     if (uint32_t(pd.isym) == MDEBUG_NIL)
       continue;
     bool from_base = bin.pic_kind != 0 || (!in_text(adr) && in_text(uint32_t(adr + base)));
-    if (base != 0 && in_text(adr) && in_text(uint32_t(adr + base)) && uint32_t(pd.isym) < sym_count) {
+    if (in_text(adr) && in_text(uint32_t(adr + base)) && uint32_t(pd.isym) < sym_count) {
       uint32_t sym_value = syms[uint32_t(pd.isym)].value;
       if (sym_value == uint32_t(adr + base))
         from_base = true;

@@ -504,5 +504,4 @@ void check_mdebug_follows_code(const std::string &in_path, const std::string &ou
   }
 }
 
-
 } // namespace vesk::test
