@@ -24,6 +24,7 @@ struct Background::Task {
   bool done = false;
   bool dropped = false; // the run ended before collecting it: not begun if it has not begun
   bool in_turn = false; // not handed over: it runs when collected
+  bool independent = false; // the run may take it back from the queue
 };
 
 namespace {
@@ -69,11 +70,19 @@ public:
     return true;
   }
 
-  // Waits for t; with drop, unless it has begun, it never does.
+  // Waits for t; with drop, unless it has begun, it never does.  An
+  // independent task not begun yet is done here, at once.
   void wait(Background::Task &t, bool drop) {
     std::unique_lock<std::mutex> lock(m_);
     if (drop && !t.started)
       t.dropped = true;
+    if (!t.started && !t.dropped && t.independent) {
+      t.started = true; // the second core passes it over
+      lock.unlock();
+      run(t);
+      lock.lock();
+      t.done = true;
+    }
     cv_.wait(lock, [&] { return t.done || t.dropped; });
   }
 
@@ -92,7 +101,7 @@ private:
         cv_.wait(lock, [&] { return !queue_.empty(); });
         t = std::move(queue_.front());
         queue_.pop_front();
-        if (t->dropped)
+        if (t->dropped || t->started)
           continue;
         t->started = true;
       }
@@ -126,6 +135,12 @@ Worker &worker() {
 
 Background::Background(std::function<void()> work) : task_(std::make_shared<Task>()) {
   task_->work = std::move(work);
+  task_->in_turn = !worker().hand_over(task_);
+}
+
+Background::Background(Independent, std::function<void()> work) : task_(std::make_shared<Task>()) {
+  task_->work = std::move(work);
+  task_->independent = true;
   task_->in_turn = !worker().hand_over(task_);
 }
 

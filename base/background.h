@@ -25,6 +25,11 @@ public:
   // its end put off until collect, as for a task handed over.
   struct Now {};
   Background(Now, std::function<void()> work);
+  // A task that needs nothing of the tasks handed over before it: when the
+  // run waits for it before the second core has begun it (that core busy
+  // with earlier work), the run does it itself rather than wait idle.
+  struct Independent {};
+  Background(Independent, std::function<void()> work);
   ~Background();
   Background(const Background &) = delete;
   Background &operator=(const Background &) = delete;

@@ -87,11 +87,10 @@ struct Bin {
   // Contents that sections of the output image point to, kept until the
   // image is written.
   std::deque<std::vector<uint8_t>> out_buffers;
-  // The unwind tables as the tie before the layout read them, for the
-  // update after it (held as the unwind code's own type); and the output
-  // they were read beside.
+  // The unwind tables as read for the tie before the layout, for the
+  // update after it (held as the unwind code's own type; the reading may
+  // still be under way on the second core).
   std::shared_ptr<void> unwind_tables;
-  Elf *unwind_tables_out = nullptr;
   // The input mapped copy-on-write: the output's sections start as views of
   // their input bytes there.
   PrivateMap out_base;

@@ -27,6 +27,7 @@ void end_run() {
   bin.fresh_text.reset();
   bin.gp_ranges_task.reset();
   bin.mdebug_task.reset();
+  bin.unwind_tables.reset();
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

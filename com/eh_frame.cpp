@@ -16,8 +16,10 @@
 #include <cstring>
 #include <gelf.h>
 #include <map>
+#include <memory>
 #include <string>
 
+#include "base/background.h"
 #include "base/bin.h"
 #include "base/bytes.h"
 #include "base/diag.h"
@@ -171,7 +173,8 @@ struct Section {
   size_t size = 0;
 };
 
-Section section_named(const char *name) {
+// The input's section of that name, without its output (see with_output).
+Section input_section_named(const char *name) {
   Section s;
   Elf_Scn *scn = find_section_by_name(bin.in_elf, name);
   GElf_Shdr sh;
@@ -184,9 +187,19 @@ Section section_named(const char *name) {
   s.addr = sh.sh_addr;
   s.in = static_cast<const uint8_t *>(d->d_buf);
   s.size = d->d_size;
-  if (bin.out_elf != nullptr)
-    if (Elf_Data *o = find_section_data_by_name(bin.out_elf, name); o != nullptr && o->d_size == d->d_size)
+  return s;
+}
+
+// The output's contents of s, when there is an output.
+void with_output(Section &s) {
+  if (s.name != nullptr && bin.out_elf != nullptr)
+    if (Elf_Data *o = find_section_data_by_name(bin.out_elf, s.name); o != nullptr && o->d_size == s.size)
       s.out = static_cast<uint8_t *>(o->d_buf);
+}
+
+Section section_named(const char *name) {
+  Section s = input_section_named(name);
+  with_output(s);
   return s;
 }
 
@@ -333,12 +346,14 @@ struct FrameTable {
   std::vector<Fde> fdes;
 };
 
-FrameTable read_frame_table(const char *name, bool debug_frame) {
+// Reads only the section's bytes: it may run on the second core.
+FrameTable read_frame_table(const Section &sec, bool debug_frame) {
   FrameTable t;
-  t.sec = section_named(name);
+  t.sec = sec;
   t.debug_frame = debug_frame;
   if (t.sec.in == nullptr)
     return t;
+  const char *name = sec.name;
   SectionCursor c(t.sec.in, t.sec.size, t.sec.addr, name);
   std::map<size_t, Cie> cies;
   while (c.pos < c.size()) {
@@ -457,10 +472,14 @@ struct Tables {
   std::vector<Lsda> lsdas;
 };
 
-Tables read_tables() {
-  Tables t;
-  t.frames[0] = read_frame_table(".eh_frame", false);
-  t.frames[1] = read_frame_table(".debug_frame", true);
+// The FDEs of both sections; the exception tables they lead to are read
+// after them, in spans_of.
+void read_frames(Tables &t, const Section &eh_frame, const Section &debug_frame) {
+  t.frames[0] = read_frame_table(eh_frame, false);
+  t.frames[1] = read_frame_table(debug_frame, true);
+}
+
+void spans_of(Tables &t) {
   for (const FrameTable &ft : t.frames)
     for (const Fde &f : ft.fdes) {
       uint64_t lo = f.loc.old_value;
@@ -472,8 +491,22 @@ Tables read_tables() {
         t.lsdas.push_back(read_lsda(f.lsda, lo, &s));
       t.spans.push_back(s);
     }
+}
+
+Tables read_tables() {
+  Tables t;
+  read_frames(t, input_section_named(".eh_frame"), input_section_named(".debug_frame"));
+  spans_of(t);
   return t;
 }
+
+// The tables read early, and the input they were read from.
+struct EarlyTables {
+  Elf *in = nullptr;
+  Tables tables;
+  bool spans_done = false;
+  std::unique_ptr<Background> reading; // last: destroyed, and so waited for, first
+};
 
 void store_field(uint8_t *sec_out, uint64_t sec_addr, const char *sec_name, const Field &f, uint64_t value,
                  uint64_t data_base = 0) {
@@ -568,22 +601,50 @@ bool moved_in_one_piece(const UnwindSpan &s) {
   return true;
 }
 
-std::vector<UnwindSpan> unwind_spans() {
-  // Kept for the update: the tables are as large as the program's code.
-  auto t = std::make_shared<Tables>(read_tables());
-  bin.unwind_tables = t;
-  bin.unwind_tables_out = bin.out_elf;
-  return t->spans;
+void start_reading_unwind_tables() {
+  // The sections are found here: the library's handle is this thread's.
+  auto early = std::make_shared<EarlyTables>();
+  early->in = bin.in_elf;
+  Section eh_frame = input_section_named(".eh_frame"), debug_frame = input_section_named(".debug_frame");
+  Tables *t = &early->tables;
+  early->reading = std::make_unique<Background>(Background::Independent{}, [t, eh_frame, debug_frame] { read_frames(*t, eh_frame, debug_frame); });
+  bin.unwind_tables = early;
 }
 
+namespace {
+
+// The tables of this input: those read early, once read, or else read now.
+Tables &input_tables() {
+  auto *early = static_cast<EarlyTables *>(bin.unwind_tables.get());
+  if (early == nullptr || early->in != bin.in_elf) {
+    bin.unwind_tables = std::make_shared<EarlyTables>();
+    early = static_cast<EarlyTables *>(bin.unwind_tables.get());
+    early->in = bin.in_elf;
+    early->tables = read_tables();
+    early->spans_done = true;
+  }
+  if (early->reading != nullptr) {
+    early->reading->collect();
+    early->reading.reset();
+  }
+  if (!early->spans_done) {
+    early->spans_done = true;
+    spans_of(early->tables);
+  }
+  return early->tables;
+}
+
+} // namespace
+
+std::vector<UnwindSpan> unwind_spans() { return input_tables().spans; }
+
 void update_unwind_tables() {
-  // Read again unless the tie read them beside this output.
-  Tables t;
-  if (bin.unwind_tables != nullptr && bin.out_elf != nullptr && bin.unwind_tables_out == bin.out_elf)
-    t = std::move(*static_cast<Tables *>(bin.unwind_tables.get()));
-  else
-    t = read_tables();
+  Tables t = std::move(input_tables());
   bin.unwind_tables.reset();
+  for (FrameTable &ft : t.frames)
+    with_output(ft.sec);
+  for (Lsda &l : t.lsdas)
+    with_output(l.sec);
   for (const UnwindSpan &s : t.spans)
     if (!moved_in_one_piece(s))
       error("%s: the code [%#llx, %#llx) that the FDE at offset %#llx of %s describes was not laid out in one "

@@ -111,6 +111,9 @@ struct UnwindSpan {
   uint64_t fde_offset;
 };
 
+// Run step, once the input is open: reads the FDEs on the second core,
+// for unwind_spans and the update.
+void start_reading_unwind_tables();
 // The spans of every FDE of the input (.eh_frame and .debug_frame).
 std::vector<UnwindSpan> unwind_spans();
 // Whether the code of s kept its distances in the new layout (moved as

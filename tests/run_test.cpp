@@ -7,10 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 #include <unistd.h>
 
 #include "base/background.h"
@@ -208,4 +211,30 @@ TEST(Refusals, WorkBesideTheRunKeepsItsTurn) {
                                                        "Error: ahead failed.\n");
   }
   Background::run_in_turn(false);
+}
+
+// Work that needs nothing of the work handed over before it is done by the
+// run itself while the second core is busy: once, its messages in its turn,
+// and the work queued behind it still waits for it.
+TEST(Refusals, IndependentWorkIsTakenBackFromABusyCore) {
+  std::atomic<bool> release{false};
+  Background busy([&] {
+    for (int i = 0; i < 10000 && !release; ++i) // a bound: a fault fails the test rather than hangs it
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  testing::internal::CaptureStderr();
+  int runs = 0;
+  std::thread::id where;
+  Background own(Background::Independent{}, [&] { ++runs, where = std::this_thread::get_id(), warning("taken back"); });
+  int seen = -1;
+  Background behind([&] { seen = runs; });
+  warning("the run waits");
+  own.collect();
+  EXPECT_EQ(where, std::this_thread::get_id());
+  release = true;
+  busy.collect();
+  behind.collect();
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(seen, 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: the run waits.\nWarning: taken back.\n");
 }

@@ -45,7 +45,12 @@ void run(int argc, char **argv) {
   open_input();
   describe_code_addresses_in_memory();
   parse_input();
-  debug_interface(start_reading_feedback); // the files read beside the discovery
+  // Read on the second core beside the discovery, once it is through with
+  // its share: the feedback files, then the unwind tables.
+  debug_interface([] {
+    start_reading_feedback();
+    start_reading_unwind_tables();
+  });
   read_reorder_files();
   if (option.debug)
     dump_procs();

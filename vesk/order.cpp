@@ -102,7 +102,7 @@ void lay_out_text(const std::vector<Proc *> &order) {
   // its back half is marked on the second core while the spans are found.
   uint64_t half = bin.text_words / 2;
   uint32_t *map = bin.text_map;
-  Background mark([map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
+  Background mark(Background::Independent{}, [map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
 
   // The spans first, then the copies: a shuffled order reads the text from
   // everywhere, and knowing the spans ahead lets the words, their map
@@ -154,7 +154,7 @@ void lay_out_text(const std::vector<Proc *> &order) {
     if (middle == spans.size() && fill - stub_words > (bin.text_words - stub_words) / 2)
       middle = i + 1;
   }
-  Background back([&spans, &at, middle] { place_apart(spans, at, middle, spans.size()); });
+  Background back(Background::Independent{}, [&spans, &at, middle] { place_apart(spans, at, middle, spans.size()); });
   if (stub_words != 0) {
     for (uint64_t k = 0; k < stub_words; ++k)
       map[k] = uint32_t(k);
