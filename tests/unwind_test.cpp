@@ -4,6 +4,7 @@
 // damaged unwind tables refused, and the pointer encodings of the tables.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
@@ -73,6 +74,18 @@ asm(".text\n.set push\n.set noreorder\n"
     "  jr $31\n  addiu $2,$4,2\n.cfi_endproc\n.size pair_b,.-pair_b\n.set pop\n");
 __attribute__((noinline)) int twice(int x) { return pair_a(x) + pair_b(x); }
 int main(int argc, char **argv) { (void)argv; printf("%d\n", twice(argc)); return 0; })src";
+
+// The same FDE over code between the two functions that no symbol names:
+// that code goes behind every procedure, so the FDE cannot stay whole.
+const char kTorn[] = R"src(#include <stdio.h>
+int pair_a(int), pair_b(int);
+asm(".text\n.set push\n.set noreorder\n"
+    ".globl pair_a\n.type pair_a,@function\npair_a:\n.cfi_startproc\n"
+    "  jr $31\n  addiu $2,$4,1\n.size pair_a,.-pair_a\n"
+    "  addiu $2,$2,7\n  addiu $2,$2,7\n"
+    ".globl pair_b\n.type pair_b,@function\npair_b:\n"
+    "  jr $31\n  addiu $2,$4,2\n.cfi_endproc\n.size pair_b,.-pair_b\n.set pop\n");
+int main(int argc, char **argv) { (void)argv; printf("%d\n", pair_a(argc) + pair_b(argc)); return 0; })src";
 
 struct Program {
   const char *stem, *src;
@@ -180,6 +193,23 @@ TEST(Unwinding, DamagedTablesAreRefused) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Error: " + bad + ": " + c.message), std::string::npos) << r.err;
   }
+}
+
+// A layout that tears the code of one FDE apart is refused, and leaves no
+// output: the unwinder would not find the frames of the moved part.
+TEST(Unwinding, CodeOfOneFdeLaidOutInPiecesIsRefused) {
+  ScratchDir dir("unwind-torn");
+  std::string exe = compile_o32(dir, "torn", kTorn, {"-g"}, false);
+  std::string ann = exe + ".ann", out = dir / "out";
+  ASSERT_EQ(run_command({annotate_binary(), exe, "-o", ann}).status, 0);
+  write_file(dir / "fb", kNoFeedback);
+  RunResult r = run_vesk({ann, dir / "fb", "-o", out});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(std::regex_search(r.err, std::regex("Error: " + ann + ": the code \\[0x[0-9a-f]+, 0x[0-9a-f]+\\) that "
+                                                  "the FDE at offset 0x[0-9a-f]+ of .debug_frame describes was not "
+                                                  "laid out in one piece")))
+      << r.err;
+  EXPECT_FALSE(std::filesystem::exists(out));
 }
 
 // Every pointer encoding GCC and GNU ld write: stored and read back at a
