@@ -273,7 +273,9 @@ template <bool is64> std::string synthetic_image() {
     text[k] = 0x0c000000u | uint32_t((TEXT + 4 * ((k * 37 + 5) % 128)) >> 2 & 0x3ffffff); // jal
     text[k + 2] = 0x10000000u | (uint32_t((k * 13) % 128 - k - 3) & 0xffff);             // b
   }
-  std::vector<Dyn> dyn = {{DT_INIT, {INIT}},          {DT_FINI, {TEXT + 0x10}}, {DT_MIPS_TIME_STAMP, {5}},
+  // One of DT_INIT and DT_FINI names a function of .text (-Wl,-init=), the other .init, which stays.
+  std::vector<Dyn> dyn = {{DT_INIT, {is64 ? INIT : TEXT + 0x18}}, {DT_FINI, {is64 ? TEXT + 0x10 : INIT}},
+                          {DT_MIPS_TIME_STAMP, {5}},
                           {DT_MIPS_FLAGS, {0x2}},     {DT_PLTGOT, {GOT}},      {DT_MIPS_LOCAL_GOTNO, {6}},
                           {DT_NULL, {0}}};
   std::vector<Rel> rels = {rel(0, 0), rel(DATA, 3), rel(DATA + (is64 ? 8 : 4), 2), rel(GOT + 5 * (is64 ? 8 : 4), 3)};
