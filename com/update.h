@@ -89,7 +89,8 @@ uint32_t got_index_by_gpoffset(int32_t off, uint64_t gp = 0);
 // The entry (4 or 8 bytes by class, returned whole) at gp-relative offset off.
 uint64_t got_content_by_gpoffset(int32_t off, uint64_t gp = 0);
 // The first local GOT entry, from index 1, whose value lies within a signed
-// 16-bit offset of addr (low 32 bits): sets *index and *diff (addr - value).
+// 16-bit offset of addr (every bit of a 64-bit entry counts): sets *index
+// and *diff (addr - value).
 // Entries that the GOT update re-pointed are passed over.  False when none
 // qualifies.  For code using a secondary GOT's gp, only the page entries
 // that gp reaches qualify.
