@@ -409,3 +409,55 @@ TEST(WriteImage, NotesGoBackToTheFilesOrder) {
     EXPECT_EQ(out, c.file) << "align " << c.align << ", " << c.file.size() << " bytes";
   }
 }
+
+// A branch or jump that cannot reach its target from its new place ends
+// the run (the planning keeps them in reach; this is the last guard before
+// a wrong program is written): a branch whose new offset leaves the signed
+// 16 bits of words, either way and at the edges, and a jump whose new place
+// lies in another 256 MB region than its target.
+TEST(Relayout, ABranchOrJumpThatCannotReachFromItsNewPlaceEndsTheRun) {
+  const struct {
+    uint64_t text_lo;
+    uint32_t word;         // at old word 0, its target old word 1
+    uint32_t moved_to[2];  // the new word indexes of old words 0 and 1
+    const char *refusal;   // null: patched
+  } cases[] = {
+      {0x400000, 0x10000000, {0, 32768}, nullptr}, // b: offset 32767 words
+      {0x400000, 0x10000000, {0, 32769}, "branch new offset 0x8000 at 0x400000 out of range"},
+      {0x400000, 0x10000000, {32767, 0}, nullptr}, // -32768
+      {0x400000, 0x10000000, {32768, 0}, "branch new offset 0xffff7fff at 0x400000 out of range"},
+      {0x0ffe0000, 0x0bff8001, {0, 1}, nullptr}, // j, both below 0x10000000
+      {0x0ffe0000, 0x0bff8001, {0x7fff, 1}, "jump at 0xffe0000 cannot reach 0xffe0004 from its new place 0xffffffc"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.word << " moved to " << c.moved_to[0] << ", " << c.moved_to[1]);
+    fresh_run();
+    const uint32_t words = 0x10000;
+    std::vector<uint8_t> in(4 * words), out(4 * words);
+    std::vector<uint32_t> map(words, words - 1); // the other words, all nops, go anywhere
+    map[0] = c.moved_to[0], map[1] = c.moved_to[1];
+    store32(&in[0], c.word);
+    store32(&out[4 * map[0]], c.word);
+    bin.text_lo = c.text_lo;
+    bin.text_words = words;
+    bin.text_hi = c.text_lo + 4 * words;
+    bin.exec_lo = bin.text_lo, bin.exec_hi = bin.text_hi;
+    bin.text_buf = in.data();
+    bin.new_text = out.data();
+    bin.text_map = map.data();
+    StepResult r = run_step(update_branch_offset);
+    if (c.refusal != nullptr) {
+      EXPECT_EQ(r.status, 1);
+      EXPECT_NE(r.err.find(c.refusal), std::string::npos) << r.err;
+      continue;
+    }
+    ASSERT_EQ(r.status, 0) << r.err;
+    uint64_t from = c.text_lo + 4 * map[0], to = c.text_lo + 4 * map[1];
+    uint32_t w = load32(&out[4 * map[0]]);
+    if (c.word >> 26 == 4)
+      EXPECT_EQ(from + 4 + 4 * int64_t(int16_t(w & 0xffff)), to);
+    else
+      EXPECT_EQ((from + 4) & ~0x0fffffffull | uint64_t(w & 0x03ffffff) << 2, to);
+  }
+  fresh_run();
+}
