@@ -66,8 +66,6 @@ struct Bin {
   uint32_t rpt_size = 0;
   uint32_t line_offset = 0;
   uint32_t line_size = 0;
-  uint32_t text_shift = 0;
-  uint32_t text_grow = 0;
   int in_fd = -1;
   int input_mapped = 0; // the input's image is its file mapped read-only: 1 yes, -1 no, 0 not known yet
   int out_fd = -1;

@@ -68,7 +68,7 @@ void update_jump(uint32_t word, uint64_t old_pc) {
   uint64_t new_target = 0;
   bool known = map_text_address(target, &new_target);
   if (!known && !in_text(target) && target >= bin.exec_lo && target < bin.exec_hi && target > bin.text_hi) {
-    new_target = target + bin.text_shift;
+    new_target = target; // code behind .text stays where it is
     known = true;
   }
   uint64_t new_pc;

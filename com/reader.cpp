@@ -330,8 +330,6 @@ void parse_input() {
   bin.exec_hi = 0;
   bin.gp_value = 0;
   bin.gp_full = 0;
-  bin.text_shift = 0;
-  bin.text_grow = 0;
   bin.entry = bin.in_ehdr.e_entry;
 
   for (size_t i = 0; i < shnum; ++i) {

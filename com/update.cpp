@@ -17,13 +17,7 @@ namespace vesk {
 
 uint64_t repoint_code_address(uint64_t a) {
   uint64_t moved;
-  if (map_text_address(a, &moved))
-    return moved;
-  if (in_text(a) || a < bin.exec_lo || a >= bin.exec_hi)
-    return a;
-  if (a <= bin.text_hi)
-    return a; // executable code in front of .text does not move
-  return a + bin.text_shift;
+  return map_text_address(a, &moved) ? moved : a; // code outside .text does not move
 }
 
 void update_elf_header() { bin.is_elf32 ? update_elf_header32() : update_elf_header64(); }

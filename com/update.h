@@ -51,8 +51,7 @@ inline uint8_t *new_text_word(uint64_t new_addr) {
 }
 
 // Re-points one stored code address in place (host-order value): .text
-// through the text map, executable code behind .text by bin.text_shift,
-// everything else unchanged.
+// through the text map, everything else unchanged.
 void check_for_text_and_update32(uint32_t *a);
 void check_for_text_and_update64(uint64_t *a);
 

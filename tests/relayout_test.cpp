@@ -457,7 +457,7 @@ TEST(Relayout, ABranchOrJumpThatCannotReachFromItsNewPlaceEndsTheRun) {
     if (c.word >> 26 == 4)
       EXPECT_EQ(from + 4 + 4 * int64_t(int16_t(w & 0xffff)), to);
     else
-      EXPECT_EQ((from + 4) & ~0x0fffffffull | uint64_t(w & 0x03ffffff) << 2, to);
+      EXPECT_EQ(((from + 4) & ~0x0fffffffull) | uint64_t(w & 0x03ffffff) << 2, to);
   }
   fresh_run();
 }
