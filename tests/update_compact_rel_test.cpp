@@ -194,3 +194,43 @@ TEST(UpdateCompactRel, SingleInstructionsOfOneAddressAgreeInAnyOrder) {
   for (const CompactRelEntry &e : im.result())
     EXPECT_EQ(e.konst, 0x408000u);
 }
+
+// The gp set-up pairs: gp minus the address the set-up runs at (with the
+// value as konst), or minus its addiu's address (without).
+TEST(UpdateCompactRel, GpSetUpsFollowTheirCode) {
+  Image im;
+  im.text[0] = lui(28, 0), im.text[1] = addiu(28, 28, 0); // no value until vesk writes one
+  im.text[4] = lui(28, mips::hi16_adjusted(GP - B)), im.text[5] = addiu(28, 28, (GP - B) & 0xffff);
+  im.entries = {{6, 0, 4, A}, {4, GP - B, 4, B}};
+  im.load();
+  testing::internal::CaptureStderr();
+  update_compact_rel();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  // A now lies at 0x408000, B at 0x407ff0.
+  EXPECT_EQ(formed(im.new_word(0x408000), im.new_word(0x408004)), GP - 0x408004);
+  EXPECT_EQ(formed(im.new_word(TEXT), im.new_word(TEXT + 4)), GP - TEXT);
+}
+
+// An instruction described alone that does not form the address its
+// entry names ends the run: the section is damaged or describes another
+// program.
+TEST(UpdateCompactRel, SingleInstructionsThatDoNotFormTheirAddressAreRefused) {
+  const struct {
+    uint32_t insn;
+    CompactRelEntry e;
+  } cases[] = {
+      {lw(25, 28, PLTGOT + 4 - GP), {5, 0x420000, 0, B}}, // its page 0x400000 does not reach
+      {lui(2, 0x41), {7, A, 0, B}},                       // A's %hi is 0x40
+      {addiu(2, 2, 0x7ff4), {7, A, 0, B}},                // and its %lo 0x7ff0
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.insn);
+    Image im;
+    im.text[4] = c.insn;
+    im.entries = {c.e};
+    im.load();
+    StepResult r = run_step(update_compact_rel);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("does not match the instruction there"), std::string::npos) << r.err;
+  }
+}
