@@ -253,6 +253,7 @@ private:
     if (wide == bool(bin.is_elf32))
       error("a %s record at %#llx in a %d-bit executable", event_kind_string(kind).c_str(), (unsigned long long)a,
             bin.is_elf32 ? 32 : 64);
+    w_.keep(kind, a, count); // the words stay where they are: a later run repairs them again
     size_t n = wide ? 8 : 4;
     for (uint64_t i = 0; i < count; ++i) {
       uint64_t at = a + n * i;
@@ -356,8 +357,7 @@ std::vector<uint8_t> EventsWriter::build() {
       store64(b, k.val1);
       out.insert(out.end(), b, b + 8);
     } else if (op == EventOperand::uleb && k.kind >= CK_INSTR && k.kind <= CK_NO_REORDER) {
-      // Only the annotation writes these (a count of data words); vesk
-      // itself keeps none.
+      // A count of data words.
       uint64_t n = k.val1;
       for (; n >= 0x80; n >>= 7)
         out.push_back(uint8_t(0x80 | (n & 0x7f)));
@@ -433,6 +433,13 @@ void foreach_event(Elf *elf, EventsWriter *writer, const EventCallback &callback
       d->d_size = kept.size();
       set_section_size(scn, kept.size());
     } else {
+      // The old records name the old addresses: a later run would repair
+      // the code by them.  The section stays, but no longer as events, so a
+      // later run that moves code refuses the program instead.
+      GElf_Shdr retyped = sh;
+      retyped.sh_type = SHT_PROGBITS;
+      if (gelf_update_shdr(scn, &retyped) == 0)
+        error("%s: cannot update section %s", option.program, name);
       warning(".events over-expands, vesk'ed binary can't be instrumented");
     }
   }
