@@ -607,7 +607,8 @@ void start_reading_unwind_tables() {
   early->in = bin.in_elf;
   Section eh_frame = input_section_named(".eh_frame"), debug_frame = input_section_named(".debug_frame");
   Tables *t = &early->tables;
-  early->reading = std::make_unique<Background>(Background::Independent{}, [t, eh_frame, debug_frame] { read_frames(*t, eh_frame, debug_frame); });
+  early->reading = std::make_unique<Background>(Background::Independent{},
+                                                [t, eh_frame, debug_frame] { read_frames(*t, eh_frame, debug_frame); });
   bin.unwind_tables = early;
 }
 

@@ -310,7 +310,8 @@ void start_reading_feedback() {
     const char *path = option.feedback_files[i];
     reading->paths.push_back(path);
     FeedbackText &text = reading->texts.emplace_back();
-    reading->tasks.push_back(std::make_unique<Background>(Background::Independent{}, [path, &text] { read_feedback_text(path, text); }));
+    reading->tasks.push_back(
+        std::make_unique<Background>(Background::Independent{}, [path, &text] { read_feedback_text(path, text); }));
   }
   bin.feedback_reading = reading;
 }

@@ -102,7 +102,8 @@ void lay_out_text(const std::vector<Proc *> &order) {
   // its back half is marked on the second core while the spans are found.
   uint64_t half = bin.text_words / 2;
   uint32_t *map = bin.text_map;
-  Background mark(Background::Independent{}, [map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
+  Background mark(Background::Independent{},
+                  [map, half] { std::fill(map + half, map + bin.text_words, Layout::kUnplaced); });
 
   // The spans first, then the copies: a shuffled order reads the text from
   // everywhere, and knowing the spans ahead lets the words, their map
