@@ -181,3 +181,45 @@ TEST(EventsUpdate, AStreamThatWouldGrowKeepsTheOldSectionAndWarns) {
   elf_end(elf);
   close(fd);
 }
+
+// A 64-bit address built from its four 16-bit slices (%highest, %higher,
+// %hi, %lo: non-PIC n64 code) follows its target, which lands where the
+// lower slices borrow from the ones above; and the output, laid out again,
+// still calls it (the rebuilt records hold the new address).
+TEST(EventsUpdate, A64BitAddressBuildFollowsItsTargetThroughTwoRuns) {
+  ScratchDir dir("events-64");
+  write_file(dir / "a.c", R"(#include <stdio.h>
+__attribute__((noinline, used)) static int target(int x) { return 3 * x + 1; }
+void filler(void) { __asm__ volatile(".rept 8200\n nop\n .endr"); }
+int call_built(int);
+asm(".text\n.globl call_built\n.type call_built,@function\n.ent call_built\ncall_built:\n"
+    ".set push\n.set noreorder\n"
+    "  lui $25,%highest(target)\n  daddiu $25,$25,%higher(target)\n  dsll $25,$25,16\n"
+    "  daddiu $25,$25,%hi(target)\n  dsll $25,$25,16\n  daddiu $25,$25,%lo(target)\n"
+    "  jr $25\n  nop\n.set pop\n.end call_built\n.size call_built,.-call_built\n");
+int main(int argc, char **argv) { (void)argv; if (argc > 5) filler(); printf("%d\n", call_built(argc)); return 0; }
+)");
+  BenchExe e;
+  e.path = dir / "a";
+  e.name = "a";
+  e.abi = "n64";
+  e.qemu = {"qemu-mips64", "-L", "/usr/mips64-linux-gnuabi64"};
+  RunResult r = run_command({"mips64-linux-gnuabi64-gcc", "-O2", "-g", "-no-pie", "-fno-pie", "-Wl,-q", "-o", e.path,
+                             dir / "a.c"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  AnnotatedBench b(e);
+  ASSERT_TRUE(b.ok()) << b.refusal();
+  // filler (32 KB) in front puts target at an address with bit 15 set.
+  const std::string first = b.path("first"), second = b.path("second");
+  r = b.vesk(b.annotated(), {{"filler", "a.c", 4}, {"target", "a.c", 3}, {"call_built", "-", 2}, {"main", "a.c", 1}},
+             first);
+  ASSERT_EQ(r.status, 0) << r.err;
+  uint64_t at = 0;
+  for (const ElfSymbol &s : ElfFile(first).functions())
+    at = s.name == "target" ? s.value : at;
+  EXPECT_NE(at & 0x8000, 0u) << std::hex << at;
+  EXPECT_EQ(run_bench(e, first).out, "4\n");
+  r = b.vesk(first, {{"target", "a.c", 4}, {"main", "a.c", 3}, {"call_built", "-", 2}, {"filler", "a.c", 1}}, second);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(run_bench(e, second).out, "4\n");
+}
