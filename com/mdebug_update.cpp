@@ -177,8 +177,9 @@ void check_line_table(const MdebugBytes &m, const Hdrr &hdr) {
     return;
   Offset start = m.at(hdr.cbLineOffset, 0, 1);
   if (start < 0 || m.beyond(start + size))
-    error("mdebug line table (%u bytes at file offset %#x) lies outside the section (file offset %#llx, %zu bytes)",
-          size, uint32_t(hdr.cbLineOffset), (unsigned long long)m.file_off, m.size);
+    error("%s: the mdebug line table (%u bytes at file offset %#x) lies outside section .mdebug (file offset %#llx, "
+          "%zu bytes)",
+          option.program, size, uint32_t(hdr.cbLineOffset), (unsigned long long)m.file_off, m.size);
 }
 
 // The file offset of a section of the output; false when its header

@@ -170,6 +170,8 @@ const Recipe kRecipes[] = {
   {"mdebug symbol table offset", "o32m", [](Victim &v) { v.hdrr(HDRR(cbSymOffset), 0); }, "local symbols ("},
   {"mdebug string space", "o32m", [](Victim &v) { v.hdrr(HDRR(issMax), kHuge); }, "local strings (2147483632"},
   {"mdebug external symbols", "o32m", [](Victim &v) { v.hdrr(HDRR(iextMax), kHuge); }, "external symbols (2147483632"},
+  {"mdebug line table", "o32m", [](Victim &v) { v.hdrr(HDRR(cbLine), 0x100), v.hdrr(HDRR(cbLineOffset), kHuge); },
+   "line table (256 bytes at file offset 0x7ffffff0) lies outside"},
   {"mdebug file's first procedure", "o32m", [](Victim &v) { v.fdr0(offsetof(Fdr, ipdFirst), 2, 0xfff0); }, "lists procedure descriptors 65520"},
   {"mdebug file's procedure count", "o32m", [](Victim &v) { v.fdr0(offsetof(Fdr, cpd), 2, 0xfff0); }, "lists procedure descriptors 0 to 65519"},
   {"mdebug file's name", "o32m", [](Victim &v) { v.fdr0(offsetof(Fdr, rss), 4, kHuge); }, "name of mdebug file 0"},
