@@ -75,17 +75,16 @@ asm(".text\n.set push\n.set noreorder\n"
 __attribute__((noinline)) int twice(int x) { return pair_a(x) + pair_b(x); }
 int main(int argc, char **argv) { (void)argv; printf("%d\n", twice(argc)); return 0; })src";
 
-// The same FDE over code between the two functions that no symbol names:
-// that code goes behind every procedure, so the FDE cannot stay whole.
-const char kTorn[] = R"src(#include <stdio.h>
-int pair_a(int), pair_b(int);
-asm(".text\n.set push\n.set noreorder\n"
-    ".globl pair_a\n.type pair_a,@function\npair_a:\n.cfi_startproc\n"
-    "  jr $31\n  addiu $2,$4,1\n.size pair_a,.-pair_a\n"
-    "  addiu $2,$2,7\n  addiu $2,$2,7\n"
-    ".globl pair_b\n.type pair_b,@function\npair_b:\n"
-    "  jr $31\n  addiu $2,$4,2\n.cfi_endproc\n.size pair_b,.-pair_b\n.set pop\n");
-int main(int argc, char **argv) { (void)argv; printf("%d\n", pair_a(argc) + pair_b(argc)); return 0; })src";
+// kPair with code that no symbol names between the two functions, under
+// the same FDE: that code goes behind every procedure, so the FDE cannot
+// stay whole.
+std::string torn_program() {
+  std::string s = kPair;
+  const std::string after = R"(.size pair_a,.-pair_a\n")";
+  s.insert(s.find(after) + after.size(), R"(
+    "  addiu $2,$2,7\n  addiu $2,$2,7\n")");
+  return s;
+}
 
 struct Program {
   const char *stem, *src;
@@ -199,7 +198,7 @@ TEST(Unwinding, DamagedTablesAreRefused) {
 // output: the unwinder would not find the frames of the moved part.
 TEST(Unwinding, CodeOfOneFdeLaidOutInPiecesIsRefused) {
   ScratchDir dir("unwind-torn");
-  std::string exe = compile_o32(dir, "torn", kTorn, {"-g"}, false);
+  std::string exe = compile_o32(dir, "torn", torn_program(), {"-g"}, false);
   std::string ann = exe + ".ann", out = dir / "out";
   ASSERT_EQ(run_command({annotate_binary(), exe, "-o", ann}).status, 0);
   write_file(dir / "fb", kNoFeedback);
