@@ -44,6 +44,10 @@ void write_file_atomically(const std::string &path, const void *data, size_t siz
 }
 
 void write_file_atomically(const std::string &path, std::initializer_list<FilePiece> pieces, mode_t mode) {
+  write_file_atomically(path, std::vector<FilePiece>(pieces), mode);
+}
+
+void write_file_atomically(const std::string &path, const std::vector<FilePiece> &pieces, mode_t mode) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
     error("%s is not a regular file; name another output", path.c_str());
@@ -61,7 +65,20 @@ void write_file_atomically(const std::string &path, std::initializer_list<FilePi
   bool ok = fchmod(fd, mode & ~mask) == 0;
   for (const FilePiece &piece : pieces) {
     const char *bytes = static_cast<const char *>(piece.data);
-    for (size_t done = 0; ok && done < piece.size;) {
+    size_t done = 0;
+    for (loff_t from = loff_t(piece.from); ok && piece.from_fd >= 0 && done < piece.size;) {
+      ssize_t n = copy_file_range(piece.from_fd, &from, fd, nullptr, piece.size - done, 0);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n <= 0) {
+        // No copy between these files (or the source ends early): the
+        // rest is written from memory.
+        ok = n == 0 || errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
+        break;
+      }
+      done += size_t(n);
+    }
+    while (ok && done < piece.size) {
       ssize_t n = write(fd, bytes + done, piece.size - done);
       if (n < 0 && errno == EINTR)
         continue;
@@ -91,6 +108,8 @@ bool replace_file(const char *temp, const char *path) {
 PrivateMap::~PrivateMap() {
   if (p_ != nullptr)
     munmap(p_, n_);
+  if (fd_ >= 0)
+    close(fd_);
 }
 
 void PrivateMap::overwrite(size_t off, size_t n) {
@@ -127,6 +146,7 @@ bool PrivateMap::map(int fd, size_t size) {
     return false;
   p_ = static_cast<uint8_t *>(p);
   n_ = size;
+  fd_ = fcntl(fd, F_DUPFD_CLOEXEC, 0); // -1 only costs the copies
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <sys/types.h>
 #include <utility>
+#include <vector>
 
 namespace vesk {
 
@@ -23,8 +24,14 @@ void write_file_atomically(const std::string &path, const void *data, size_t siz
 struct FilePiece {
   const void *data;
   size_t size;
+  // Where the same bytes lie in an open file, if they do: they are copied
+  // from there by the kernel, so that their pages are never mapped into
+  // this process (and written from data where the two files allow no copy).
+  int from_fd = -1;
+  uint64_t from = 0;
 };
 void write_file_atomically(const std::string &path, std::initializer_list<FilePiece> pieces, mode_t mode);
+void write_file_atomically(const std::string &path, const std::vector<FilePiece> &pieces, mode_t mode);
 
 // Puts the finished file temp in the place of path (same directory),
 // atomically: path names the old file or the new one, never neither.  An
@@ -43,10 +50,12 @@ class PrivateMap {
 public:
   PrivateMap() = default;
   PrivateMap(const PrivateMap &) = delete;
-  PrivateMap(PrivateMap &&o) noexcept : p_(std::exchange(o.p_, nullptr)), n_(std::exchange(o.n_, 0)) {}
+  PrivateMap(PrivateMap &&o) noexcept
+      : p_(std::exchange(o.p_, nullptr)), n_(std::exchange(o.n_, 0)), fd_(std::exchange(o.fd_, -1)) {}
   PrivateMap &operator=(PrivateMap &&o) noexcept {
     std::swap(p_, o.p_);
     std::swap(n_, o.n_);
+    std::swap(fd_, o.fd_);
     return *this;
   }
   ~PrivateMap();
@@ -54,6 +63,9 @@ public:
   bool map(int fd, size_t size);
   uint8_t *data() const { return p_; }
   size_t size() const { return n_; }
+  // The mapped file, open as long as the map (-1 when there is none): the
+  // pages nobody wrote can be copied from it without touching them.
+  int file() const { return fd_; }
   // Bytes [off, off + n) will be written whole before they are read: the
   // pages inside them become zero pages, present at once.  A write to a
   // page of the map otherwise faults and copies the file's page first.
@@ -67,6 +79,7 @@ public:
 private:
   uint8_t *p_ = nullptr;
   size_t n_ = 0;
+  int fd_ = -1;
 };
 
 } // namespace vesk

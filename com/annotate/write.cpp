@@ -1,5 +1,6 @@
 #include "com/annotate/write.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -139,11 +140,14 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
 AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<NewSection> &added) {
   uint8_t *f = im.file.data();
   size_t size = im.file.size();
+  AnnotatedFile out;
+  auto changed = [&](const uint8_t *p, size_t n) { out.changed.emplace_back(p - f, p - f + n); };
   for (const auto &[addr, w] : d.patches) {
     const Section *s = im.section_holding(addr, 4);
     if (s == nullptr)
       error("%s: no section holds the call at %#llx", im.path.c_str(), (unsigned long long)addr);
     store32(f + s->sh.sh_offset + (addr - s->sh.sh_addr), w);
+    changed(f + s->sh.sh_offset + (addr - s->sh.sh_addr), 4);
   }
   for (const auto &[index, value] : d.got_entries) {
     uint64_t addr = im.got_addr + uint64_t(index) * im.word_size;
@@ -152,6 +156,7 @@ AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<
       error("%s: no section holds GOT entry %u", im.path.c_str(), index);
     uint8_t *p = f + s->sh.sh_offset + (addr - s->sh.sh_addr);
     im.is_64 ? store64(p, value) : store32(p, uint32_t(value));
+    changed(p, im.word_size);
   }
   const HeaderFields &hf = im.is_64 ? FIELDS64 : FIELDS32;
   uint64_t old_shoff = im.is_64 ? load64(f + hf.shoff) : load32(f + hf.shoff);
@@ -160,7 +165,6 @@ AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<
   if (old_shoff > size || uint64_t(shnum) * hf.shdr_size > size - old_shoff || shstrndx >= shnum)
     error("%s: the section header table lies outside the file", im.path.c_str());
 
-  AnnotatedFile out;
   out.head = f, out.head_size = size;
   std::vector<uint8_t> &t = out.tail;
   auto at = [&] { return size + t.size(); }; // a file offset in the tail
@@ -208,6 +212,7 @@ AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<
   else
     store32(f + hf.shoff, uint32_t(shoff));
   store16(f + hf.shnum, uint16_t(shnum + added.size()));
+  changed(f, hf.shnum + 2);
   return out;
 }
 
@@ -217,7 +222,27 @@ void write_annotated(Image &im, const Description &d, const std::vector<NewSecti
   mode_t mode = 0755;
   if (stat(im.path.c_str(), &st) == 0)
     mode = st.st_mode & 0777;
-  write_file_atomically(out, {{f.head, f.head_size}, {f.tail.data(), f.tail.size()}}, mode);
+  // What the patches left as it was is copied from the input file, not
+  // from its map: the pages describe() never read (the debugging
+  // information, most of the data) are then never mapped in, and the
+  // run's memory stays near the size of what it read.  Patches closer
+  // than kJoin are written from memory together.
+  constexpr uint64_t kJoin = 64 * 1024;
+  std::vector<FilePiece> pieces;
+  std::sort(f.changed.begin(), f.changed.end());
+  uint64_t at = 0;
+  for (size_t i = 0; i < f.changed.size();) {
+    uint64_t lo = f.changed[i].first, hi = f.changed[i].second;
+    for (++i; i < f.changed.size() && f.changed[i].first < hi + kJoin; ++i)
+      hi = std::max(hi, f.changed[i].second);
+    if (lo > at)
+      pieces.push_back({f.head + at, lo - at, im.file.map.file(), at});
+    pieces.push_back({f.head + lo, hi - lo});
+    at = hi;
+  }
+  pieces.push_back({f.head + at, f.head_size - at, im.file.map.file(), at});
+  pieces.push_back({f.tail.data(), f.tail.size()});
+  write_file_atomically(out, pieces, mode);
 }
 
 } // namespace vesk::annotate

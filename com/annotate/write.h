@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "com/compact_rel.h"
@@ -42,6 +43,7 @@ std::vector<NewSection> annotation_sections(const Image &im, const Description &
 struct AnnotatedFile {
   const uint8_t *head = nullptr; // im's bytes
   size_t head_size = 0;
+  std::vector<std::pair<uint64_t, uint64_t>> changed; // [offset, end) of the head's patched bytes
   std::vector<uint8_t> tail;
 };
 AnnotatedFile annotated_file(Image &im, const Description &d, const std::vector<NewSection> &added);
