@@ -64,6 +64,35 @@ void expand_section(Elf_Scn *scn, uint32_t n) {
 
 namespace {
 
+// Where the input's sections lay outside every segment: bytes there that
+// the output does not write again belonged to a section that moved or
+// shrank.  They are left as a hole (zeros) rather than copied: stale
+// contents nobody reads, and 16 MB of a 95 MB output when the DWARF
+// relocations are dropped and the line programs grow.
+std::vector<FileRange> stale_section_bytes(uint64_t in_size) {
+  std::vector<FileRange> stale, segments;
+  size_t n = 0;
+  GElf_Phdr ph;
+  if (elf_getphdrnum(bin.in_elf, &n) == 0)
+    for (size_t i = 0; i < n; ++i)
+      if (gelf_getphdr(bin.in_elf, int(i), &ph) != nullptr && ph.p_filesz != 0)
+        segments.push_back({ph.p_offset, ph.p_offset + ph.p_filesz});
+  for (Elf_Scn *scn = elf_nextscn(bin.in_elf, nullptr); scn != nullptr; scn = elf_nextscn(bin.in_elf, scn)) {
+    GElf_Shdr sh;
+    if (gelf_getshdr(scn, &sh) == nullptr || sh.sh_type == SHT_NOBITS || sh.sh_offset > in_size ||
+        sh.sh_size > in_size - sh.sh_offset || sh.sh_size == 0)
+      continue;
+    bool loaded = false;
+    for (const FileRange &g : segments)
+      loaded = loaded || (sh.sh_offset < g.end && sh.sh_offset + sh.sh_size > g.begin);
+    if (!loaded)
+      stale.push_back({sh.sh_offset, sh.sh_offset + sh.sh_size});
+  }
+  elf_errno();
+  std::sort(stale.begin(), stale.end(), [](const FileRange &a, const FileRange &b) { return a.begin < b.begin; });
+  return stale;
+}
+
 // The bytes between the pieces the image writes (padding, and what lies
 // outside every section) are the input's, so that everything no update
 // touched stays as it was (and the file stays as long as the input).
@@ -73,14 +102,25 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
     sysfatal("reading %s", option.program);
   std::sort(ranges.begin(), ranges.end(),
             [](const FileRange &a, const FileRange &b) { return a.begin < b.begin; });
+  std::vector<FileRange> stale = stale_section_bytes(uint64_t(in_size));
+  size_t next_stale = 0;
   std::vector<char> buf(65536);
   uint64_t pos = 0, end = uint64_t(in_size);
-  auto copy = [&](uint64_t from, uint64_t to) {
+  auto copy_bytes = [&](uint64_t from, uint64_t to) {
     for (; from < to; from += buf.size()) {
       size_t n = size_t(std::min<uint64_t>(to - from, buf.size()));
       read_at(bin.in_fd, from, buf.data(), n, "contents", option.program);
       write_at(bin.out_fd, from, buf.data(), n, "contents", option.output);
     }
+  };
+  auto copy = [&](uint64_t from, uint64_t to) {
+    for (; next_stale < stale.size() && stale[next_stale].end <= from; ++next_stale) {
+    }
+    for (size_t i = next_stale; from < to && i < stale.size() && stale[i].begin < to; ++i) {
+      copy_bytes(from, std::max(from, std::min(to, stale[i].begin)));
+      from = std::max(from, stale[i].end);
+    }
+    copy_bytes(from, to);
   };
   for (const FileRange &r : ranges) {
     if (r.begin >= end)
