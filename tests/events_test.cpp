@@ -182,6 +182,24 @@ TEST(EventsUpdate, AStreamThatWouldGrowKeepsTheOldSectionAndWarns) {
   close(fd);
 }
 
+// Such an output is laid out as it is, but an order that moves its code
+// is refused with the advice that helps: the original, not a relink.
+TEST(EventsUpdate, AnOutputWhoseRecordsWereLeftBehindIsNotLaidOutAnew) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir d("events");
+  std::string in = broken_copy(d, SHT_PROGBITS, false);
+  write_file(d / "x.fb", kNoFeedback);
+  ASSERT_EQ(run_vesk({in, d / "x.fb", "-o", d / "same", "-merge", d / "all.fb"}).status, 0);
+  std::vector<FeedbackLine> reversed = feedback_lines(d / "all.fb");
+  std::reverse(reversed.begin(), reversed.end());
+  write_file(d / "reversed.fb", feedback_text(reversed));
+  RunResult r = run_vesk({in, d / "reversed.fb", "-o", d / "out"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("its .MIPS.events section no longer describes its code"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("lay out the original executable instead"), std::string::npos) << r.err;
+  EXPECT_NE(access((d / "out").c_str(), F_OK), 0) << "a failed run leaves no output";
+}
+
 // A 64-bit address built from its four 16-bit slices (%highest, %higher,
 // %hi, %lo: non-PIC n64 code) follows its target, which lands where the
 // lower slices borrow from the ones above; and the output, laid out again,

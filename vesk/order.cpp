@@ -300,11 +300,21 @@ void refuse_unrepairable_moves() {
   if (moved == 0)
     return;
   Proc *p = get_proc_by_addr(first);
+  const char *abi = bin.is_elf32 ? "n32" : "n64";
+  // An output whose rebuilt records did not fit keeps its old ones under
+  // another type: they name the old addresses and must not be used, and
+  // linking again would not help.
+  if (find_section_by_name(bin.in_elf, ".MIPS.events") != nullptr)
+    error("%s is an %s executable: the new layout moves %llu instruction words (the first at %#llx, in %s), and "
+          "its .MIPS.events section no longer describes its code (the vesk run that wrote it could not rebuild "
+          "it in place); lay out the original executable instead; no output is written",
+          option.program, abi, (unsigned long long)moved, (unsigned long long)first,
+          p && p->name ? p->name : "no named procedure");
   error("%s is an %s executable: the new layout moves %llu instruction words (the first at %#llx, in %s), and "
         "without a .MIPS.events section vesk cannot repair the gp set-ups and address loads of moved %s code; "
         "link it with -Wl,-q so that vesk can describe them; no output is written",
-        option.program, bin.is_elf32 ? "n32" : "n64", (unsigned long long)moved, (unsigned long long)first,
-        p && p->name ? p->name : "no named procedure", bin.is_elf32 ? "n32" : "n64");
+        option.program, abi, (unsigned long long)moved, (unsigned long long)first,
+        p && p->name ? p->name : "no named procedure", abi);
 }
 
 } // namespace vesk
