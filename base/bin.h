@@ -45,6 +45,10 @@ struct Bin {
   // make another; fixup_words_of is the text they were found in.
   std::vector<uint32_t> fixup_words;
   const uint8_t *fixup_words_of = nullptr;
+  // The branches among them that may leave their procedure, and the pass
+  // that finds both, begun on the second core after the discovery.
+  std::vector<uint32_t> branch_words;
+  std::unique_ptr<Background> text_scan;
   uint32_t gp_value = 0;
   uint64_t gp_full = 0;     // gp in full: an n64 gp lies above 4 GB, gp_value holds its low 32 bits
   uint32_t local_gotno = 0;

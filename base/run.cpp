@@ -28,6 +28,7 @@ void end_run() {
   bin.gp_ranges_task.reset();
   bin.mdebug_task.reset();
   bin.unwind_tables.reset();
+  bin.text_scan.reset();
   if (bin.in_elf != nullptr)
     elf_end(bin.in_elf);
   if (bin.out_elf != nullptr && bin.out_elf != bin.in_elf)

@@ -248,20 +248,45 @@ void verify_proc() {
   }
 }
 
-void check_branch_out_of_procedure() {
-  ChainEndsScope scope;
-  bin.procs.chain_ends.contiguous_walks = !procedures_overlap();
+namespace {
+
+// The words of the input's text that the fix-up repairs, and the branches
+// that may leave their procedure, by index.  Nothing here depends on the
+// procedures or the feedback: the pass can run before either is ready.
+void scan_text() {
   bin.fixup_words.clear();
-  bin.fixup_words_of = nullptr;
+  bin.branch_words.clear();
+  // Room at once (untouched room costs nothing): a vector grown by steps on
+  // the second core hands its old buffers back while the other core works.
+  bin.fixup_words.reserve(bin.text_words / 4);
+  bin.branch_words.reserve(bin.text_words / 4);
   for (uint64_t i = 0; i < bin.text_words; ++i) {
     uint32_t w = word_at(bin.text_buf, i);
     if (!mips::may_branch_or_jump(w))
       continue;
     if (mips::fixup_kind(w) != mips::Fixup::none)
       bin.fixup_words.push_back(uint32_t(i));
-    if (!mips::ties_as_branch(w))
-      continue;
-    uint64_t a = bin.text_lo + 4 * i;
+    if (mips::ties_as_branch(w))
+      bin.branch_words.push_back(uint32_t(i));
+  }
+}
+
+} // namespace
+
+void start_scanning_text() { bin.text_scan = std::make_unique<Background>(Background::Independent{}, scan_text); }
+
+void check_branch_out_of_procedure() {
+  ChainEndsScope scope;
+  bin.procs.chain_ends.contiguous_walks = !procedures_overlap();
+  bin.fixup_words_of = nullptr;
+  if (bin.text_scan != nullptr)
+    bin.text_scan->collect();
+  else
+    scan_text();
+  bin.text_scan.reset();
+  for (uint32_t i : bin.branch_words) {
+    uint32_t w = word_at(bin.text_buf, i);
+    uint64_t a = bin.text_lo + 4 * uint64_t(i);
     Proc *p = get_proc_by_addr(a);
     if (p == nullptr) {
       // DWARF describes only the code compiled with debug information: the

@@ -11,6 +11,9 @@ class NoReturn;
 
 int put_proc_together(Proc *a, Proc *b);
 void verify_proc();
+// The pass over the text that the check and the branch fix-up share,
+// handed to the second core (the check takes it up, or makes it itself).
+void start_scanning_text();
 void check_branch_out_of_procedure();
 // A procedure whose last call returns into the next procedure (the call
 // fills the word before the last delay slot) is tied to it.

@@ -46,10 +46,12 @@ void run(int argc, char **argv) {
   describe_code_addresses_in_memory();
   parse_input();
   // Read on the second core beside the discovery, once it is through with
-  // its share: the feedback files, then the unwind tables.
+  // its share: the feedback files, the unwind tables, then the text's
+  // branches.
   debug_interface([] {
     start_reading_feedback();
     start_reading_unwind_tables();
+    start_scanning_text();
   });
   read_reorder_files();
   if (option.debug)
