@@ -336,6 +336,7 @@ void check_branch_out_of_procedure() {
     }
   }
   bin.fixup_words_of = bin.text_buf;
+  std::vector<uint32_t>().swap(bin.branch_words); // not needed again: its room goes to the rewrite
 }
 
 // Walks the list as the ties change it, examining every procedure once
