@@ -131,6 +131,10 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
   }
   if (pos < end)
     copy(pos, end);
+  // A stale stretch at the end is a hole too: the file keeps its length.
+  struct stat st;
+  if (fstat(bin.out_fd, &st) != 0 || (uint64_t(st.st_size) < end && ftruncate(bin.out_fd, off_t(end)) != 0))
+    sysfatal("writing %s", option.output);
 }
 
 // The input's image when it is the input file mapped from its start, which
