@@ -6,7 +6,8 @@
 // style) and must print under qemu what the original printed; the mdebug
 // tables must name the new places of the code, and vesk reading an o32
 // mdebug output again must find every procedure where the first run put
-// it; pinned to one core, vesk writes and says the same.
+// it; pinned to one core, vesk writes and says the same, and written to
+// another file system, vesk and vesk-annotate write the same bytes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -63,6 +64,8 @@ TEST_P(EndToEnd, LaidOutAnewItPrintsWhatTheOriginalPrinted) {
     RunResult there = run_vesk({e->path, out + ".fb", "-o", elsewhere});
     EXPECT_EQ(there.status, 0) << there.err;
     EXPECT_TRUE(read_file(elsewhere) == read_file(out)) << "the output depends on the file system it is written to";
+    EXPECT_EQ(run_command({annotate_binary(), e->path, "-o", elsewhere}).status, 0);
+    EXPECT_TRUE(read_file(elsewhere) == annotated) << "vesk-annotate's copy depends on the file system";
     unlink(elsewhere.c_str());
   }
   // Given twice, every count counts twice: the merged feedback holds each
