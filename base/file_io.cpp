@@ -39,6 +39,24 @@ void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char 
   transfer(pwrite, fd, offset, static_cast<const uint8_t *>(buf), size, "writing", what, file);
 }
 
+ssize_t copy_file_bytes(int in, uint64_t from, int out, uint64_t to, size_t n) {
+  loff_t src = loff_t(from), dst = loff_t(to);
+  size_t done = 0;
+  while (done < n) {
+    ssize_t k = copy_file_range(in, &src, out, &dst, n - done, 0);
+    if (k < 0 && errno == EINTR)
+      continue;
+    if (k < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
+      break; // no copy between these two files
+    if (k < 0)
+      return -1;
+    if (k == 0)
+      break; // in ends early (cut meanwhile)
+    done += size_t(k);
+  }
+  return ssize_t(done);
+}
+
 void write_file_atomically(const std::string &path, const void *data, size_t size, mode_t mode) {
   write_file_atomically(path, {{data, size}}, mode);
 }
@@ -63,28 +81,19 @@ void write_file_atomically(const std::string &path, const std::vector<FilePiece>
   mode_t mask = umask(0);
   umask(mask);
   bool ok = fchmod(fd, mode & ~mask) == 0;
+  uint64_t at = 0;
   for (const FilePiece &piece : pieces) {
     const char *bytes = static_cast<const char *>(piece.data);
-    size_t done = 0;
-    for (loff_t from = loff_t(piece.from); ok && piece.from_fd >= 0 && done < piece.size;) {
-      ssize_t n = copy_file_range(piece.from_fd, &from, fd, nullptr, piece.size - done, 0);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0) {
-        // No copy between these files (or the source ends early): the
-        // rest is written from memory.
-        ok = n == 0 || errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
-        break;
-      }
-      done += size_t(n);
-    }
-    while (ok && done < piece.size) {
-      ssize_t n = write(fd, bytes + done, piece.size - done);
+    ssize_t copied = piece.from_fd >= 0 && ok ? copy_file_bytes(piece.from_fd, piece.from, fd, at, piece.size) : 0;
+    ok = ok && copied >= 0;
+    for (size_t done = copied > 0 ? size_t(copied) : 0; ok && done < piece.size;) {
+      ssize_t n = pwrite(fd, bytes + done, piece.size - done, off_t(at + done));
       if (n < 0 && errno == EINTR)
         continue;
       ok = n > 0;
       done += n > 0 ? size_t(n) : 0;
     }
+    at += piece.size;
   }
   int e = errno;
   ok = close(fd) == 0 && ok;

@@ -15,6 +15,11 @@ namespace vesk {
 
 void read_at(int fd, uint64_t offset, void *buf, size_t size, const char *what, const char *file);
 void write_at(int fd, uint64_t offset, const void *buf, size_t size, const char *what, const char *file);
+// Copies n bytes at offset from of in to offset to of out inside the
+// kernel, never through this process's memory.  Returns the bytes copied:
+// fewer than n where the two files allow no copy or in ends early (the
+// caller writes the rest from memory), -1 with errno set on a failure.
+ssize_t copy_file_bytes(int in, uint64_t from, int out, uint64_t to, size_t n);
 // Writes a whole file through a temporary file beside it, renamed over path
 // only when every byte is written: a failure leaves no file and an existing
 // one untouched.  path must not name anything but a regular file; the new

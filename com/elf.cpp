@@ -178,20 +178,14 @@ bool copy_input_bytes(const void *p, size_t n, uint64_t out_offset) {
   uintptr_t base = reinterpret_cast<uintptr_t>(raw), at = reinterpret_cast<uintptr_t>(p);
   if (raw == nullptr || at < base || n > size || at - base > size - n)
     return false;
-  loff_t from = loff_t(at - base), to = loff_t(out_offset);
-  size_t left = n;
-  while (left > 0) {
-    ssize_t k = copy_file_range(bin.in_fd, &from, bin.out_fd, &to, left, 0);
-    if (k < 0 && left == n && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
-      return false; // no copy between these two files: written from memory
-    if (k < 0)
-      sysfatal("writing the contents of %s", option.output);
-    if (k == 0)
-      break; // the input ends early (cut meanwhile): the rest as the image has it
-    left -= size_t(k);
-  }
-  if (left != 0)
-    write_at(bin.out_fd, uint64_t(to), static_cast<const uint8_t *>(p) + (n - left), left, "contents", option.output);
+  ssize_t copied = copy_file_bytes(bin.in_fd, at - base, bin.out_fd, out_offset, n);
+  if (copied < 0)
+    sysfatal("writing the contents of %s", option.output);
+  if (copied == 0)
+    return false; // no copy between these two files: written from memory
+  if (size_t(copied) < n)
+    write_at(bin.out_fd, out_offset + uint64_t(copied), static_cast<const uint8_t *>(p) + copied, n - size_t(copied),
+             "contents", option.output);
   return true;
 }
 
