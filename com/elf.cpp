@@ -107,7 +107,10 @@ void restore_unwritten_bytes(std::vector<FileRange> ranges) {
   std::vector<char> buf(65536);
   uint64_t pos = 0, end = uint64_t(in_size);
   auto copy_bytes = [&](uint64_t from, uint64_t to) {
-    for (; from < to; from += buf.size()) {
+    ssize_t copied = from < to ? copy_file_bytes(bin.in_fd, from, bin.out_fd, from, size_t(to - from)) : 0;
+    if (copied < 0)
+      sysfatal("writing %s", option.output);
+    for (from += uint64_t(copied); from < to; from += buf.size()) {
       size_t n = size_t(std::min<uint64_t>(to - from, buf.size()));
       read_at(bin.in_fd, from, buf.data(), n, "contents", option.program);
       write_at(bin.out_fd, from, buf.data(), n, "contents", option.output);
