@@ -354,6 +354,40 @@ TEST(WriteImage, AnUntouchedImageIsWrittenBackByteForByte) {
   }
 }
 
+// What the output does not write again: bytes that no section holds inside
+// a segment stay the input's (here .interp, whose section header a
+// stripping tool left empty: the loader still needs the path), and the old
+// places of sections that moved or were dropped, outside every segment,
+// keep nothing of their contents; the file is at least as long as before.
+TEST(WriteImage, BytesNoSectionHoldsStayAndOldPlacesOfSectionsAreCleared) {
+  VESK_REQUIRE_BENCH();
+  const BenchExe *e = bench_named("calc-o32-dwarf-pie");
+  ASSERT_NE(e, nullptr);
+  ScratchDir d("gaps");
+  std::string in = read_file(e->path);
+  GElf_Shdr interp{}, dropped{};
+  {
+    ElfFile f(e->path);
+    interp = f.shdr(".interp"), dropped = f.shdr(".rel.debug_info");
+    ASSERT_NE(interp.sh_size, 0u);
+    ASSERT_NE(dropped.sh_size, 0u);
+    size_t index = elf_ndxscn(f.scn(".interp"));
+    store32(reinterpret_cast<uint8_t *>(in.data()) + f.ehdr().e_shoff + index * sizeof(Elf32_Shdr) + 4, SHT_NULL);
+  }
+  write_file(d / "in", in);
+  chmod((d / "in").c_str(), 0755);
+  write_file(d / "fb", kNoFeedback);
+  RunResult r = run_vesk({d / "in", d / "fb", "-o", d / "out"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string out = read_file(d / "out");
+  ASSERT_GE(out.size(), in.size());
+  EXPECT_EQ(out.substr(interp.sh_offset, interp.sh_size), in.substr(interp.sh_offset, interp.sh_size));
+  EXPECT_EQ(out.substr(dropped.sh_offset, dropped.sh_size), std::string(dropped.sh_size, '\0'));
+  RunResult run = run_bench(*e, d / "out");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, e->expected);
+}
+
 // libelf hands notes out with their header words in the host's order and
 // the rest as the file has it; the writer turns them back.  Each note's
 // description and the next note start aligned to 4 bytes, or to 8 for the
