@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <gelf.h>
@@ -29,6 +30,7 @@
 #include "base/options.h"
 #include "base/proc.h"
 #include "com/dwarf_ranges.h"
+#include "com/dwarf_scan.h"
 #include "com/dwarf_sections.h"
 #include "com/elf.h"
 #include "com/symtab_procs.h"
@@ -198,53 +200,21 @@ private:
   Dwarf *dw_;
 };
 
-// The code range of a subprogram.  DW_AT_high_pc is either an address or,
-// from DWARF 4 on, an offset from DW_AT_low_pc.
-struct PcRange {
-  bool have_high = false;
-  bool have_low = false;
-  bool declaration = false;
-  uint64_t low = 0;
-  uint64_t high = 0;
-};
-
-// What discovery reads of a subprogram entry with code, or of an abstract
-// or inlined one, through the library: all that its records and notes
-// need, so that the reading may happen on another thread than the making
-// of the records.  Names point into the input's string section.
-struct EntryFacts {
-  const char *raw_name = nullptr;         // may be null
-  const char *raw_linkage_name = nullptr; // the vendor's abstract name; may be null
-  PcRange pc;
-  bool have_ranges = false; // ranges given instead of a pc range
-  size_t entry = 0;         // the range that holds the entry
-  bool have_origin = false;
-  uint64_t origin = 0;
-  bool inlined = false;
-  uint64_t offset = 0;
-  bool specification = false;
-};
-
-// Where a reader puts what it reads, in the order of the walk.
-class FactSink {
-public:
-  virtual void unit(const char *raw_name) = 0;
-  virtual void entry(const EntryFacts &f, const std::vector<CodeRange> &ranges) = 0;
-
-protected:
-  ~FactSink() = default;
-};
-
-// Reads the entries of units through the library, on whichever thread it
-// runs: it has a library handle of its own and changes nothing of the run.
+// Reads the entries of units, from the section's bytes where the scanner
+// can and through the library elsewhere, on whichever thread it runs: it
+// has a library handle of its own and changes nothing of the run.
 class EntryReader {
 public:
-  EntryReader(Dwarf *dw, uint64_t info_size, FactSink &sink) : dw(dw), info_size(info_size), sink(&sink) {}
+  EntryReader(Elf *elf, Dwarf *dw, uint64_t info_size, FactSink &sink)
+      : dw(dw), info_size(info_size), sink(&sink),
+        scanner(elf, [this](uint64_t offset, uint64_t tag, FactSink &into) { return visit_one(offset, tag, into); }) {}
 
   // The unit whose header lies at `at`, the next one at `next`.
   void walk_unit(Dwarf_Off at, Dwarf_Off next, size_t header_size) {
     if (next <= at)
       error("%s: a DWARF unit header gives no offset for the next unit", option.program);
+    if (scanner.scan(at, next, header_size, *sink))
+      return;
     Dwarf_Die cu_die;
     if (dwarf_offdie(dw, at + header_size, &cu_die) == nullptr)
       print_dwarf_error("dwarf_siblingof");
@@ -272,6 +242,22 @@ private:
   std::vector<uint64_t> reached;
   uint64_t unit_start = 0, unit_end = 0;
   std::vector<CodeRange> ranges;
+  // Reads most units without the library, and asks it for the entries it
+  // cannot read itself.
+  UnitScanner scanner;
+
+  int visit_one(uint64_t offset, uint64_t tag, FactSink &into) {
+    Dwarf_Die die;
+    if (dwarf_offdie(dw, offset, &die) == nullptr) {
+      forget_dwarf_error();
+      return -1;
+    }
+    FactSink *was = sink;
+    sink = &into;
+    bool children = visit_entry(&die, int(tag));
+    sink = was;
+    return children ? 1 : 0;
+  }
 
   PcRange read_pc_range(SubprogramAttrs &attrs, const char *text) {
     PcRange r;
@@ -427,37 +413,6 @@ private:
         visit_chain(child, p.depth + 1, false);
     }
   }
-};
-
-// What a reader on the second core read, kept in order for the records.
-class KeptFacts : public FactSink {
-public:
-  void unit(const char *raw_name) override { items.push_back({false, raw_name, {}, 0, 0}); }
-  void entry(const EntryFacts &f, const std::vector<CodeRange> &r) override {
-    items.push_back({true, nullptr, f, ranges.size(), r.size()});
-    ranges.insert(ranges.end(), r.begin(), r.end());
-  }
-  // Hands everything to sink, in the order it came.
-  void replay(FactSink &sink) const {
-    std::vector<CodeRange> r;
-    for (const Item &i : items)
-      if (i.is_entry) {
-        r.assign(ranges.begin() + ptrdiff_t(i.first_range), ranges.begin() + ptrdiff_t(i.first_range + i.n_ranges));
-        sink.entry(i.facts, r);
-      } else {
-        sink.unit(i.unit_name);
-      }
-  }
-
-private:
-  struct Item {
-    bool is_entry;
-    const char *unit_name;
-    EntryFacts facts;
-    size_t first_range, n_ranges;
-  };
-  std::vector<Item> items;
-  std::vector<CodeRange> ranges;
 };
 
 // Makes the records and notes from what the readers read, in the run's
@@ -657,16 +612,18 @@ void Recorder::resolve_inline_notes() {
   }
 }
 
-// This thread makes every record besides reading its share, but that
-// costs little beside the reading: even halves gave the shortest walk.
-double front_share = 0.5;
+// This thread reads the function symbols and makes every record besides
+// reading its share: a little less than half gave the shortest walk.
+double front_share = 0.45;
 
 // The entries of every unit, in unit order.  The units of the back of
 // .debug_info are read on the second core, with a library handle of its
 // own, while this thread reads and records the front; their records are
 // made after the front's, in the same order as when one thread reads them
 // all.
-void walk_units(Elf *elf, Recorder &recorder, const std::function<void()> &beside) {
+// `records` gives the sink of the front's facts: it may read what the
+// records need while the second core reads the back.
+void walk_units(Elf *elf, const std::function<FactSink &()> &records, const std::function<void()> &beside) {
   // Executables linked with kept relocations carry .rel.debug_* sections;
   // the library leaves them alone in an executable, as it must: applying
   // them would add every address a second time.  The section's size
@@ -723,7 +680,7 @@ void walk_units(Elf *elf, Recorder &recorder, const std::function<void()> &besid
                                                        : nullptr);
       if (back_dw->get() == nullptr)
         print_dwarf_error("%s: cannot read its DWARF information", option.program);
-      EntryReader reader(back_dw->get(), info_size, back);
+      EntryReader reader(back_elf.get(), back_dw->get(), info_size, back);
       for (size_t i = split; i < units.size(); ++i)
         reader.walk_unit(units[i].at, units[i].next, units[i].header_size);
     });
@@ -732,7 +689,8 @@ void walk_units(Elf *elf, Recorder &recorder, const std::function<void()> &besid
   if (beside)
     beside();
 
-  EntryReader reader(dw.get(), info_size, recorder);
+  FactSink &recorder = records();
+  EntryReader reader(elf, dw.get(), info_size, recorder);
   for (size_t i = 0; i < split; ++i)
     reader.walk_unit(units[i].at, units[i].next, units[i].header_size);
   if (reading) {
@@ -753,12 +711,18 @@ void set_discovery_front_share(double share) { front_share = share; }
 
 void dwarf_interface(Elf *elf, const std::function<void()> &beside) {
   check_dwarf_table_sections(elf);
-  FunctionSymbols syms = read_function_symbols(elf);
-  // A record for about every function symbol.
-  reserve_procs(syms.by_addr.size() + syms.by_addr.size() / 8 + 64);
-  Recorder recorder(syms);
-  walk_units(elf, recorder, beside);
-  recorder.resolve_inline_notes();
+  FunctionSymbols syms;
+  std::optional<Recorder> recorder;
+  walk_units(
+      elf,
+      [&]() -> FactSink & {
+        syms = read_function_symbols(elf);
+        // A record for about every function symbol.
+        reserve_procs(syms.by_addr.size() + syms.by_addr.size() / 8 + 64);
+        return recorder.emplace(syms);
+      },
+      beside);
+  recorder->resolve_inline_notes();
   add_symbol_table_procs(syms);
   attach_padding();
 }

@@ -16,8 +16,10 @@
 #include <unistd.h>
 
 #include "base/bytes.h"
+#include "com/dwarf_scan.h"
 #include "mdebug/records.h"
 #include "support/bench.h"
+#include "vesk/driver.h"
 
 using namespace vesk;
 using namespace vesk::test;
@@ -332,4 +334,49 @@ TEST(DamagedInputs, UnloadedSectionsDamagedNeverChangeWhatTheProgramDoes) {
         ++ran;
       }
   EXPECT_GT(ran, 10) << "too few outputs to run";
+}
+
+// DWARF damaged at random (the same on every run): discovery reads the
+// entries of most units from the section's bytes and leaves a unit it
+// cannot read whole to the library; wherever the damage falls, the run
+// (status, messages, output) is the one the library alone gives.
+TEST(DamagedInputs, DamagedDwarfGivesTheRunTheLibraryAloneGives) {
+  VESK_REQUIRE_BENCH();
+  ScratchDir cache("originals");
+  const std::string feedback = read_file(std::string(VESK_SOURCE_DIR) + "/examples/calc.fb");
+  std::mt19937 rng(15);
+  int refused = 0, cases = 0;
+  for (const char *exe : {"o32d", "n64"})
+    for (const char *sec : {".debug_info", ".debug_info", ".debug_info", ".debug_abbrev", ".debug_abbrev", ".debug_str"})
+      for (int k = 0; k < 40; ++k, ++cases) {
+        ScratchDir dir("scanned");
+        write_file(dir / "prog", original(exe, cache));
+        write_file(dir / "prog.fb", std::string(exe) == "n64" ? kNoFeedback : feedback);
+        Victim v(dir);
+        uint64_t off = rng() % v.elf.shdr(sec).sh_size, value = rng();
+        SCOPED_TRACE(std::string(exe) + " " + sec + " at " + std::to_string(off) + " " + std::to_string(value));
+        k % 2 && off + 4 <= v.elf.shdr(sec).sh_size ? v.put(v.at(sec, off), 4, value) : v.put(v.at(sec, off), 1, value);
+        write_file(dir / "prog", v.bytes);
+        std::string said[2], wrote[2];
+        for (bool scanner : {false, true}) {
+          std::vector<std::string> args{"vesk", dir / "prog", dir / "prog.fb", "-o", dir / "out", "-v"};
+          std::vector<char *> argv;
+          for (std::string &a : args)
+            argv.push_back(a.data());
+          UnitScanner::use(scanner);
+          testing::internal::CaptureStdout();
+          testing::internal::CaptureStderr();
+          int status = vesk_main(int(argv.size()), argv.data());
+          std::string err = testing::internal::GetCapturedStderr();
+          said[scanner] = std::to_string(status) + "\n" + testing::internal::GetCapturedStdout() + err;
+          UnitScanner::use(true);
+          wrote[scanner] = status == 0 ? read_file(dir / "out") : "";
+          refused += status != 0 && scanner;
+          unlink((dir / "out").c_str());
+        }
+        EXPECT_EQ(said[true], said[false]) << "the library alone";
+        EXPECT_TRUE(wrote[true] == wrote[false]) << "the output differs from the library's alone";
+      }
+  EXPECT_GT(refused, 5) << "too few damaged entries found";
+  EXPECT_LT(refused, cases - 20) << "too few runs got through";
 }

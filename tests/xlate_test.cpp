@@ -14,6 +14,7 @@
 #include "base/bytes.h"
 #include "base/options.h"
 #include "com/dwarf.h"
+#include "com/dwarf_scan.h"
 #include "com/elf.h"
 #include "com/xlate_table.h"
 #include "support/bench.h"
@@ -445,24 +446,33 @@ TEST_P(DwarfBench, TableLeadsEveryWordBackToTheInput) {
   // Discovery reads the units behind a share of .debug_info on the second
   // core and makes their records after the front's: wherever the split
   // falls (no second reader, every unit but the first on it), the same
-  // procedures in the same order, so the same output and merged feedback.
-  std::map<double, std::pair<std::string, std::string>> by_share;
-  for (double share : {1.0, 0.5, 0.0}) {
-    std::string out = b.path("share-" + std::to_string(share)), merged = out + ".merged";
-    std::vector<std::string> args{"vesk", b.annotated(), second + ".fb", "-o", out, "-merge", merged};
+  // procedures in the same order, so the same output, merged feedback and
+  // messages.  So when the library reads every entry instead of the
+  // scanner of the section's bytes.
+  struct Way {
+    double share;
+    bool scanner;
+  };
+  std::vector<std::string> by_way;
+  for (Way w : {Way{1.0, true}, Way{0.5, true}, Way{0.0, true}, Way{0.45, false}}) {
+    std::string out = b.path("share-" + std::to_string(w.share) + (w.scanner ? "" : "-library")),
+                merged = out + ".merged";
+    std::vector<std::string> args{"vesk", b.annotated(), second + ".fb", "-o", out, "-merge", merged, "-v"};
     std::vector<char *> argv;
     for (std::string &a : args)
       argv.push_back(a.data());
-    vesk::set_discovery_front_share(share);
+    vesk::set_discovery_front_share(w.share);
+    vesk::UnitScanner::use(w.scanner);
     testing::internal::CaptureStderr();
     int status = vesk::vesk_main(int(argv.size()), argv.data());
     std::string err = testing::internal::GetCapturedStderr();
-    vesk::set_discovery_front_share(0.5);
+    vesk::set_discovery_front_share(0.45);
+    vesk::UnitScanner::use(true);
     ASSERT_EQ(status, 0) << err;
-    by_share[share] = {read_file(out), read_file(merged)};
+    by_way.push_back(read_file(out) + read_file(merged) + err);
   }
-  EXPECT_TRUE(by_share[0.5] == by_share[1.0] && by_share[0.0] == by_share[1.0])
-      << "the records depend on where discovery splits .debug_info";
+  for (size_t i = 1; i < by_way.size(); ++i)
+    EXPECT_TRUE(by_way[i] == by_way[0]) << "the records depend on " << (i < 3 ? "where discovery splits .debug_info" : "who reads the entries");
   // A second run reads the first one's output through its table and
   // writes one that leads straight back to the original build.
   const std::string again = b.path("again");
