@@ -1,5 +1,6 @@
 #include "com/dwarf_scan.h"
 
+#include <algorithm>
 #include <cstring>
 #include <dwarf.h>
 #include <gelf.h>
@@ -196,13 +197,15 @@ int form_size(uint64_t form, const UnitShape &u) {
 // An abbreviation table read for units of one shape; bad when it is
 // damaged or holds what the scanner does not read.
 struct Table {
+  uint64_t offset = 0;
   UnitShape shape;
   bool ready = false;
   bool bad = false;
-  std::vector<Abbrev> dense; // by code, below kDense
+  // By code: the low codes (those a compiler gives) in an array no
+  // larger than a few times their number, any others in a map.
+  std::vector<Abbrev> dense;
   std::unordered_map<uint64_t, Abbrev> sparse;
   std::vector<Spec> specs;
-  static constexpr uint64_t kDense = 4096;
 
   const Abbrev *find(uint64_t code) const {
     if (code < dense.size())
@@ -211,23 +214,30 @@ struct Table {
     return it == sparse.end() ? nullptr : &it->second;
   }
 
-  void read(const Bytes &abbrev, uint64_t offset) {
-    if (offset >= abbrev.size) {
-      bad = true;
-      return;
-    }
+  uint64_t bytes_read = 0;
+
+  void read(const Bytes &abbrev) {
+    bad = !read_all(abbrev) || !index();
+  }
+
+private:
+  std::vector<std::pair<uint64_t, Abbrev>> all;
+
+  bool read_all(const Bytes &abbrev) {
+    if (offset >= abbrev.size)
+      return false;
     Reader r{abbrev.p, offset, abbrev.size};
-    for (;;) {
+    for (;; bytes_read = r.pos - offset) {
       uint64_t code = r.uleb();
       if (r.bad)
-        break;
+        return false;
       if (code == 0)
-        return;
+        return true;
       Abbrev a;
       a.tag = r.uleb();
       uint8_t children = r.u8();
       if (children > 1 || a.tag == 0) // a tag of 0 would read as no abbreviation
-        break;
+        return false;
       a.children = children == 1;
       a.first = uint32_t(specs.size());
       int64_t fixed = 0;
@@ -251,19 +261,33 @@ struct Table {
         specs.push_back(s);
       }
       if (r.bad)
-        break;
+        return false;
       a.count = uint32_t(specs.size()) - a.first;
       a.fixed = fixed;
       if (a.fixed < 0)
         a.sibling_at = -1;
-      bool fresh = code < kDense ? add_dense(code, a) : sparse.emplace(code, a).second;
-      if (!fresh) // the library would take one of the two
-        break;
+      all.emplace_back(code, a);
     }
-    bad = true;
   }
 
-private:
+  // False when a code is given twice: the library would take one of the two.
+  bool index() {
+    uint64_t dense_size = 0;
+    for (const auto &[code, a] : all)
+      if (code < 2 * all.size() + 64)
+        dense_size = std::max(dense_size, code + 1);
+    dense.assign(dense_size, Abbrev{});
+    for (const auto &[code, a] : all) {
+      if (find(code) != nullptr)
+        return false;
+      if (code < dense_size)
+        dense[code] = a;
+      else
+        sparse.emplace(code, a);
+    }
+    all = {};
+    return true;
+  }
   static int64_t sleb(Reader &r) {
     int64_t v = 0;
     unsigned shift = 0;
@@ -280,14 +304,6 @@ private:
     if (shift < 64 && (b & 0x40))
       v |= int64_t(~uint64_t(0) << shift);
     return v;
-  }
-  bool add_dense(uint64_t code, const Abbrev &a) {
-    if (code >= dense.size())
-      dense.resize(code + 1);
-    if (find(code) != nullptr)
-      return false;
-    dense[code] = a;
-    return true;
   }
 };
 
@@ -308,7 +324,10 @@ struct UnitScanner::State {
   LibraryVisit by_library;
   Bytes info, abbrev, str, line_str;
   bool usable = false;
-  std::unordered_map<uint64_t, Table> tables;
+  Table table_; // the last unit's: a compiler gives each unit its own
+  // What is left to read of abbreviations: units that take turns with
+  // tables, or tables that overlap, would have them read again and again.
+  uint64_t abbrev_budget = 0;
 
   // The unit being scanned.
   UnitShape shape;
@@ -343,15 +362,18 @@ struct UnitScanner::State {
   std::vector<std::pair<int32_t, int32_t>> stack;
 
   const Table &table(uint64_t offset) {
-    Table &t = tables[offset];
-    // Read again for another shape of unit: the fixed sizes differ.
-    if (!t.ready || !(t.shape == shape)) {
-      t = Table{};
-      t.shape = shape;
-      t.ready = true;
-      t.read(abbrev, offset);
+    if (!table_.ready || table_.offset != offset || !(table_.shape == shape)) {
+      table_ = Table{};
+      table_.offset = offset;
+      table_.shape = shape;
+      table_.ready = true;
+      table_.read(abbrev);
+      if (table_.bytes_read > abbrev_budget)
+        usable = false, table_.bad = true; // the library reads the rest
+      else
+        abbrev_budget -= table_.bytes_read;
     }
-    return t;
+    return table_;
   }
 
   bool start_at(uint64_t off) const {
@@ -649,6 +671,7 @@ UnitScanner::UnitScanner(Elf *elf, LibraryVisit by_library) : s(std::make_unique
   s->usable = scanner_in_use && bytes(".debug_info", &s->info) && bytes(".debug_abbrev", &s->abbrev) &&
               bytes(".debug_str", &s->str) && bytes(".debug_line_str", &s->line_str) && s->info.p != nullptr &&
               s->abbrev.p != nullptr;
+  s->abbrev_budget = 4 * s->abbrev.size + (uint64_t(1) << 20);
 }
 
 UnitScanner::~UnitScanner() = default;
