@@ -82,11 +82,14 @@ struct Reader {
         return v;
     }
   }
+  // The library reads at most ten bytes of a LEB128 number: a longer one
+  // is left to it.
   void skip_uleb() {
-    while (pos < end)
+    for (unsigned n = 0; pos < end && n < 10; ++n)
       if (!(p[pos++] & 0x80))
         return;
     bad = true;
+    pos = end;
   }
   void skip(uint64_t n) {
     if (have(n))
@@ -293,7 +296,7 @@ private:
     unsigned shift = 0;
     uint8_t b;
     do {
-      if (r.pos >= r.end || shift > 63) {
+      if (r.pos >= r.end || shift > 56) { // past nine bytes the library's value differs
         r.bad = true;
         return 0;
       }
