@@ -661,7 +661,8 @@ UnitScanner::UnitScanner(Elf *elf, LibraryVisit by_library) : s(std::make_unique
   const uint8_t *image = reinterpret_cast<const uint8_t *>(elf_rawfile(elf, &image_size));
   elf_errno();
   auto bytes = [&](const char *name, Bytes *out) {
-    Elf_Scn *scn = find_section_by_name(elf, name);
+    Elf_Scn *scn = gelf_getclass(elf) == ELFCLASS64 ? find_section_by_name64(elf, name)
+                                                    : find_section_by_name32(elf, name);
     GElf_Shdr sh;
     if (scn == nullptr || gelf_getshdr(scn, &sh) == nullptr)
       return true; // none: a form that reads it goes to the library
