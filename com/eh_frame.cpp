@@ -637,7 +637,7 @@ Tables &input_tables() {
 
 } // namespace
 
-std::vector<UnwindSpan> unwind_spans() { return input_tables().spans; }
+const std::vector<UnwindSpan> &unwind_spans() { return input_tables().spans; }
 
 void update_unwind_tables() {
   Tables t = std::move(input_tables());

@@ -114,8 +114,9 @@ struct UnwindSpan {
 // Run step, once the input is open: reads the FDEs on the second core,
 // for unwind_spans and the update.
 void start_reading_unwind_tables();
-// The spans of every FDE of the input (.eh_frame and .debug_frame).
-std::vector<UnwindSpan> unwind_spans();
+// The spans of every FDE of the input (.eh_frame and .debug_frame), kept
+// until the update.
+const std::vector<UnwindSpan> &unwind_spans();
 // Whether the code of s kept its distances in the new layout (moved as
 // one piece), as the unwinder needs.
 bool moved_in_one_piece(const UnwindSpan &s);
