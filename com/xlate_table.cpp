@@ -128,13 +128,18 @@ public:
   }
   // The old word at new address a, or none where no old word went and
   // outside the new text.  Asked in rising order, mostly: the search
-  // starts at the run of the last answer.
+  // starts at the run of the last answer, or the one behind it.
   uint32_t at(uint64_t a) const {
     if (a < bin.text_lo || (a - bin.text_lo) / 4 >= bin.text_words)
       return none;
     uint32_t w = uint32_t((a - bin.text_lo) / 4);
     size_t i = hint_;
-    if (i >= runs_.size() || runs_[i].new_word > w || (i + 1 < runs_.size() && runs_[i + 1].new_word <= w)) {
+    auto holds = [this, w](size_t k) {
+      return k < runs_.size() && runs_[k].new_word <= w && (k + 1 == runs_.size() || runs_[k + 1].new_word > w);
+    };
+    if (!holds(i) && holds(i + 1)) // the next run: the answers rise run by run
+      hint_ = ++i;
+    if (!holds(i)) {
       i = size_t(std::upper_bound(runs_.begin(), runs_.end(), w,
                                   [](uint32_t x, const Run &r) { return x < r.new_word; }) -
                  runs_.begin());
