@@ -40,10 +40,6 @@ namespace vesk {
 
 namespace {
 
-// The vendor attribute (0x2009) that carries a subprogram's linker-level (abstract)
-// name.  GCC writes DW_AT_linkage_name instead, which is not looked at.
-constexpr unsigned kAbstractNameAttr = 0x2009;
-
 const char *const kNoName = "Function Name Unavailable";
 
 // What is known of a subprogram that may need its name from elsewhere:
@@ -67,21 +63,10 @@ struct Unit {
 // The attributes of a subprogram entry that discovery reads, gathered in
 // one pass over the entry (the library would pass over it once for each
 // attribute asked for by name).  The first of a repeated attribute counts.
+// (GCC writes DW_AT_linkage_name rather than the vendor's abstract name; it
+// is not looked at.)
 struct SubprogramAttrs {
-  enum : unsigned {
-    NAME,
-    LOW_PC,
-    HIGH_PC,
-    RANGES,
-    ENTRY_PC,
-    ORIGIN,
-    INLINE,
-    ABSTRACT_NAME,
-    SPECIFICATION,
-    DECLARATION,
-    COUNT
-  };
-  Dwarf_Attribute at[COUNT];
+  Dwarf_Attribute at[ATTR_COUNT];
   unsigned present = 0;
 
   Dwarf_Attribute *get(unsigned k) { return present & (1u << k) ? &at[k] : nullptr; }
@@ -89,21 +74,8 @@ struct SubprogramAttrs {
 
   static int gather(Dwarf_Attribute *a, void *arg) {
     auto *self = static_cast<SubprogramAttrs *>(arg);
-    unsigned k;
-    switch (dwarf_whatattr(a)) {
-    case DW_AT_name: k = NAME; break;
-    case DW_AT_low_pc: k = LOW_PC; break;
-    case DW_AT_high_pc: k = HIGH_PC; break;
-    case DW_AT_ranges: k = RANGES; break;
-    case DW_AT_entry_pc: k = ENTRY_PC; break;
-    case DW_AT_abstract_origin: k = ORIGIN; break;
-    case DW_AT_inline: k = INLINE; break;
-    case kAbstractNameAttr: k = ABSTRACT_NAME; break;
-    case DW_AT_specification: k = SPECIFICATION; break;
-    case DW_AT_declaration: k = DECLARATION; break;
-    default: return DWARF_CB_OK;
-    }
-    if (!self->has(k)) {
+    unsigned k = discovery_attr(dwarf_whatattr(a));
+    if (k != ATTR_SIBLING && k != ATTR_NONE && !self->has(k)) {
       self->at[k] = *a;
       self->present |= 1u << k;
     }
@@ -261,9 +233,9 @@ private:
 
   PcRange read_pc_range(SubprogramAttrs &attrs, const char *text) {
     PcRange r;
-    Dwarf_Attribute *high = attrs.get(SubprogramAttrs::HIGH_PC);
+    Dwarf_Attribute *high = attrs.get(ATTR_HIGH_PC);
     if (high == nullptr) {
-      r.declaration = attrs.has(SubprogramAttrs::DECLARATION);
+      r.declaration = attrs.has(ATTR_DECLARATION);
       return r;
     }
     bool offset = is_constant_form(dwarf_whatform(high));
@@ -271,7 +243,7 @@ private:
     if (offset ? dwarf_formudata(high, &value) != 0 : dwarf_formaddr(high, &value) != 0)
       print_dwarf_error("dwarf_highpc in %s", text);
     r.have_high = true;
-    if (Dwarf_Attribute *low = attrs.get(SubprogramAttrs::LOW_PC)) {
+    if (Dwarf_Attribute *low = attrs.get(ATTR_LOW_PC)) {
       if (dwarf_formaddr(low, &r.low) != 0)
         print_dwarf_error("dwarf_lowpc in %s", text);
       r.have_low = true;
@@ -292,7 +264,7 @@ private:
       print_dwarf_error("dwarf_attr");
 
     EntryFacts f;
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::NAME)) {
+    if (Dwarf_Attribute *a = attrs.get(ATTR_NAME)) {
       f.raw_name = dwarf_formstring(a);
       if (f.raw_name == nullptr)
         print_dwarf_error("dwarf_diename");
@@ -302,11 +274,11 @@ private:
     f.pc = read_pc_range(attrs, text);
     if (f.pc.declaration)
       return false;
-    f.have_ranges = !f.pc.have_high && attrs.has(SubprogramAttrs::RANGES);
+    f.have_ranges = !f.pc.have_high && attrs.has(ATTR_RANGES);
     if (f.have_ranges)
       read_code_ranges(die, text, &ranges);
 
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ORIGIN)) {
+    if (Dwarf_Attribute *a = attrs.get(ATTR_ORIGIN)) {
       Dwarf_Die target;
       f.have_origin = dwarf_formref_die(a, &target) != nullptr;
       if (f.have_origin)
@@ -316,33 +288,27 @@ private:
     }
     // Any value but DW_INL_not_inlined makes the entry an abstract instance
     // root, whose code, if any, other entries describe.
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::INLINE)) {
+    if (Dwarf_Attribute *a = attrs.get(ATTR_INLINE)) {
       Dwarf_Word how = 0;
       f.inlined = dwarf_formudata(a, &how) == 0 && how != DW_INL_not_inlined;
       forget_dwarf_error();
     }
-    if (Dwarf_Attribute *a = attrs.get(SubprogramAttrs::ABSTRACT_NAME)) {
+    if (Dwarf_Attribute *a = attrs.get(ATTR_ABSTRACT_NAME)) {
       f.raw_linkage_name = dwarf_formstring(a);
       forget_dwarf_error();
     }
     f.offset = dwarf_dieoffset(die);
-    f.specification = attrs.has(SubprogramAttrs::SPECIFICATION);
+    f.specification = attrs.has(ATTR_SPECIFICATION);
     if (f.pc.have_high)
       ranges.assign(1, CodeRange{f.pc.low, f.pc.high});
     else if (!f.have_ranges)
       ranges.clear();
-    f.entry = f.pc.have_high || !f.have_ranges ? 0 : entry_range(attrs.get(SubprogramAttrs::ENTRY_PC), ranges);
+    f.entry = f.pc.have_high || !f.have_ranges ? 0 : entry_range(attrs.get(ATTR_ENTRY_PC), ranges);
     forget_dwarf_error();
     sink->entry(f, ranges);
     return true;
   }
 
-  // Entries nested deeper than this are refused.  Compilers stay far below
-  // it; the limit is there because the library finds the sibling of an
-  // entry without a DW_AT_sibling link by reading through all of the
-  // entry's descendants, so the walk costs the size of the tree times its
-  // depth.
-  static constexpr int kMaxDepth = 2048;
 
   // Marks the entry at offset reached; false when it was reached before.
   bool reach(uint64_t offset) {
@@ -378,9 +344,9 @@ private:
         if (!reach(offset))
           error("%s: the DWARF entry at offset %#llx is reached twice; the entry tree is damaged", option.program,
                 (unsigned long long)offset);
-        if (depth > kMaxDepth)
+        if (depth > kMaxEntryDepth)
           error("%s: the DWARF entry at offset %#llx is nested more than %d levels deep", option.program,
-                (unsigned long long)offset, kMaxDepth);
+                (unsigned long long)offset, kMaxEntryDepth);
         int tag = dwarf_tag(&die);
         if (tag == DW_TAG_invalid)
           print_dwarf_error("dwarf_tag");

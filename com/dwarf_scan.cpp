@@ -29,12 +29,26 @@ void KeptFacts::replay(FactSink &sink) const {
     }
 }
 
+unsigned discovery_attr(uint64_t attr) {
+  switch (attr) {
+  case DW_AT_name: return ATTR_NAME;
+  case DW_AT_low_pc: return ATTR_LOW_PC;
+  case DW_AT_high_pc: return ATTR_HIGH_PC;
+  case DW_AT_ranges: return ATTR_RANGES;
+  case DW_AT_entry_pc: return ATTR_ENTRY_PC;
+  case DW_AT_abstract_origin: return ATTR_ORIGIN;
+  case DW_AT_inline: return ATTR_INLINE;
+  case 0x2009: return ATTR_ABSTRACT_NAME;
+  case DW_AT_specification: return ATTR_SPECIFICATION;
+  case DW_AT_declaration: return ATTR_DECLARATION;
+  case DW_AT_sibling: return ATTR_SIBLING;
+  default: return ATTR_NONE;
+  }
+}
+
 namespace {
 
 bool scanner_in_use = true;
-
-// Entries nested deeper than this are the library's to refuse.
-constexpr int kMaxDepth = 2048;
 
 // A section's bytes in the input's image; none when it has none there.
 struct Bytes {
@@ -111,42 +125,6 @@ struct Reader {
     }
   }
 };
-
-// The attributes of a subprogram entry that discovery reads.
-enum Wanted : unsigned {
-  NAME,
-  LOW_PC,
-  HIGH_PC,
-  RANGES,
-  ENTRY_PC,
-  ORIGIN,
-  INLINE,
-  ABSTRACT_NAME,
-  SPECIFICATION,
-  DECLARATION,
-  SIBLING,
-  WANTED_COUNT,
-  NOT_WANTED = WANTED_COUNT
-};
-
-constexpr unsigned kAbstractNameAttr = 0x2009;
-
-unsigned wanted(uint64_t attr) {
-  switch (attr) {
-  case DW_AT_name: return NAME;
-  case DW_AT_low_pc: return LOW_PC;
-  case DW_AT_high_pc: return HIGH_PC;
-  case DW_AT_ranges: return RANGES;
-  case DW_AT_entry_pc: return ENTRY_PC;
-  case DW_AT_abstract_origin: return ORIGIN;
-  case DW_AT_inline: return INLINE;
-  case kAbstractNameAttr: return ABSTRACT_NAME;
-  case DW_AT_specification: return SPECIFICATION;
-  case DW_AT_declaration: return DECLARATION;
-  case DW_AT_sibling: return SIBLING;
-  default: return NOT_WANTED;
-  }
-}
 
 struct Spec {
   uint32_t form;
@@ -255,10 +233,10 @@ private:
           r.bad = true;
           break;
         }
-        Spec s{uint32_t(form), uint8_t(wanted(attr)), int8_t(size), 0};
+        Spec s{uint32_t(form), uint8_t(discovery_attr(attr)), int8_t(size), 0};
         if (form == DW_FORM_implicit_const)
           s.implicit = sleb(r);
-        if (s.want == SIBLING && a.sibling_at < 0 && fixed >= 0)
+        if (s.want == ATTR_SIBLING && a.sibling_at < 0 && fixed >= 0)
           a.sibling_at = fixed, a.sibling_form = s.form;
         fixed = size < 0 || fixed < 0 ? -1 : fixed + size;
         specs.push_back(s);
@@ -417,54 +395,55 @@ struct UnitScanner::State {
 
   // Reads the facts of a subprogram entry from the places of its
   // attributes, as the library's reading would give them.
-  void read_subprogram(uint64_t offset, const Found *at_, unsigned present, Sub &s) {
+  void read_subprogram(uint64_t offset, const Found *where, unsigned present, Sub &s) {
     auto has = [&](unsigned k) { return (present >> k) & 1; };
     EntryFacts &f = s.f;
     f.offset = offset;
-    if (has(NAME) && (f.raw_name = string_at(at_[NAME].form, at_[NAME].pos)) == nullptr)
+    if (has(ATTR_NAME) && (f.raw_name = string_at(where[ATTR_NAME].form, where[ATTR_NAME].pos)) == nullptr)
       s.library = true;
-    if (has(HIGH_PC)) {
-      uint32_t form = at_[HIGH_PC].form;
+    if (has(ATTR_HIGH_PC)) {
+      uint32_t form = where[ATTR_HIGH_PC].form;
       if (form != DW_FORM_addr && !is_plain_constant(form))
         s.library = true;
       f.pc.have_high = true;
-      uint64_t value = s.library ? 0 : value_at(at_[HIGH_PC]);
-      if (has(LOW_PC)) {
-        if (at_[LOW_PC].form != DW_FORM_addr)
+      uint64_t value = s.library ? 0 : value_at(where[ATTR_HIGH_PC]);
+      if (has(ATTR_LOW_PC)) {
+        if (where[ATTR_LOW_PC].form != DW_FORM_addr)
           s.library = true;
         else
-          f.pc.low = value_at(at_[LOW_PC]);
+          f.pc.low = value_at(where[ATTR_LOW_PC]);
         f.pc.have_low = true;
       }
       f.pc.high = form == DW_FORM_addr ? value : f.pc.low + value;
     } else {
-      f.pc.declaration = has(DECLARATION);
+      f.pc.declaration = has(ATTR_DECLARATION);
       s.declaration = f.pc.declaration;
       if (s.declaration)
         return; // the library reads no further either
-      if (has(RANGES))
+      if (has(ATTR_RANGES))
         s.library = true;
     }
-    if (has(ORIGIN)) {
-      if (!is_ref_form(at_[ORIGIN].form)) {
+    if (has(ATTR_ORIGIN)) {
+      if (!is_ref_form(where[ATTR_ORIGIN].form)) {
         s.library = true;
       } else {
         f.have_origin = true;
-        f.origin = at + value_at(at_[ORIGIN]);
+        f.origin = at + value_at(where[ATTR_ORIGIN]);
         s.origin_to_check = true; // once the unit's entries are known
       }
     }
-    if (has(INLINE)) {
-      uint32_t form = at_[INLINE].form;
+    if (has(ATTR_INLINE)) {
+      uint32_t form = where[ATTR_INLINE].form;
       if (is_plain_constant(form) || form == DW_FORM_implicit_const)
-        f.inlined = value_at(at_[INLINE]) != DW_INL_not_inlined;
+        f.inlined = value_at(where[ATTR_INLINE]) != DW_INL_not_inlined;
       else
         s.library = true;
     }
-    if (has(ABSTRACT_NAME) && (f.raw_linkage_name = string_at(at_[ABSTRACT_NAME].form, at_[ABSTRACT_NAME].pos)) ==
-                                  nullptr)
-      s.library = true;
-    f.specification = has(SPECIFICATION);
+    if (has(ATTR_ABSTRACT_NAME)) {
+      f.raw_linkage_name = string_at(where[ATTR_ABSTRACT_NAME].form, where[ATTR_ABSTRACT_NAME].pos);
+      s.library = s.library || f.raw_linkage_name == nullptr;
+    }
+    f.specification = has(ATTR_SPECIFICATION);
   }
 
   // Reads the unit's entries in the order they lie; false when the
@@ -510,7 +489,7 @@ struct UnitScanner::State {
       uint64_t sibling;
     };
     std::vector<Open> open;
-    Found found[WANTED_COUNT];
+    Found found[ATTR_COUNT];
     do {
       uint64_t offset = r.pos;
       uint64_t code = r.uleb();
@@ -572,15 +551,15 @@ struct UnitScanner::State {
           if (r.bad)
             return false;
           unsigned k = spec->want;
-          if (k != NOT_WANTED && !((present >> k) & 1)) {
+          if (k != ATTR_NONE && !((present >> k) & 1)) {
             present |= 1u << k;
             found[k] = {form, spec->implicit, pos};
           }
         }
-        if ((present >> SIBLING) & 1) {
-          if (!is_ref_form(found[SIBLING].form))
+        if ((present >> ATTR_SIBLING) & 1) {
+          if (!is_ref_form(found[ATTR_SIBLING].form))
             return false;
-          sibling = value_at(found[SIBLING]);
+          sibling = value_at(found[ATTR_SIBLING]);
           if (sibling == 0)
             return false;
         }
@@ -589,8 +568,11 @@ struct UnitScanner::State {
           subs.emplace_back();
           read_subprogram(offset, found, present, subs.back());
         }
-        if (index == 0 && ((present >> NAME) & 1) && (unit_name = string_at(found[NAME].form, found[NAME].pos)) == nullptr)
-          return false;
+        if (index == 0 && ((present >> ATTR_NAME) & 1)) {
+          unit_name = string_at(found[ATTR_NAME].form, found[ATTR_NAME].pos);
+          if (unit_name == nullptr)
+            return false;
+        }
       }
       nodes.push_back(n);
       if (a->children)
@@ -616,7 +598,7 @@ struct UnitScanner::State {
     auto visit_chain = [&](int32_t i, bool last) {
       for (; i >= 0; i = nodes[size_t(i)].next_sibling) {
         const Node &n = nodes[size_t(i)];
-        if (n.depth > kMaxDepth)
+        if (n.depth > kMaxEntryDepth)
           return false;
         bool walk_children = true;
         if (n.sub >= 0) {

@@ -21,6 +21,33 @@
 
 namespace vesk {
 
+// The attributes of a subprogram entry that discovery reads, by index (the
+// first of a repeated one counts); the scanner reads DW_AT_sibling too.
+enum DiscoveryAttr : unsigned {
+  ATTR_NAME,
+  ATTR_LOW_PC,
+  ATTR_HIGH_PC,
+  ATTR_RANGES,
+  ATTR_ENTRY_PC,
+  ATTR_ORIGIN,
+  ATTR_INLINE,
+  ATTR_ABSTRACT_NAME, // the vendor attribute 0x2009: a subprogram's linker-level name
+  ATTR_SPECIFICATION,
+  ATTR_DECLARATION,
+  ATTR_SIBLING,
+  ATTR_COUNT,
+  ATTR_NONE = ATTR_COUNT
+};
+// The index of attribute `attr`; ATTR_NONE for one discovery does not read.
+unsigned discovery_attr(uint64_t attr);
+
+// Entries nested deeper than this are refused (the library's walk does
+// that; the scanner leaves such a unit to it).  Compilers stay far below
+// it; the limit is there because the library finds the sibling of an entry
+// without a DW_AT_sibling link by reading through all of the entry's
+// descendants, so the walk costs the size of the tree times its depth.
+constexpr int kMaxEntryDepth = 2048;
+
 // The code range of a subprogram.  DW_AT_high_pc is either an address or,
 // from DWARF 4 on, an offset from DW_AT_low_pc.
 struct PcRange {

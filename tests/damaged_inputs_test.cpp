@@ -347,7 +347,8 @@ TEST(DamagedInputs, DamagedDwarfGivesTheRunTheLibraryAloneGives) {
   std::mt19937 rng(15);
   int refused = 0, cases = 0;
   for (const char *exe : {"o32d", "n64"})
-    for (const char *sec : {".debug_info", ".debug_info", ".debug_info", ".debug_abbrev", ".debug_abbrev", ".debug_str"})
+    for (const char *sec :
+         {".debug_info", ".debug_info", ".debug_info", ".debug_abbrev", ".debug_abbrev", ".debug_str"})
       for (int k = 0; k < 40; ++k, ++cases) {
         ScratchDir dir("scanned");
         write_file(dir / "prog", original(exe, cache));
