@@ -33,6 +33,8 @@ uint32_t lw(uint32_t rt, uint32_t base, uint32_t imm) { return 0x8c000000u | bas
 struct Image {
   std::vector<uint32_t> text = std::vector<uint32_t>(8, 0);
   std::vector<uint32_t> data = std::vector<uint32_t>(4, 0);
+  std::vector<uint32_t> got = {0, 0x400000, 0x410000, 0x12345};
+  std::vector<uint32_t> out_got; // the output's .got as the GOT update left it, if any
   std::vector<CompactRelEntry> entries;
 
   std::vector<uint8_t> old_text_bytes, new_text_bytes, got_bytes;
@@ -56,6 +58,12 @@ struct Image {
     for (const auto &e : entries)
       w.add_cr(e.type, e.konst, e.dist2to, e.vaddr);
     img.add({.name = ".compact_rel", .data = w.bytes()});
+    if (!out_got.empty()) {
+      SynthSection g = text_section(PLTGOT, out_got);
+      g.name = ".got";
+      g.flags = SHF_ALLOC | SHF_WRITE;
+      img.add(g);
+    }
     std::string path = img.write(temp_path("ucr"));
     fd = open(path.c_str(), O_RDONLY);
     elf = elf_begin(fd, ELF_C_READ, nullptr);
@@ -80,7 +88,7 @@ struct Image {
     bin.new_text_fill = 8;
     bin.gp_value = GP;
     bin.pltgot = PLTGOT;
-    for (uint32_t w : {0u, 0x400000u, 0x410000u, 0x12345u})
+    for (uint32_t w : got)
       put32(got_bytes, w);
     bin.got_buf = got_bytes.data();
     bin.got_count = 4;
@@ -193,6 +201,25 @@ TEST(UpdateCompactRel, SingleInstructionsOfOneAddressAgreeInAnyOrder) {
   EXPECT_EQ(formed(im.new_word(TEXT + 8), im.new_word(TEXT + 12)), 0x408000u);
   for (const CompactRelEntry &e : im.result())
     EXPECT_EQ(e.konst, 0x408000u);
+}
+
+// A page/offset pair whose page entry holds a procedure's address (A):
+// the GOT update re-pointed the entry with A, so the offset is taken from
+// the entry's new value, not from the page the pair had.
+TEST(UpdateCompactRel, PairsThroughARepointedPageEntryCountFromItsNewValue) {
+  Image im;
+  im.got[1] = A;
+  im.out_got = {0, 0x408000, 0x410000, 0x12345}; // A now lies at 0x408000
+  im.text[4] = lw(25, 28, PLTGOT + 4 - GP);
+  im.text[5] = addiu(25, 25, 4); // forms A+4
+  im.entries = {{5, A + 4, 4, B + 4}};
+  im.load();
+  update_compact_rel();
+  EXPECT_EQ(im.new_word(TEXT), lw(25, 28, PLTGOT + 4 - GP));
+  EXPECT_EQ(im.new_word(TEXT + 4), addiu(25, 25, 4));
+  auto r = im.result();
+  ASSERT_EQ(r.size(), 1u);
+  EXPECT_EQ(r[0].konst, 0x408004u);
 }
 
 // The gp set-up pairs: gp minus the address the set-up runs at (with the
