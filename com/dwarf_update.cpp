@@ -36,6 +36,7 @@
 #include "base/diag.h"
 #include "base/elf_class.h"
 #include "base/options.h"
+#include "base/search.h"
 #include "com/eh_frame.h"
 #include "com/elf.h"
 #include "com/xlate_table.h"
@@ -129,20 +130,8 @@ void map_range(uint64_t lo, uint64_t hi, std::vector<Piece> *out) {
   uint64_t stop = std::min(last, text_end);
   // The first break at or behind w.
   const std::vector<uint64_t> &at = breaks.at;
-  size_t k = breaks_hint;
-  if (k > at.size() || (k > 0 && at[k - 1] >= w)) {
-    k = size_t(std::lower_bound(at.begin(), at.end(), w) - at.begin());
-  } else if (k < at.size() && at[k] < w) {
-    // Most ranges lie a little behind the one before: gallop forward.
-    size_t lo = k + 1, hi = lo, step = 1;
-    while (hi < at.size() && at[hi] < w) {
-      lo = hi + 1;
-      hi = lo + step;
-      step *= 2;
-    }
-    hi = std::min(hi, at.size());
-    k = size_t(std::lower_bound(at.begin() + long(lo), at.begin() + long(hi), w) - at.begin());
-  }
+  // Most ranges lie a little behind the one before.
+  size_t k = first_not_before(at, breaks_hint, [w](uint64_t x) { return x < w; });
   breaks_hint = k;
   // lo lies in the stretch that ends behind break k (or behind the last).
   uint64_t new_start = start + breaks.shift_of(k);

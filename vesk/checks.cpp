@@ -15,6 +15,7 @@
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "base/mips.h"
+#include "base/search.h"
 #include "base/text_words.h"
 #include "com/eh_frame.h"
 #include "vesk/noreturn.h"
@@ -431,25 +432,14 @@ void tie_procedures_sharing_unwind_info() {
   }
   // The FDEs mostly come in address order: each search starts from where
   // the one before ended.
-  auto first_behind = [&by_addr](uint64_t lo, size_t hint) {
-    auto past = [lo](const Proc *p) { return lo < p->old_addr; };
-    if (hint > by_addr.size() || (hint > 0 && past(by_addr[hint - 1])))
-      hint = 0;
-    size_t step = 1, end = hint;
-    while (end < by_addr.size() && !past(by_addr[end]))
-      hint = end + 1, end += step, step *= 2;
-    end = std::min(end, by_addr.size());
-    return std::partition_point(by_addr.begin() + long(hint), by_addr.begin() + long(end),
-                                [&past](const Proc *p) { return !past(p); });
-  };
   size_t hint = 0;
   for (const UnwindSpan &s : spans) {
     // The procedures the span overlaps, in address order; each is tied to
     // the next when they lie back to back.  Code between them that no
     // procedure covers cannot be tied: the update refuses the layout if it
     // tore the span apart.
-    auto it = first_behind(s.lo, hint);
-    hint = size_t(it - by_addr.begin());
+    hint = first_not_before(by_addr, hint, [&s](const Proc *p) { return p->old_addr <= s.lo; });
+    auto it = by_addr.begin() + long(hint);
     if (it != by_addr.begin() && (*(it - 1))->old_addr + (*(it - 1))->size > s.lo)
       --it;
     for (; it != by_addr.end() && it + 1 != by_addr.end() && (*(it + 1))->old_addr < s.hi; ++it) {
